@@ -1,0 +1,42 @@
+# What every target of the project has in common, and the functions that make targets.
+
+find_package(Threads REQUIRED)
+
+add_library(rl_options INTERFACE)
+target_compile_options(rl_options INTERFACE -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Wold-style-cast
+  -Woverloaded-virtual -Wimplicit-fallthrough -Wundef -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(rl_options INTERFACE -Wthread-safety)
+endif()
+if(RL_SANITIZE)
+  target_compile_options(rl_options INTERFACE -fsanitize=${RL_SANITIZE} -fno-omit-frame-pointer
+    -fno-sanitize-recover=all)
+  target_link_options(rl_options INTERFACE -fsanitize=${RL_SANITIZE})
+endif()
+
+# The contracts, which are headers alone.
+add_library(rl_contracts INTERFACE)
+target_include_directories(rl_contracts INTERFACE ${PROJECT_SOURCE_DIR})
+target_link_libraries(rl_contracts INTERFACE rl_options Threads::Threads)
+
+# rl_library(NAME): a static library of all sources below the current folder.
+function(rl_library NAME)
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  add_library(${NAME} STATIC ${sources})
+  target_link_libraries(${NAME} PUBLIC rl_contracts)
+endfunction()
+
+# rl_tests(NAME FOLDER LIBRARIES...): one test program of all *Test.cpp right in that folder of
+# tests/, each of its cases registered with ctest. Every test file belongs to a program: the tests'
+# own CMakeLists.txt fails the configure step over one that does not.
+function(rl_tests NAME FOLDER)
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${FOLDER}/*Test.cpp)
+  set_property(GLOBAL APPEND PROPERTY RL_TEST_SOURCES ${sources})
+  if(NOT sources)
+    return()
+  endif()
+  add_executable(${NAME} ${sources})
+  target_link_libraries(${NAME} PRIVATE ${ARGN} rl_test_support GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${NAME} TEST_PREFIX "${FOLDER}/" PROPERTIES TIMEOUT 600
+    DISCOVERY_TIMEOUT 60)
+endfunction()
