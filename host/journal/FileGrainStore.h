@@ -1,0 +1,63 @@
+// Grains as files of a folder: "d-%010llu" and "m-%010llu".
+//
+// A data grain's file holds its blocks from offset 0, and from the offset that a full grain ends at
+// a table of one crc32c a block; between the last block and the table the file is a hole. A
+// metadata grain's file is its blocks.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "common/infra/Mutex.h"
+#include "host/journal/GrainStore.h"
+#include "host/journal/Storage.h"
+
+class AsyncFileIo;
+
+class FileGrainStore : public GrainStore
+{
+public:
+    // storage, io: not owned; they outlive the store. A read-only store opens its files so.
+    FileGrainStore(Storage& storage, std::string folder, bool readOnly, AsyncFileIo& io);
+    ~FileGrainStore() override;
+
+    RcStatus create(GrainKind kind, u64 grain) override;
+    RcStatus append(GrainKind kind, u64 grain, u32 firstBlock, const void* data, u32 blocks,
+                    const u32* checksums) override;
+    RcStatus sync(GrainKind kind, u64 grain) override;
+    RcStatus readMeta(u64 grain, u32 firstBlock, u32 blocks, void* data, u32* doneBlocks) override;
+    FutureStatus readData(std::vector<GrainRead> reads, AioPriority priority) override;
+    RcStatus list(GrainKind kind, std::vector<u64>* grains) override;
+    RcStatus metaBlocks(u64 grain, u32* blocks) override;
+    RcStatus cutMeta(u64 grain, u32 firstBlock) override;
+    RcStatus remove(GrainKind kind, u64 grain) override;
+    RcStatus syncRemovals() override;
+
+    static std::string fileName(GrainKind kind, u64 grain);
+
+private:
+    using FilePtr = std::shared_ptr<StorageFile>;
+    using Key = std::pair<GrainKind, u64>;
+
+    // An open file, and when it was used last.
+    struct OpenFile
+    {
+        FilePtr m_file;
+        u64 m_lastUse = 0;
+    };
+
+    RcStatus file(GrainKind kind, u64 grain, FilePtr* file) RL_EXCLUDES(m_mutex);
+    std::string path(GrainKind kind, u64 grain) const;
+
+    Storage& m_storage;
+    std::string m_folder;
+    bool m_readOnly;
+    AsyncFileIo& m_io;
+
+    Mutex m_mutex;
+    std::map<Key, OpenFile> m_files RL_GUARDED_BY(m_mutex);
+    u64 m_uses RL_GUARDED_BY(m_mutex) = 0;
+    bool m_namesDirty RL_GUARDED_BY(m_mutex) = false; // the folder has names that are not durable
+};

@@ -1,0 +1,54 @@
+// A folder of a file system as a Storage.
+#pragma once
+
+#include "host/journal/Storage.h"
+
+// A file or block device by its descriptor, which it owns.
+class PosixFile : public StorageFile
+{
+public:
+    explicit PosixFile(int fd) : m_fd(fd) {}
+    ~PosixFile() override;
+    PosixFile(const PosixFile&) = delete;
+    PosixFile& operator=(const PosixFile&) = delete;
+
+    // Opens a file by its path, outside of any storage. Statuses as Storage::open().
+    static RcStatus open(const std::string& path, StorageAccess access,
+                         std::unique_ptr<StorageFile>* file);
+
+    RcStatus pread(void* data, u64 bytes, u64 offsetBytes, u64* doneBytes) override;
+    RcStatus pwrite(const void* data, u64 bytes, u64 offsetBytes) override;
+    RcStatus sync() override;
+    RcStatus size(u64* bytes) override; // of a block device too
+    RcStatus truncate(u64 bytes) override;
+    RcStatus zeroRange(u64 offsetBytes, u64 bytes) override;
+    RcStatus nextData(u64 offsetBytes, u64* startBytes, u64* endBytes) override;
+    RcStatus lock() override;
+    int fd() const override { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+class FileStorage : public Storage
+{
+public:
+    // root: a folder that exists.
+    explicit FileStorage(std::string root);
+
+    RcStatus open(const std::string& name, StorageAccess access,
+                  std::unique_ptr<StorageFile>* file) override;
+    RcStatus list(const std::string& folder, std::vector<std::string>* names) override;
+    RcStatus makeDir(const std::string& folder) override;
+    RcStatus remove(const std::string& name) override;
+    RcStatus rename(const std::string& from, const std::string& to) override;
+    RcStatus syncDir(const std::string& folder) override;
+
+private:
+    std::string path(const std::string& name) const;
+
+    std::string m_root;
+};
+
+// The status of a failed system call.
+RcStatus rcFromErrno(int error);

@@ -1,0 +1,155 @@
+// The journal: every write of a protected volume in the order in which it was accepted, with
+// checkpoints between them.
+//
+// A request (a write or a run of zeroes) is one logical item, however many metadata items it was
+// split into; checkpoints are not counted. Data goes to its grain when it is appended; the metadata
+// that refers to it is written by the flush that makes both durable.
+//
+// Thread safety: any thread, except open and destruction. The journal's order is the order in which
+// the append calls took the store's lock.
+//
+// Invariants: 1. data is durable before any metadata page that refers to it is written;
+//             2. a metadata page is never written again once its flush was acknowledged;
+//             3. what lies after a crash is a prefix of what was appended, never half a request,
+//                and holds all that a flush acknowledged;
+//             4. after an input/output error nothing more is accepted until the journal is opened
+//                anew: what the disk holds is not known before that.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Sfs/SfsInterface.h"
+#include "Sfs/SfsMetaDataContainer.h"
+#include "host/journal/Compression.h"
+#include "host/journal/GrainStore.h"
+#include "host/journal/JournalFormat.h"
+#include "host/journal/Storage.h"
+
+class AsyncFileIo;
+
+enum class JournalMode
+{
+    ReadOnly, // needs no lock; sees the journal as it is when opened
+    Writer,   // the only one; makes an empty journal where there is none
+};
+
+// What to do with a journal that does not end whole.
+enum class JournalRecovery
+{
+    Strict,      // refuse it
+    Tail,        // cut an end that was never acknowledged; refuse damage
+    PointInTime, // end at the first damage; as a writer, cut all that follows
+    Salvage,     // leave out what is damaged and go on behind it
+};
+
+struct JournalOptions
+{
+    JournalMode mode = JournalMode::ReadOnly;
+    JournalRecovery recovery = JournalRecovery::Tail;
+    Compression compression = Compression::None;
+    u64 limitBytes = 0;             // most bytes the journal may take; 0 for no limit
+    u64 volumeBlocks = 0;           // items beyond are refused; 0 for no check
+    std::string folder = "journal"; // within the storage
+    std::function<u64()> nowUs;     // microseconds since 1970 in UTC; empty: the system's clock
+    u32 autoFlushItems = 16384;     // so many items pending are flushed by the appender
+    AsyncFileIo* io = nullptr;      // not owned; null: the process-wide one
+};
+
+// A damaged place of the journal's metadata, or of its tags.
+struct JournalDamage
+{
+    std::string m_where;  // "metadata grain 1 page 7 (items 105 to 119)"
+    std::string m_reason; // "checksum mismatch"
+};
+
+// What opening found and did.
+struct JournalReport
+{
+    u64 m_cutPages = 0;     // metadata pages of an incomplete end (or behind damage) left out
+    u64 m_skippedPages = 0; // damaged pages left out by salvage
+    std::vector<JournalDamage> m_damage;
+    std::string m_text; // one line for people; empty when the journal was whole
+};
+
+struct JournalCheckpoint
+{
+    CpId_t m_id = 0;
+    u64 m_timestampUs = 0; // since 1970 in UTC; never before the one of the checkpoint before
+    u64 m_itemsBefore = 0; // logical items
+    std::string m_tag;     // empty for none
+    JournalPtr m_ptr = JournalPtr::invalid; // of its item; invalid until flushed
+};
+
+class JournalStore : public SfsInterface
+{
+public:
+    struct Opened
+    {
+        RcStatus m_rc = RC_SUCCESS;
+        std::string m_message; // one line for people when m_rc is a failure
+        JournalReport m_report;
+        std::unique_ptr<JournalStore> m_store; // null when m_rc is a failure
+    };
+
+    // Opens the journal of a storage, which outlives the store. Reads and checks all metadata, and
+    // as a writer removes for good what recovery cut off.
+    // RC_NOT_FOUND: no journal (as a reader); RC_IN_USE: another writer has it; RC_DAMAGED: see
+    // m_message and m_report; RC_IO_ERROR, RC_NO_SPACE.
+    static Opened open(Storage& storage, const JournalOptions& options);
+
+    // A writer's orderly end flushes, and marks the end so that damage of the last pages can be
+    // told from a crash. Failures of that are logged.
+    ~JournalStore() override;
+
+    // Appends one request; lengthBlocks > 0. Not durable before a flush, but read back at once.
+    // RC_NO_SPACE: the limit is reached or the disk is full, nothing changed; RC_BAD_ARGUMENT: zero
+    // length, beyond the volume, or not a writer; RC_IO_ERROR: nothing more is accepted.
+    RcStatus append(u64 offsetBlocks, const void* data, u32 lengthBlocks);
+    RcStatus appendZeroes(u64 offsetBlocks, u64 lengthBlocks);
+
+    // Appends a checkpoint and flushes: durable when it returns RC_SUCCESS. tag: at most 255 bytes
+    // without control characters; empty for none. *id: its id, from 1 upwards.
+    RcStatus appendCheckpoint(const std::string& tag, CpId_t* id);
+
+    // Makes all that was appended before durable. Callers at the same time share one flush.
+    // RC_NO_SPACE: not durable, but kept; a later flush tries again.
+    RcStatus flush();
+
+    // Closes as the destructor does, and says how it went. Appends fail afterwards.
+    RcStatus close();
+
+    // Logical items accepted; with `durable`, flushed.
+    u64 itemCount() const;
+    u64 durableItemCount() const;
+    std::vector<JournalCheckpoint> checkpoints() const;
+
+    // Bytes of data and metadata, with their checksums.
+    u64 bytesUsed() const;
+    u64 limitBytes() const;
+    Compression compression() const;
+
+    // The first metadata page that is not written yet: scanners read up to here.
+    u64 endPage() const;
+    bool skipsDamage() const; // opened with salvage
+    const JournalReport& report() const;
+    u64 volumeBlocks() const;
+    GrainStore& grains();
+
+    // A damaged stream is remembered while the store lives; RC_SUCCESS always.
+    RcStatus setPersistentStreamStatus(AsyncTask* pAsyncTask, u64 mirrorId, RcStatus status,
+                                       u64 flags) override;
+    RcStatus streamStatus() const;
+
+    // Beside those of the interface: RC_BAD_ARGUMENT (a read across grains, or a buffer of another
+    // size), RC_DAMAGED (a grain that is missing or ends before the blocks).
+    FutureStatus readStored(const std::vector<IODescriptorEx>& ios, AioPriority priority) override;
+
+private:
+    struct Impl;
+    explicit JournalStore(std::unique_ptr<Impl> impl);
+
+    std::unique_ptr<Impl> m_impl;
+};
