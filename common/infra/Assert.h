@@ -18,12 +18,16 @@
 
 #include "common/infra/LogItem.h"
 
-#define SOFT_CHECK(condition, ...) SOFT_CHECK_EXPANDED(condition, __VA_ARGS__)
+#define SOFT_CHECK(condition, ...) SOFT_CHECK_EXPANDED(__PRETTY_FUNCTION__, condition, __VA_ARGS__)
 
-#define SOFT_CHECK_EXPANDED(condition, ...)                                                        \
+// The same, reported under another function's signature: for a step that several functions share.
+#define SOFT_CHECK_IN(signature, condition, ...)                                                   \
+    SOFT_CHECK_EXPANDED(signature, condition, __VA_ARGS__)
+
+#define SOFT_CHECK_EXPANDED(signature, condition, ...)                                             \
     do {                                                                                           \
         if (__builtin_expect(!(condition), 0)) {                                                   \
-            LogItem(LogModuleXel, AssertLevel, __PRETTY_FUNCTION__, 3)                             \
+            LogItem(LogModuleXel, AssertLevel, signature, 3)                                       \
                 << " " << __FILE__ << " " << __LINE__ << ": " << #condition                        \
                 << " failed. " __VA_ARGS__ << std::endl;                                           \
         }                                                                                          \

@@ -1,0 +1,42 @@
+#include "RegionLocator/RL_LockWaiter.h"
+
+#include "RegionLocator/RegionLocator.h"
+#include "common/headers/AsyncTaskControl.h"
+
+RL_LockWaiter::RL_LockWaiter(RegionLocator* a_regionLocator, AsyncTask* a_pAsyncTask,
+                             std::vector<SubRegionDescriptor>* a_subRegionsResult,
+                             RegionLocatorVoucher* a_voucher)
+    : m_regionLocator(a_regionLocator), m_pAsyncTask(a_pAsyncTask),
+      m_subRegionsResult(a_subRegionsResult), m_voucher(a_voucher)
+{}
+
+void RL_LockWaiter::prepareVoucher()
+{
+    RegionLocatorMemPool* pool = m_regionLocator->getMemPool();
+    SOFT_CHECK(pool->getActiveVoucher() == NULL);
+    pool->setActiveVoucher(m_voucher);
+}
+
+void RL_LockWaiter::cleanup()
+{
+    m_regionLocator->getMemPool()->setActiveVoucher(nullptr);
+    AsyncTaskControlPriority::getControl(AsyncTaskPriority::Normal)
+        ->enqueueToReadyQueue(m_pAsyncTask, AsyncTaskQueue::ASYNC_TASK_Q_ID__RDY_CONTROL,
+                              RC_SUCCESS);
+}
+
+RL_LockWaiter_lookup::RL_LockWaiter_lookup(RegionLocator* a_regionLocator, u64 a_viewOffsetBlocks,
+                                           u32 a_lengthBlocks, AsyncTask* a_pAsyncTask,
+                                           std::vector<SubRegionDescriptor>* a_subRegionsResult,
+                                           RegionLocatorVoucher* a_voucher)
+    : RL_LockWaiter(a_regionLocator, a_pAsyncTask, a_subRegionsResult, a_voucher),
+      m_viewOffsetBlocks(a_viewOffsetBlocks), m_lengthBlocks(a_lengthBlocks)
+{}
+
+void RL_LockWaiter_lookup::resume()
+{
+    m_regionLocator->m_mutex.assertHeld();
+    prepareVoucher();
+    *m_subRegionsResult = m_regionLocator->resumeLookup(m_viewOffsetBlocks, m_lengthBlocks);
+    cleanup();
+}

@@ -1,0 +1,231 @@
+// The index that tells, for each block of a protected volume's view, whether its newest copy lies
+// in the journal, and where, or only on the target volume.
+//
+// It is an ordered set of regions that do not overlap. Each maps a run of view blocks to a run of
+// blocks within one journaled IO; a later IO overrides the parts of earlier ones that it overlaps.
+// A reader locks the pieces that it reads, and what is locked cannot be overridden.
+//
+// When not to use it: for a set of ranges without positions in a journal, or where every operation
+// may allocate. Its callers pay for speed by reserving memory beforehand, in vouchers.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "RegionLocator/CountedRegionMap.h"
+#include "RegionLocator/RL_LockWaiter.h"
+#include "RegionLocator/RegionLocatorCounters.h"
+#include "RegionLocator/RegionLocatorMemPool.h"
+#include "RegionLocator/RegionLocatorStatistics.h"
+#include "RegionLocator/SubRegionDescriptor.h"
+#include "common/headers/AsyncTask.h"
+#include "common/infra/MemWatchedContainer.h"
+#include "common/infra/Mutex.h"
+#include "common/infra/RcStatus.h"
+
+class RegionLocatorMetaDataContainer_Insert;
+class RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly;
+
+// All lengths and offsets are in blocks; ranges are half-open: [offset, offset + length).
+//
+// Thread safety: every public operation from any thread, unless its comment says otherwise; each
+// holds the locator's mutex for its whole length. "...Locked" operations are for who holds it.
+//
+// Vouchers: an operation draws the map nodes that it may need from the voucher that its caller
+// passes, filled beforehand with RegionLocatorMemPool::getVoucherRequirement() tokens, and puts the
+// nodes that it frees into it. The locator neither keeps nor frees it. No operation waits for
+// memory or takes any from the heap, but for the result vectors, which belong to the caller.
+//
+// Invariants: 1. a view block is covered by at most one region of the two maps together;
+//             2. a locked region is exactly a piece that was handed to a caller;
+//             3. what is locked is not overridden: an insert that meets it is refused;
+//             4. at most one request waits. A second one that would stops the process, so
+//                requests that may meet locked regions come through a gate of their callers';
+//             5. a waiting request is woken only when nothing at all is locked any more.
+//
+//   state \ request     | locking lookup     | lookup that meets a | unlock that    | unlock that
+//                       | beside the locks   | locked piece        | leaves locks   | leaves none
+//   --------------------+--------------------+---------------------+----------------+-------------
+//   nothing locked      | locked, RC_SUCCESS | -                   | -              | process stops
+//   some locked         | more locked        | parks, RC_WAIT      | fewer locked   | none locked
+//   some locked, parked | more locked        | process stops       | stays parked   | waiter
+//   resumed
+class RegionLocator : public MemWatchedContainer
+{
+public:
+    // id: for the pool's log lines. mmiType: which account pays for its memory.
+    RegionLocator(u64 id, RegionLocatorMmiType mmiType);
+
+    // Writes the statistics line. REQUIRES: nobody else uses the locator or a voucher of it any
+    // more. A request that still waits is neither woken nor freed.
+    ~RegionLocator() override;
+
+    // ---- insertion ----
+
+    // Stores the region, overriding what it overlaps. False: it overlaps a locked region, and
+    // nothing has changed; the voucher is untouched. REQUIRES: a length above 0, else the process
+    // stops. Tokens: INSERT, 1.
+    bool insert(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher);
+
+    // ---- lookup and locking ----
+
+    // Replaces the result with the pieces of stored regions within the range, clipped to it,
+    // ascending; gaps have no entry.
+    //
+    // a_lock false: RC_SUCCESS; pieces that others hold locked are among them; nothing changes, and
+    // the voucher may be null.
+    // a_lock true, and nothing in the range is locked: RC_SUCCESS; the pieces are locked for the
+    // caller, who gives them back with an unlock. Tokens: LOOKUP_LOCKED, one for each piece.
+    // a_lock true, and anything in the range is locked: RC_WAIT; nothing is locked and the result
+    // is untouched until the task is resumed with RC_SUCCESS, by which time the pieces are locked
+    // in the result. Task, result and voucher live until then.
+    RcStatus lookup(AsyncTask* pAsyncTask, u64 a_viewOffsetBlocks, u32 a_lengthBlocks,
+                    std::vector<SubRegionDescriptor>* a_subRegionsResult, bool a_lock,
+                    RegionLocatorVoucher* voucher);
+
+    // Unlock pieces that were handed out: drop them, or put them back, where neighbours of one IO
+    // may become one region again. The unlock that leaves nothing locked resumes the waiting
+    // request. An empty list does nothing. REQUIRES: the pieces are locked, else the process stops.
+    // Tokens: LOOKUP_LOCKED, one for each piece.
+    void unlockAndRemove(std::vector<SubRegionDescriptor>& a_regions,
+                         RegionLocatorVoucher* a_voucher);
+    void unlockAndRestore(std::vector<SubRegionDescriptor>& a_regions,
+                          RegionLocatorVoucher* a_voucher);
+
+    // ---- removal ----
+
+    // Takes every block of the range out of the locator, whatever IO it came from; regions that
+    // stick out of the range keep the parts outside. REQUIRES: nothing is locked, else the process
+    // stops. Tokens: REMOVE, 1.
+    void remove(u64 a_viewOffsetBlocks, u32 a_lengthBlocks, RegionLocatorVoucher* voucher);
+
+    // ---- contents and statistics ----
+
+    // The smallest first block, locked or not; all ones when there is none. The name is the
+    // interface's (sic).
+    u64 getFirstOffest();
+
+    // Walk the regions that are not locked. The locator is immutable from then on: the caller keeps
+    // writers out, and an operation that changes it reports a failed check and goes on.
+    RegionMap::const_iterator getConstBeginIterator();
+    RegionMap::const_iterator getConstEndIterator();
+
+    // Blocks covered, and number of regions, locked or not.
+    u64 getTotalRegionBlocksLocked() RL_REQUIRES(m_mutex);
+    u64 getTotalRegionBlocks();
+    u64 getItemCountLocked() RL_REQUIRES(m_mutex);
+    u64 getItemCount() override;
+
+    // Takes no lock: for callers that keep changes away or accept a momentary view.
+    RegionLocatorStatistics getStatistics() RL_NO_THREAD_SAFETY_ANALYSIS;
+
+    // Merges of restored neighbours so far. Takes no lock, as getStatistics().
+    u64 getMerges() const RL_NO_THREAD_SAFETY_ANALYSIS { return m_counters.getMerges(); }
+
+    // Writes the "RLSTATS " line.
+    void printStatistics(const std::string& prefix);
+
+    // ---- what belongs to the locator ----
+
+    // For vouchers. Owned by the locator.
+    RegionLocatorMemPool* getMemPool() { return &m_memPool; }
+
+    // The feeders through which a journal scan builds this locator; one scan at a time. Owned by
+    // the locator.
+    RegionLocatorMetaDataContainer_Insert* getInsertContainer() { return m_insertContainer; }
+    RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly* getInsertAllButRemoveMdOnlyContainer()
+    {
+        return m_insertAllButRemoveMdOnlyContainer;
+    }
+
+private:
+    friend class RegionLocatorTestAccess;
+    friend class RL_LockWaiter_lookup;
+
+    using Exclude = std::function<bool(const SubRegionDescriptor&)>;
+
+    // What is left of a region that another one is cut out of: at most a left and a right piece.
+    struct Remainders
+    {
+        void add(const SubRegionDescriptor& piece) { m_pieces[m_count++] = piece; }
+        SubRegionDescriptor m_pieces[2] = {SubRegionDescriptor(0), SubRegionDescriptor(0)};
+        u32 m_count = 0;
+    };
+
+    // ---- geometry: computes, changes nothing ----
+
+    bool checkIntersection(const SubRegionDescriptor& region, u64 offsetBlocks,
+                           u32 lengthBlocks) const;
+    bool checkIntersection(const SubRegionDescriptor& a, const SubRegionDescriptor& b) const;
+    // The piece inside the range. REQUIRES: there is one.
+    SubRegionDescriptor getIntersection(const SubRegionDescriptor& region, u64 offsetBlocks,
+                                        u32 lengthBlocks) const;
+    // Whether both cover the same blocks; then they are checked to be the same piece of one IO.
+    bool equalSubregions(const SubRegionDescriptor& a_region1,
+                         const SubRegionDescriptor& a_region2) const;
+    // What remains of the older region 1 outside the newer region 2, left piece first.
+    std::vector<SubRegionDescriptor> subtractRegions(const SubRegionDescriptor& a_region1,
+                                                     const SubRegionDescriptor& a_region2) const;
+    Remainders computeRemainders(const SubRegionDescriptor& a_region1,
+                                 const SubRegionDescriptor& a_region2) const;
+    // Whether `right` may become one region with `left`.
+    bool canCombine(const SubRegionDescriptor& left, const SubRegionDescriptor& right);
+    // The region before `pos` in the unlocked map, or the map's end when there is none.
+    RegionMap::const_iterator getLeftNeighbor(const SubRegionDescriptor& region,
+                                              RegionMap::const_iterator pos) RL_REQUIRES(m_mutex);
+    SubRegionDescriptor combineR2L(const SubRegionDescriptor& left,
+                                   const SubRegionDescriptor& right, const std::string& message)
+        RL_REQUIRES(m_mutex);
+
+    // ---- range queries ----
+
+    template <class Visit> void visitIntersecting(const CountedRegionMap* map, u64 offsetBlocks,
+                                                  u32 lengthBlocks, Visit visit) const;
+    u32 countIntersecting(const CountedRegionMap* map, u64 offsetBlocks, u32 lengthBlocks) const;
+    void appendIntersecting(const CountedRegionMap* map, u64 offsetBlocks, u32 lengthBlocks,
+                            std::vector<SubRegionDescriptor>* pieces) const;
+    std::vector<SubRegionDescriptor> getIntersectingRegions(const CountedRegionMap* map,
+                                                            u64 offsetBlocks, u32 lengthBlocks,
+                                                            Exclude exclude) const;
+    std::vector<SubRegionDescriptor>
+    getIntersectingRegions(const CountedRegionMap* map, u64 offsetBlocks, u32 lengthBlocks) const;
+    // The pieces in the region's view range that belong to the same journal data as it.
+    std::vector<SubRegionDescriptor>
+    getIntersectingRegionsExact(const CountedRegionMap* map, const SubRegionDescriptor& desc) const;
+
+    // ---- changes: under the mutex, with a voucher active ----
+
+    // Cut the blocks of each element, a piece of a stored region, out of the map.
+    void punchOutRegions(CountedRegionMap* a_regionMap,
+                         const std::vector<SubRegionDescriptor>& a_regions) RL_REQUIRES(m_mutex);
+    // The same for every piece within a range, in one walk and without a list of them. Returns the
+    // first region that starts at or after the end of the range.
+    RegionMap::const_iterator punchOutRange(CountedRegionMap* a_regionMap, u64 offsetBlocks,
+                                            u32 lengthBlocks) RL_REQUIRES(m_mutex);
+    RegionMap::const_iterator punchOutPiece(CountedRegionMap* a_regionMap,
+                                            RegionMap::const_iterator iter,
+                                            const SubRegionDescriptor& curRegion)
+        RL_REQUIRES(m_mutex);
+    bool insertAndCombine(const SubRegionDescriptor& desc) RL_REQUIRES(m_mutex);
+    void lockRegions(const std::vector<SubRegionDescriptor>& a_regions) RL_REQUIRES(m_mutex);
+    void unlockRegions(std::vector<SubRegionDescriptor>& a_regions, bool bRestore,
+                       RegionLocatorVoucher* a_voucher);
+    std::vector<SubRegionDescriptor> resumeLookup(u64 a_offsetBlocks, u32 a_lengthBlocks)
+        RL_REQUIRES(m_mutex);
+
+    // Empties a map, giving its tokens back in batches. For the destructor.
+    void clearMap(CountedRegionMap* map);
+
+    Mutex m_mutex;
+    bool m_immutable RL_GUARDED_BY(m_mutex);
+    RegionLocatorMemPool m_memPool;
+    RlAllocator<int> m_memAllocator;
+    CountedRegionMap* m_unlockedRegions RL_PT_GUARDED_BY(m_mutex);
+    CountedRegionMap* m_lockedRegions RL_PT_GUARDED_BY(m_mutex);
+    RL_LockWaiter* m_lockWaiter RL_GUARDED_BY(m_mutex);
+    RegionLocatorCounters m_counters RL_GUARDED_BY(m_mutex);
+    bool t_combineRegionsDuringRestore;
+    RegionLocatorMetaDataContainer_Insert* m_insertContainer;
+    RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly* m_insertAllButRemoveMdOnlyContainer;
+};

@@ -1,0 +1,203 @@
+#include "RegionLocator/RegionLocatorMemPool.h"
+
+#include <limits>
+#include <string>
+
+#include "common/infra/MemShield.h"
+
+namespace {
+
+constexpr u32 TOKEN_BYTES = 64;
+
+MemoryPoolImpl* globalPool()
+{
+    return Singleton<MemoryPoolImpl, MemoryPoolImpl>::instance();
+}
+
+// Moves the chunks of a finished fill into the voucher, and only then tells the caller.
+class FillVoucherObserver : public FutureObserver<RcStatus>
+{
+public:
+    explicit FillVoucherObserver(RegionLocatorVoucher* voucher) : m_voucher(voucher) {}
+
+    void update(const RcStatus& rc) override
+    {
+        if (rc != RC_SUCCESS)
+            m_buf.deleteContent();
+        else
+            m_voucher->addMemorySegments(m_buf);
+        m_fs.set(rc);
+        SHIELD_DELETE(this);
+    }
+
+    ScatteredBuf m_buf;
+    FutureStatus m_fs;
+    RegionLocatorVoucher* m_voucher;
+};
+
+} // namespace
+
+// ---- the sub-pool: where its large blocks come from ----
+
+// Waits for one block of the process-wide pool and notes its address.
+class RegionLocatorMemPool::AllocationHelper : public FutureObserver<RcStatus>
+{
+public:
+    explicit AllocationHelper(u8** arr) : m_arr(arr) {}
+
+    void update(const RcStatus& rc) override
+    {
+        if (rc == RC_SUCCESS) {
+            const u32 segsCount = m_buf.getSegmentsCount();
+            SOFT_CHECK(m_buf.getSegmentsCount() == 1, << "segsCount=" << segsCount);
+            *m_arr = m_buf.getSegment(0).getPtr();
+        }
+        SHIELD_DELETE(this);
+    }
+
+    u8** m_arr;
+    ScatteredBuf m_buf;
+};
+
+RegionLocatorMemPool::RegionLocatorMemPool(u64 id, RegionLocatorMmiType type)
+    : m_id(id), m_mmi(nullptr), m_dummyMmi(nullptr), m_activeVoucher(nullptr),
+      m_activeVouchersCountForDebug(0)
+{
+    init(TOKEN_BYTES, 0, std::numeric_limits<u64>::max());
+    std::string name;
+    switch (type) {
+    case RL_MMI_MD5: name = "Md5_RLs"; break;
+    case RL_MMI_View:
+    case RL_MMI_Backup:
+    case RL_MMI_Apply: name = "View_RLs"; break;
+    default: SOFT_CHECK(false, << " mmiType=" << static_cast<u32>(type) << " "); break;
+    }
+    m_mmi = globalPool()->getMmi(name);
+    m_dummyMmi = createMmiInternal("dummy");
+    globalPool()->registerSubMemPool(this);
+}
+
+RegionLocatorMemPool::~RegionLocatorMemPool()
+{
+    SOFT_CHECK(m_activeVouchersCountForDebug == 0,
+               << "RLMemPool<" << m_id << "> "
+               << "there are still " << m_activeVouchersCountForDebug << " active vouchers");
+    globalPool()->unregisterSubMemPool(this);
+    destroyMmi(m_dummyMmi);
+    destroy();
+}
+
+void RegionLocatorMemPool::printMemoryUsage()
+{
+    if (globalPool()->getMmiPendingRequests(m_dummyMmi) == 0)
+        return;
+    LogItem(LogModuleXel, InfoLevel, __PRETTY_FUNCTION__, 0)
+        << "RLMemPool<" << m_id << "> "
+        << "pendingRequest=" << globalPool()->getMmiPendingRequests(m_dummyMmi) << std::endl;
+}
+
+FutureStatus RegionLocatorMemPool::allocate(u32 sizeBytes, u8** out)
+{
+    auto* helper = SHIELD_NEW(AllocationHelper, out);
+    FutureStatus filled = globalPool()->fillBufFuture(m_id, &helper->m_buf, sizeBytes, m_mmi, this);
+    filled.attach(helper);
+    return filled;
+}
+
+void RegionLocatorMemPool::freeAllocation(u8* ptr, u32 sizeBytes)
+{
+    MemorySegment(sizeBytes, ptr, m_mmi).deleteContent();
+}
+
+bool RegionLocatorMemPool::cancelAllocation()
+{
+    globalPool()->cancelBufferFill(this);
+    return true;
+}
+
+u32 RegionLocatorMemPool::maxAllocationSize()
+{
+    return globalPool()->getChunkSize() / getChunkSize() * getChunkSize();
+}
+
+// ---- vouchers ----
+
+int RegionLocatorMemPool::getVoucherRequirement(ActionType action, int count)
+{
+    switch (action) {
+    case LOOKUP_LOCKED:
+    case INSERT: return 2 * count;
+    case REMOVE:
+    case LOCK_AND_REMOVE: return count;
+    }
+    SOFT_CHECK(false, << "unknown action type" << static_cast<u32>(action));
+    return 0;
+}
+
+RegionLocatorVoucher* RegionLocatorMemPool::createVoucher()
+{
+    auto* voucher = SHIELD_NEW(RegionLocatorVoucher);
+    ++m_activeVouchersCountForDebug;
+    return voucher;
+}
+
+FutureStatus RegionLocatorMemPool::fillVoucher(RegionLocatorVoucher* voucher, int count,
+                                               u64 timeout, void* token)
+{
+    SOFT_CHECK(voucher->empty(), << "RLMemPool<" << m_id << "> "
+                                 << "voucher not empty");
+    if (count == 0)
+        return makeSetFuture(RC_SUCCESS);
+    auto* observer = SHIELD_NEW(FillVoucherObserver, voucher);
+    const u32 sizeBytes = static_cast<u32>(count) * getChunkSize();
+    FutureStatus filled;
+    if (timeout != 0)
+        filled =
+            fillBufFutureWithTimeout(m_id, &observer->m_buf, sizeBytes, m_dummyMmi, timeout, token);
+    else
+        filled.set(fillBufNoWait(&observer->m_buf, sizeBytes, m_dummyMmi));
+    // Copied before the observer is attached: it may run at once, and deletes itself.
+    FutureStatus result = observer->m_fs;
+    filled.attach(observer);
+    return result;
+}
+
+void RegionLocatorMemPool::cancelVoucherFill(void* token)
+{
+    cancelBufferFill(token);
+}
+
+void RegionLocatorMemPool::clearVoucher(RegionLocatorVoucher* voucher)
+{
+    voucher->clear(this, m_dummyMmi);
+}
+
+void RegionLocatorMemPool::destroyVoucher(RegionLocatorVoucher* voucher)
+{
+    clearVoucher(voucher);
+    SOFT_CHECK(m_activeVouchersCountForDebug > 0, << "RLMemPool<" << m_id << "> ");
+    --m_activeVouchersCountForDebug;
+    SHIELD_DELETE(voucher);
+}
+
+void RegionLocatorMemPool::setActiveVoucher(RegionLocatorVoucher* voucher)
+{
+    if (m_activeVoucher != nullptr)
+        SOFT_CHECK(voucher == NULL, << "RLMemPool<" << m_id << "> "
+                                    << "a voucher is already set");
+    m_activeVoucher = voucher;
+}
+
+// ---- tokens ----
+
+void* RegionLocatorMemPool::getToken()
+{
+    SOFT_CHECK(m_activeVoucher != NULL, << "RLMemPool<" << m_id << "> ");
+    return m_activeVoucher->getObj();
+}
+
+void RegionLocatorMemPool::freeToken(void* token)
+{
+    SOFT_CHECK(m_activeVoucher != NULL, << "RLMemPool<" << m_id << "> ");
+    m_activeVoucher->addObj(static_cast<u8*>(token));
+}
