@@ -31,7 +31,7 @@ private:
     // Ids grow, so that timers of one deadline keep the order in which they came.
     using Key = std::pair<u64, Clock::TimerId>;
 
-    std::map<Key, Callback> m_timers; // those that can become due
+    std::map<Key, Callback> m_timers;
     std::unordered_map<Clock::TimerId, u64> m_deadlines;
     Clock::TimerId m_nextId = Clock::NO_TIMER + 1;
 };
