@@ -46,6 +46,8 @@ public:
     RcStatus nextData(u64 offsetBlocks, u64* startBlocks, u64* endBlocks);
 
 private:
+    FutureStatus start(const std::vector<IODescriptor>& ios, bool write);
+
     std::shared_ptr<StorageFile> m_file;
     u64 m_lengthBlocks;
     AsyncFileIo& m_io;

@@ -1,0 +1,256 @@
+#include "host/journal/FileGrainStore.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+#include "host/journal/Crc32c.h"
+#include "host/volume/AsyncFileIo.h"
+
+namespace {
+
+constexpr u64 TABLE_OFFSET_BYTES = u64{SFS_GRAIN_BLOCKS} * BLOCK_BYTES;
+constexpr size_t MAX_OPEN_FILES = 128;
+
+// Whether the blocks in a scattered buffer have these checksums.
+bool checkBlocks(const ScatteredBuf& data, const u32* checksums)
+{
+    u32 crc = 0;
+    u32 inBlock = 0; // bytes of the current block that crc covers
+    for (u32 i = 0; i < data.getSegmentsCount(); ++i) {
+        const u8* next = data.getSegment(i).getPtr();
+        u32 left = data.getSegment(i).getSize();
+        while (left > 0) {
+            const u32 step = std::min(left, BLOCK_BYTES - inBlock);
+            crc = crc32c(next, step, crc);
+            next += step;
+            left -= step;
+            inBlock += step;
+            if (inBlock == BLOCK_BYTES) {
+                if (crc != *checksums++)
+                    return false;
+                crc = 0;
+                inBlock = 0;
+            }
+        }
+    }
+    return true;
+}
+
+// One call of readData() in flight.
+struct DataReads
+{
+    std::vector<GrainRead> m_reads;
+    std::vector<std::vector<u32>> m_checksums; // of each read
+    FutureStatus m_future;
+
+    // ops: for each read its data, then its checksums.
+    void finish(const std::vector<FileOp>& ops)
+    {
+        RcStatus rc = RC_SUCCESS;
+        for (size_t i = 0; i < m_reads.size() && rc == RC_SUCCESS; ++i) {
+            const FileOp& data = ops[2 * i];
+            const FileOp& table = ops[2 * i + 1];
+            if (data.m_rc != RC_SUCCESS || table.m_rc != RC_SUCCESS)
+                rc = data.m_rc != RC_SUCCESS ? data.m_rc : table.m_rc;
+            else if (data.m_doneBytes < data.m_data.getSize() ||
+                     table.m_doneBytes < table.m_data.getSize())
+                rc = RC_DAMAGED;
+            else if (!checkBlocks(data.m_data, m_checksums[i].data()))
+                rc = RC_BAD_CHECKSUM;
+        }
+        m_future.set(rc);
+    }
+};
+
+} // namespace
+
+FileGrainStore::FileGrainStore(Storage& storage, std::string folder, bool readOnly, AsyncFileIo& io)
+    : m_storage(storage), m_folder(std::move(folder)), m_readOnly(readOnly), m_io(io)
+{}
+
+FileGrainStore::~FileGrainStore() = default;
+
+std::string FileGrainStore::fileName(GrainKind kind, u64 grain)
+{
+    char name[32];
+    std::snprintf(name, sizeof(name), "%c-%010llu", kind == GrainKind::Data ? 'd' : 'm',
+                  static_cast<unsigned long long>(grain));
+    return name;
+}
+
+std::string FileGrainStore::path(GrainKind kind, u64 grain) const
+{
+    return m_folder + "/" + fileName(kind, grain);
+}
+
+RcStatus FileGrainStore::file(GrainKind kind, u64 grain, FilePtr* out)
+{
+    MutexGuard guard(m_mutex);
+    OpenFile& entry = m_files[{kind, grain}];
+    if (!entry.m_file) {
+        std::unique_ptr<StorageFile> opened;
+        const RcStatus rc = m_storage.open(
+            path(kind, grain), m_readOnly ? StorageAccess::ReadOnly : StorageAccess::ReadWrite,
+            &opened);
+        if (rc != RC_SUCCESS) {
+            m_files.erase({kind, grain});
+            return rc;
+        }
+        entry.m_file = std::move(opened);
+    }
+    entry.m_lastUse = ++m_uses;
+    *out = entry.m_file;
+    if (m_files.size() > MAX_OPEN_FILES)
+        m_files.erase(
+            std::min_element(m_files.begin(), m_files.end(), [](const auto& a, const auto& b) {
+                return a.second.m_lastUse < b.second.m_lastUse;
+            }));
+    return RC_SUCCESS;
+}
+
+RcStatus FileGrainStore::create(GrainKind kind, u64 grain)
+{
+    MutexGuard guard(m_mutex);
+    std::unique_ptr<StorageFile> opened;
+    RcStatus rc = m_storage.open(path(kind, grain), StorageAccess::Create, &opened);
+    if (rc != RC_SUCCESS)
+        return rc;
+    m_namesDirty = true;
+    rc = opened->truncate(0);
+    if (rc == RC_SUCCESS)
+        m_files[{kind, grain}] = {std::move(opened), ++m_uses};
+    return rc;
+}
+
+RcStatus FileGrainStore::append(GrainKind kind, u64 grain, u32 firstBlock, const void* data,
+                                u32 blocks, const u32* checksums)
+{
+    FilePtr target;
+    RcStatus rc = file(kind, grain, &target);
+    if (rc == RC_SUCCESS)
+        rc = target->pwrite(data, u64{blocks} * BLOCK_BYTES, u64{firstBlock} * BLOCK_BYTES);
+    if (rc == RC_SUCCESS && kind == GrainKind::Data)
+        rc = target->pwrite(checksums, u64{blocks} * sizeof(u32),
+                            TABLE_OFFSET_BYTES + u64{firstBlock} * sizeof(u32));
+    return rc;
+}
+
+RcStatus FileGrainStore::sync(GrainKind kind, u64 grain)
+{
+    FilePtr target;
+    RcStatus rc = file(kind, grain, &target);
+    if (rc == RC_SUCCESS)
+        rc = target->sync();
+    return rc == RC_SUCCESS ? syncRemovals() : rc;
+}
+
+RcStatus FileGrainStore::syncRemovals()
+{
+    {
+        MutexGuard guard(m_mutex);
+        if (!m_namesDirty)
+            return RC_SUCCESS;
+        // Cleared before the call: a grain that is created meanwhile needs another one.
+        m_namesDirty = false;
+    }
+    const RcStatus rc = m_storage.syncDir(m_folder);
+    if (rc != RC_SUCCESS) {
+        MutexGuard guard(m_mutex);
+        m_namesDirty = true;
+    }
+    return rc;
+}
+
+RcStatus FileGrainStore::readMeta(u64 grain, u32 firstBlock, u32 blocks, void* data,
+                                  u32* doneBlocks)
+{
+    *doneBlocks = 0;
+    FilePtr source;
+    RcStatus rc = file(GrainKind::Meta, grain, &source);
+    if (rc != RC_SUCCESS)
+        return rc;
+    u64 doneBytes = 0;
+    rc = source->pread(data, u64{blocks} * BLOCK_BYTES, u64{firstBlock} * BLOCK_BYTES, &doneBytes);
+    *doneBlocks = static_cast<u32>(doneBytes / BLOCK_BYTES);
+    return rc;
+}
+
+FutureStatus FileGrainStore::readData(std::vector<GrainRead> reads, AioPriority)
+{
+    auto state = std::make_shared<DataReads>();
+    state->m_reads = std::move(reads);
+    FutureStatus future = state->m_future;
+    std::vector<FileOp> ops;
+    ops.reserve(2 * state->m_reads.size());
+    state->m_checksums.reserve(state->m_reads.size());
+    for (const GrainRead& read : state->m_reads) {
+        FilePtr source;
+        const RcStatus rc = file(GrainKind::Data, read.m_grain, &source);
+        if (rc != RC_SUCCESS) {
+            future.set(rc == RC_NOT_FOUND ? RC_DAMAGED : rc);
+            return future;
+        }
+        state->m_checksums.emplace_back(read.m_blocks);
+        FileOp op;
+        op.m_file = source;
+        op.m_offsetBytes = u64{read.m_firstBlock} * BLOCK_BYTES;
+        op.m_data = read.m_data;
+        ops.push_back(op);
+        op.m_offsetBytes = TABLE_OFFSET_BYTES + u64{read.m_firstBlock} * sizeof(u32);
+        op.m_data = ScatteredBuf(reinterpret_cast<u8*>(state->m_checksums.back().data()),
+                                 read.m_blocks * static_cast<u32>(sizeof(u32)));
+        ops.push_back(std::move(op));
+    }
+    m_io.submit(std::move(ops), [state](std::vector<FileOp>& done) { state->finish(done); });
+    return future;
+}
+
+RcStatus FileGrainStore::list(GrainKind kind, std::vector<u64>* grains)
+{
+    grains->clear();
+    std::vector<std::string> names;
+    const RcStatus rc = m_storage.list(m_folder, &names);
+    if (rc != RC_SUCCESS)
+        return rc;
+    for (const std::string& name : names) {
+        const u64 grain = name.size() > 2 ? std::strtoull(name.c_str() + 2, nullptr, 10) : 0;
+        // Whatever is not exactly a name of ours belongs to somebody else.
+        if (grain != 0 && name == fileName(kind, grain))
+            grains->push_back(grain);
+    }
+    std::sort(grains->begin(), grains->end());
+    return RC_SUCCESS;
+}
+
+RcStatus FileGrainStore::metaBlocks(u64 grain, u32* blocks)
+{
+    FilePtr source;
+    RcStatus rc = file(GrainKind::Meta, grain, &source);
+    if (rc != RC_SUCCESS)
+        return rc;
+    u64 bytes = 0;
+    rc = source->size(&bytes);
+    *blocks =
+        static_cast<u32>(std::min<u64>((bytes + BLOCK_BYTES - 1) / BLOCK_BYTES, SFS_GRAIN_BLOCKS));
+    return rc;
+}
+
+RcStatus FileGrainStore::cutMeta(u64 grain, u32 firstBlock)
+{
+    FilePtr target;
+    RcStatus rc = file(GrainKind::Meta, grain, &target);
+    if (rc == RC_SUCCESS)
+        rc = target->truncate(u64{firstBlock} * BLOCK_BYTES);
+    if (rc == RC_SUCCESS)
+        rc = target->sync();
+    return rc;
+}
+
+RcStatus FileGrainStore::remove(GrainKind kind, u64 grain)
+{
+    MutexGuard guard(m_mutex);
+    m_files.erase({kind, grain});
+    m_namesDirty = true;
+    return m_storage.remove(path(kind, grain));
+}

@@ -1,0 +1,211 @@
+#include "host/journal/FileStorage.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/falloc.h>
+#include <linux/fs.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+RcStatus rcFromErrno(int error)
+{
+    switch (error) {
+    case 0: return RC_SUCCESS;
+    case ENOENT:
+    case ENOTDIR: return RC_NOT_FOUND;
+    case ENOSPC:
+    case EDQUOT:
+    case EFBIG: return RC_NO_SPACE;
+    case EWOULDBLOCK: return RC_IN_USE;
+    default: return RC_IO_ERROR;
+    }
+}
+
+PosixFile::~PosixFile()
+{
+    ::close(m_fd);
+}
+
+RcStatus PosixFile::open(const std::string& path, StorageAccess access,
+                         std::unique_ptr<StorageFile>* file)
+{
+    int flags = O_CLOEXEC | (access == StorageAccess::ReadOnly ? O_RDONLY : O_RDWR);
+    if (access == StorageAccess::Create)
+        flags |= O_CREAT;
+    int fd;
+    do
+        fd = ::open(path.c_str(), flags, 0644);
+    while (fd < 0 && errno == EINTR);
+    if (fd < 0)
+        return rcFromErrno(errno);
+    *file = std::make_unique<PosixFile>(fd);
+    return RC_SUCCESS;
+}
+
+RcStatus PosixFile::pread(void* data, u64 bytes, u64 offsetBytes, u64* doneBytes)
+{
+    u8* next = static_cast<u8*>(data);
+    *doneBytes = 0;
+    while (*doneBytes < bytes) {
+        const ssize_t n = ::pread(m_fd, next + *doneBytes, bytes - *doneBytes,
+                                  static_cast<off_t>(offsetBytes + *doneBytes));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return rcFromErrno(errno);
+        if (n == 0)
+            break;
+        *doneBytes += static_cast<u64>(n);
+    }
+    return RC_SUCCESS;
+}
+
+RcStatus PosixFile::pwrite(const void* data, u64 bytes, u64 offsetBytes)
+{
+    const u8* next = static_cast<const u8*>(data);
+    while (bytes > 0) {
+        const ssize_t n = ::pwrite(m_fd, next, bytes, static_cast<off_t>(offsetBytes));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return rcFromErrno(errno);
+        if (n == 0)
+            return RC_IO_ERROR;
+        next += n;
+        offsetBytes += static_cast<u64>(n);
+        bytes -= static_cast<u64>(n);
+    }
+    return RC_SUCCESS;
+}
+
+RcStatus PosixFile::sync()
+{
+    return ::fdatasync(m_fd) == 0 ? RC_SUCCESS : rcFromErrno(errno);
+}
+
+RcStatus PosixFile::size(u64* bytes)
+{
+    struct stat status;
+    if (::fstat(m_fd, &status) != 0)
+        return rcFromErrno(errno);
+    *bytes = static_cast<u64>(status.st_size);
+    if (S_ISBLK(status.st_mode) && ::ioctl(m_fd, BLKGETSIZE64, bytes) != 0)
+        return rcFromErrno(errno);
+    return RC_SUCCESS;
+}
+
+RcStatus PosixFile::truncate(u64 bytes)
+{
+    return ::ftruncate(m_fd, static_cast<off_t>(bytes)) == 0 ? RC_SUCCESS : rcFromErrno(errno);
+}
+
+RcStatus PosixFile::zeroRange(u64 offsetBytes, u64 bytes)
+{
+    const off_t offset = static_cast<off_t>(offsetBytes);
+    const off_t length = static_cast<off_t>(bytes);
+    if (::fallocate(m_fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, offset, length) == 0)
+        return RC_SUCCESS;
+    if (::fallocate(m_fd, FALLOC_FL_ZERO_RANGE | FALLOC_FL_KEEP_SIZE, offset, length) == 0)
+        return RC_SUCCESS;
+    static constexpr u64 STEP_BYTES = 1 << 20;
+    const std::vector<u8> zeroes(std::min(bytes, STEP_BYTES));
+    for (u64 done = 0; done < bytes; done += STEP_BYTES) {
+        const RcStatus rc =
+            pwrite(zeroes.data(), std::min(bytes - done, STEP_BYTES), offsetBytes + done);
+        if (rc != RC_SUCCESS)
+            return rc;
+    }
+    return RC_SUCCESS;
+}
+
+RcStatus PosixFile::nextData(u64 offsetBytes, u64* startBytes, u64* endBytes)
+{
+    u64 fileBytes = 0;
+    const RcStatus rc = size(&fileBytes);
+    if (rc != RC_SUCCESS)
+        return rc;
+    *startBytes = *endBytes = fileBytes;
+    if (offsetBytes >= fileBytes)
+        return RC_SUCCESS;
+    const off_t data = ::lseek(m_fd, static_cast<off_t>(offsetBytes), SEEK_DATA);
+    if (data < 0) {
+        // ENXIO: a hole to the end. Any other refusal: holes are not known here.
+        if (errno != ENXIO)
+            *startBytes = offsetBytes;
+        return RC_SUCCESS;
+    }
+    *startBytes = static_cast<u64>(data);
+    const off_t hole = ::lseek(m_fd, data, SEEK_HOLE);
+    if (hole > data)
+        *endBytes = static_cast<u64>(hole);
+    return RC_SUCCESS;
+}
+
+RcStatus PosixFile::lock()
+{
+    return ::flock(m_fd, LOCK_EX | LOCK_NB) == 0 ? RC_SUCCESS : rcFromErrno(errno);
+}
+
+FileStorage::FileStorage(std::string root) : m_root(std::move(root)) {}
+
+std::string FileStorage::path(const std::string& name) const
+{
+    return name.empty() ? m_root : m_root + "/" + name;
+}
+
+RcStatus FileStorage::open(const std::string& name, StorageAccess access,
+                           std::unique_ptr<StorageFile>* file)
+{
+    return PosixFile::open(path(name), access, file);
+}
+
+RcStatus FileStorage::list(const std::string& folder, std::vector<std::string>* names)
+{
+    names->clear();
+    DIR* dir = ::opendir(path(folder).c_str());
+    if (dir == nullptr)
+        return rcFromErrno(errno);
+    errno = 0;
+    while (const dirent* entry = ::readdir(dir)) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..")
+            names->push_back(name);
+        errno = 0;
+    }
+    const RcStatus rc = rcFromErrno(errno);
+    ::closedir(dir);
+    std::sort(names->begin(), names->end());
+    return rc;
+}
+
+RcStatus FileStorage::makeDir(const std::string& folder)
+{
+    if (::mkdir(path(folder).c_str(), 0755) == 0 || errno == EEXIST)
+        return RC_SUCCESS;
+    return rcFromErrno(errno);
+}
+
+RcStatus FileStorage::remove(const std::string& name)
+{
+    return ::unlink(path(name).c_str()) == 0 ? RC_SUCCESS : rcFromErrno(errno);
+}
+
+RcStatus FileStorage::rename(const std::string& from, const std::string& to)
+{
+    return ::rename(path(from).c_str(), path(to).c_str()) == 0 ? RC_SUCCESS : rcFromErrno(errno);
+}
+
+RcStatus FileStorage::syncDir(const std::string& folder)
+{
+    const int fd = ::open(path(folder).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return rcFromErrno(errno);
+    const RcStatus rc = ::fsync(fd) == 0 ? RC_SUCCESS : rcFromErrno(errno);
+    ::close(fd);
+    return rc;
+}
