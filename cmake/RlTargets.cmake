@@ -16,8 +16,12 @@ endif()
 
 # The contracts, which are headers alone.
 add_library(rl_contracts INTERFACE)
-target_include_directories(rl_contracts INTERFACE ${PROJECT_SOURCE_DIR})
-target_link_libraries(rl_contracts INTERFACE rl_options Threads::Threads)
+set_target_properties(rl_contracts PROPERTIES EXPORT_NAME contracts)
+target_include_directories(rl_contracts INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/region-locator>)
+target_compile_features(rl_contracts INTERFACE cxx_std_20)
+# Our warnings are our own: a program that embeds the component builds with its own options.
+target_link_libraries(rl_contracts INTERFACE $<BUILD_INTERFACE:rl_options> Threads::Threads)
 
 # rl_library(NAME): a static library of all sources below the current folder.
 function(rl_library NAME)
