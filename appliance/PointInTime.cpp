@@ -14,11 +14,11 @@ bool parseNumber(const std::string& text, u64* value)
     return error == std::errc() && stop == end && !text.empty();
 }
 
-Outcome noPoint(const std::string& text)
+Result noPoint(const std::string& text)
 {
-    return Outcome::usage("'" + text +
-                          "' is no point in time; try latest, cp:ID, tag:NAME, time:RFC3339 or "
-                          "item:N");
+    return Result::usage("'" + text +
+                         "' is no point in time; try latest, cp:ID, tag:NAME, time:RFC3339 or "
+                         "item:N");
 }
 
 std::string nameText(const PointName& name)
@@ -61,7 +61,7 @@ std::string ChosenPoint::description() const
     return text;
 }
 
-Outcome parsePoint(const std::string& text, PointName* point)
+Result parsePoint(const std::string& text, PointName* point)
 {
     PointName result;
     const size_t colon = text.find(':');
@@ -87,24 +87,24 @@ Outcome parsePoint(const std::string& text, PointName* point)
     if (!good)
         return noPoint(text);
     *point = result;
-    return Outcome();
+    return Result();
 }
 
-Outcome parseSpan(const std::string& text, std::pair<PointName, PointName>* span)
+Result parseSpan(const std::string& text, std::pair<PointName, PointName>* span)
 {
     const size_t dots = text.find("..");
     if (dots == std::string::npos)
-        return Outcome::usage("'" + text + "' is no span; write A..B with two points in time");
+        return Result::usage("'" + text + "' is no span; write A..B with two points in time");
     std::pair<PointName, PointName> result;
-    if (Outcome outcome = parsePoint(text.substr(0, dots), &result.first); !outcome.ok())
-        return outcome;
-    if (Outcome outcome = parsePoint(text.substr(dots + 2), &result.second); !outcome.ok())
-        return outcome;
+    if (Result first = parsePoint(text.substr(0, dots), &result.first); !first.ok())
+        return first;
+    if (Result second = parsePoint(text.substr(dots + 2), &result.second); !second.ok())
+        return second;
     *span = result;
-    return Outcome();
+    return Result();
 }
 
-Outcome choosePoint(const PointName& name, const RecoverableWindow& window, ChosenPoint* point)
+Result choosePoint(const PointName& name, const RecoverableWindow& window, ChosenPoint* point)
 {
     ChosenPoint chosen;
     if (name.m_kind == PointName::Kind::Latest || name.m_kind == PointName::Kind::Item) {
@@ -112,7 +112,7 @@ Outcome choosePoint(const PointName& name, const RecoverableWindow& window, Chos
         if (items <= window.m_items) {
             chosen.m_items = items;
             *point = chosen;
-            return Outcome();
+            return Result();
         }
     } else {
         // The newest that fits: the same tag may have been given twice.
@@ -123,11 +123,11 @@ Outcome choosePoint(const PointName& name, const RecoverableWindow& window, Chos
             chosen.m_checkpoint = *found;
             chosen.m_items = found->m_items;
             *point = chosen;
-            return Outcome();
+            return Result();
         }
     }
-    return Outcome(OutcomeCode::NotFound,
-                   "no point " + nameText(name) + "; " + describeWindow(window));
+    return Result(ResultCode::NotFound,
+                  "no point " + nameText(name) + "; " + describeWindow(window));
 }
 
 std::string describeWindow(const RecoverableWindow& window)

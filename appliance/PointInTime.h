@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "Sfs/SfsDiskMetaItem.h"
-#include "appliance/Outcome.h"
+#include "appliance/Result.h"
 
 // A point as it was named, not yet looked for in any mirror.
 struct PointName
@@ -59,12 +59,12 @@ struct ChosenPoint
 };
 
 // Wrong usage when the text names no point.
-Outcome parsePoint(const std::string& text, PointName* point);
-Outcome parseSpan(const std::string& text, std::pair<PointName, PointName>* span);
+Result parsePoint(const std::string& text, PointName* point);
+Result parseSpan(const std::string& text, std::pair<PointName, PointName>* span);
 
 // The point that a name chooses; the newest checkpoint where several fit a tag or a time. NotFound
 // when nothing fits: the message then states the recoverable window.
-Outcome choosePoint(const PointName& name, const RecoverableWindow& window, ChosenPoint* point);
+Result choosePoint(const PointName& name, const RecoverableWindow& window, ChosenPoint* point);
 
 // The window in words.
 std::string describeWindow(const RecoverableWindow& window);

@@ -25,33 +25,33 @@ u64 unitBytes(const std::string& unit)
 
 } // namespace
 
-Outcome parseSize(const std::string& text, u64* bytes)
+Result parseSize(const std::string& text, u64* bytes)
 {
     u64 number = 0;
     const char* end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, number);
     if (error == std::errc::result_out_of_range)
-        return Outcome::usage("size '" + text + "' is too large");
+        return Result::usage("size '" + text + "' is too large");
     if (error != std::errc())
-        return Outcome::usage("'" + text + "' is no size; try 512, 64K, 1MiB or 2s");
+        return Result::usage("'" + text + "' is no size; try 512, 64K, 1MiB or 2s");
     const u64 factor = unitBytes(std::string(stop, end));
     if (factor == 0)
-        return Outcome::usage("size '" + text + "' has an unknown unit; try 512, 64K, 1MiB or 2s");
+        return Result::usage("size '" + text + "' has an unknown unit; try 512, 64K, 1MiB or 2s");
     if (number > ~u64{0} / factor)
-        return Outcome::usage("size '" + text + "' is too large");
+        return Result::usage("size '" + text + "' is too large");
     *bytes = number * factor;
-    return Outcome();
+    return Result();
 }
 
-Outcome parseBlockSize(const std::string& text, const std::string& what, u64* bytes)
+Result parseBlockSize(const std::string& text, const std::string& what, u64* bytes)
 {
     u64 value = 0;
-    if (Outcome outcome = parseSize(text, &value); !outcome.ok())
-        return outcome;
+    if (Result result = parseSize(text, &value); !result.ok())
+        return result;
     if (value % BLOCK_BYTES != 0)
-        return Outcome::usage(what + " '" + text + "' is not a multiple of 512 bytes");
+        return Result::usage(what + " '" + text + "' is not a multiple of 512 bytes");
     *bytes = value;
-    return Outcome();
+    return Result();
 }
 
 std::string formatSize(u64 bytes)

@@ -129,30 +129,30 @@ private:
 TraceReader::TraceReader(u64 volumeBlocks) : m_volumeBlocks(volumeBlocks) {}
 TraceReader::~TraceReader() = default;
 
-Outcome TraceReader::bad(const std::string& why) const
+Result TraceReader::bad(const std::string& why) const
 {
-    return Outcome::failed(m_path + " line " + std::to_string(m_lineNumber) + ": " + why);
+    return Result::failed(m_path + " line " + std::to_string(m_lineNumber) + ": " + why);
 }
 
-Outcome TraceReader::open(const std::string& path)
+Result TraceReader::open(const std::string& path)
 {
     m_path = path == "-" ? "standard input" : path;
     const int fd = path == "-" ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
-        return Outcome::failed("cannot open trace " + path + ": " + std::strerror(errno));
+        return Result::failed("cannot open trace " + path + ": " + std::strerror(errno));
     m_source = std::make_unique<Source>(fd);
     std::string_view line;
     bool end = false;
-    if (Outcome outcome = nextLine(&line, &end); !outcome.ok())
-        return outcome;
+    if (Result result = nextLine(&line, &end); !result.ok())
+        return result;
     if (end || line != HEADER) {
         m_lineNumber = 1;
         return bad("a trace begins with the header " + std::string(HEADER));
     }
-    return Outcome();
+    return Result();
 }
 
-Outcome TraceReader::nextLine(std::string_view* line, bool* end)
+Result TraceReader::nextLine(std::string_view* line, bool* end)
 {
     *end = false;
     size_t searched = m_textStart;
@@ -177,13 +177,13 @@ Outcome TraceReader::nextLine(std::string_view* line, bool* end)
         bool sourceEnd = false;
         const std::string error = m_source->append(&m_text, &sourceEnd);
         if (!error.empty())
-            return Outcome::failed(m_path + " after line " + std::to_string(m_lineNumber) + ": " +
-                                   error);
+            return Result::failed(m_path + " after line " + std::to_string(m_lineNumber) + ": " +
+                                  error);
         if (!sourceEnd)
             continue;
         if (m_text.empty()) {
             *end = true;
-            return Outcome();
+            return Result();
         }
         // The last line lacks its end.
         *line = std::string_view(m_text.data(), m_text.size());
@@ -193,10 +193,10 @@ Outcome TraceReader::nextLine(std::string_view* line, bool* end)
     ++m_lineNumber;
     if (!line->empty() && line->back() == '\r')
         line->remove_suffix(1);
-    return Outcome();
+    return Result();
 }
 
-Outcome TraceReader::parse(std::string_view line, TraceWrite* write, bool* taken)
+Result TraceReader::parse(std::string_view line, TraceWrite* write, bool* taken)
 {
     *taken = false;
     std::string_view rest = line;
@@ -213,7 +213,7 @@ Outcome TraceReader::parse(std::string_view line, TraceWrite* write, bool* taken
         return bad("malformed: '" + std::string(line.substr(0, 100)) + "'");
     if (op != "W" && op != "T" && op != "Z") {
         ++m_skippedLines;
-        return Outcome();
+        return Result();
     }
     if (write->m_lengthBlocks == 0)
         return bad("a request of length 0");
@@ -228,18 +228,18 @@ Outcome TraceReader::parse(std::string_view line, TraceWrite* write, bool* taken
                             write->m_zeroes ? u64{1} : u64{0}};
     m_digest = XXH3_64bits(content, sizeof content);
     *taken = true;
-    return Outcome();
+    return Result();
 }
 
-Outcome TraceReader::next(TraceWrite* write, bool* end)
+Result TraceReader::next(TraceWrite* write, bool* end)
 {
     for (;;) {
         std::string_view line;
-        if (Outcome outcome = nextLine(&line, end); !outcome.ok() || *end)
-            return outcome;
+        if (Result result = nextLine(&line, end); !result.ok() || *end)
+            return result;
         bool taken = false;
-        if (Outcome outcome = parse(line, write, &taken); !outcome.ok() || taken)
-            return outcome;
+        if (Result result = parse(line, write, &taken); !result.ok() || taken)
+            return result;
     }
 }
 

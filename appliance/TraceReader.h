@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "appliance/Outcome.h"
+#include "appliance/Result.h"
 #include "common/infra/Types.h"
 
 // One line that is taken.
@@ -37,12 +37,12 @@ public:
     TraceReader& operator=(const TraceReader&) = delete;
 
     // Opens a file, or standard input for "-", and reads the header.
-    Outcome open(const std::string& path);
+    Result open(const std::string& path);
 
     // The next line that is taken, or *end. Failed with the line's number for a line that is
     // malformed, reaches beyond the volume, or has numbers that overflow; the lines before it have
     // been delivered. After a failure the reader is of no more use.
-    Outcome next(TraceWrite* write, bool* end);
+    Result next(TraceWrite* write, bool* end);
 
     // Lines of other kinds seen so far.
     u64 skippedLines() const { return m_skippedLines; }
@@ -55,9 +55,9 @@ private:
     class Source;
 
     // The next line without its end; *end after the last one.
-    Outcome nextLine(std::string_view* line, bool* end);
-    Outcome parse(std::string_view line, TraceWrite* write, bool* taken);
-    Outcome bad(const std::string& why) const;
+    Result nextLine(std::string_view* line, bool* end);
+    Result parse(std::string_view line, TraceWrite* write, bool* taken);
+    Result bad(const std::string& why) const;
 
     u64 m_volumeBlocks;
     std::string m_path;

@@ -10,7 +10,7 @@
 #include "common/infra/RcStatus.h"
 
 // The numbers are the exit codes of the command-line tool.
-enum class OutcomeCode : int
+enum class ResultCode : int
 {
     Done = 0,
     Failed = 1,
@@ -24,34 +24,34 @@ enum class OutcomeCode : int
     Interrupted = 130,
 };
 
-class [[nodiscard]] Outcome
+class [[nodiscard]] Result
 {
 public:
-    Outcome() = default;
+    Result() = default;
     // message: one line, without a full stop or line end.
-    Outcome(OutcomeCode code, std::string message) : m_code(code), m_message(std::move(message)) {}
+    Result(ResultCode code, std::string message) : m_code(code), m_message(std::move(message)) {}
 
-    bool ok() const { return m_code == OutcomeCode::Done; }
-    OutcomeCode code() const { return m_code; }
+    bool ok() const { return m_code == ResultCode::Done; }
+    ResultCode code() const { return m_code; }
     const std::string& message() const { return m_message; }
 
-    static Outcome failed(std::string message)
+    static Result failed(std::string message)
     {
-        return Outcome(OutcomeCode::Failed, std::move(message));
+        return Result(ResultCode::Failed, std::move(message));
     }
-    static Outcome usage(std::string message)
+    static Result usage(std::string message)
     {
-        return Outcome(OutcomeCode::WrongUsage, std::move(message));
+        return Result(ResultCode::WrongUsage, std::move(message));
     }
 
-    // The outcome of a host operation that answered `rc`: done for RC_SUCCESS, else the matching
+    // The result of a host operation that answered `rc`: done for RC_SUCCESS, else the matching
     // code and "what: status".
-    static Outcome fromStatus(RcStatus rc, const std::string& what);
+    static Result fromStatus(RcStatus rc, const std::string& what);
 
-    // The outcome of a system call that set errno to `error`.
-    static Outcome fromErrno(int error, const std::string& what);
+    // The result of a system call that set errno to `error`.
+    static Result fromErrno(int error, const std::string& what);
 
 private:
-    OutcomeCode m_code = OutcomeCode::Done;
+    ResultCode m_code = ResultCode::Done;
     std::string m_message;
 };

@@ -1,0 +1,53 @@
+#include "appliance/Export.h"
+
+#include "appliance/ImageSink.h"
+#include "appliance/ReadAhead.h"
+#include "appliance/ViewExtents.h"
+
+namespace {
+
+constexpr u32 SLOTS = 6;
+constexpr u32 SLOT_BLOCKS = 4096; // 2 MiB
+
+} // namespace
+
+Result exportView(View& view, TaskEngine& engine, const std::string& path, FlowControl& control,
+                  ExportStatistics* statistics)
+{
+    const u64 startedUs = Clock::instance()->nowUs();
+    std::unique_ptr<ImageSink> sink;
+    if (Result result = ImageSink::open(path, view.sizeBlocks() * BLOCK_BYTES, &sink); !result.ok())
+        return result;
+    ViewReader reader(view);
+    ViewExtents extents(view);
+    ReadAhead ahead(reader, engine, SLOTS, SLOT_BLOCKS);
+    const auto use = [&](u64 offsetBlocks, u32 lengthBlocks, const u8* data) {
+        const u64 bytes = u64{lengthBlocks} * BLOCK_BYTES;
+        statistics->m_dataBytes += bytes;
+        control.progress(offsetBlocks, view.sizeBlocks());
+        return sink->write(offsetBlocks * BLOCK_BYTES, data, bytes);
+    };
+    u64 block = 0;
+    while (block < view.sizeBlocks() || !ahead.empty()) {
+        if (control.stopRequested())
+            return Result(ResultCode::Interrupted, "interrupted; run the export again");
+        if (ahead.full() || block >= view.sizeBlocks()) {
+            if (Result result = ahead.finish(use); !result.ok())
+                return result;
+            continue;
+        }
+        u64 start = 0;
+        u64 end = 0;
+        if (Result result = extents.next(block, SLOT_BLOCKS, &start, &end); !result.ok())
+            return result;
+        block = end;
+        if (start < end) {
+            if (Result result = ahead.start(start, static_cast<u32>(end - start)); !result.ok())
+                return result;
+        }
+    }
+    if (Result result = sink->finish(); !result.ok())
+        return result;
+    statistics->m_seconds = static_cast<double>(Clock::instance()->nowUs() - startedUs) / 1e6;
+    return Result();
+}

@@ -1,0 +1,196 @@
+#include "appliance/ImageSink.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "appliance/Sizes.h"
+#include "host/journal/FileStorage.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class RegularFile : public ImageSink
+{
+public:
+    // The file keeps its name's suffix out of any pattern by which finished images are found.
+    explicit RegularFile(const std::string& path)
+        : m_path(path),
+          m_temporary((fs::path(path).parent_path() / ("." + fs::path(path).filename().string() +
+                                                       ".partial-" + std::to_string(getpid())))
+                          .string())
+    {}
+    ~RegularFile() override
+    {
+        if (m_fd < 0)
+            return;
+        close(m_fd);
+        unlink(m_temporary.c_str());
+    }
+    RegularFile(const RegularFile&) = delete;
+    RegularFile& operator=(const RegularFile&) = delete;
+
+    Result open(u64 sizeBytes)
+    {
+        m_fd = ::open(m_temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        if (m_fd < 0)
+            return Result::failed("cannot make " + m_temporary + ": " + std::strerror(errno));
+        if (ftruncate(m_fd, static_cast<off_t>(sizeBytes)) != 0)
+            return Result::fromErrno(errno, "cannot make an image of " + formatSize(sizeBytes));
+        return Result();
+    }
+
+    Result write(u64 offsetBytes, const u8* data, u64 bytes) override
+    {
+        while (bytes > 0) {
+            const ssize_t wrote = pwrite(m_fd, data, bytes, static_cast<off_t>(offsetBytes));
+            if (wrote < 0 && errno == EINTR)
+                continue;
+            if (wrote <= 0)
+                return Result::fromErrno(wrote == 0 ? EIO : errno, "cannot write " + m_path);
+            data += wrote;
+            offsetBytes += static_cast<u64>(wrote);
+            bytes -= static_cast<u64>(wrote);
+        }
+        return Result();
+    }
+
+    Result finish() override
+    {
+        if (fsync(m_fd) != 0)
+            return Result::fromErrno(errno, "cannot sync " + m_path);
+        if (rename(m_temporary.c_str(), m_path.c_str()) != 0)
+            return Result::fromErrno(errno, "cannot make " + m_path);
+        close(m_fd);
+        m_fd = -1;
+        return Result();
+    }
+
+private:
+    std::string m_path;
+    std::string m_temporary;
+    int m_fd = -1;
+};
+
+class BlockDevice : public ImageSink
+{
+public:
+    BlockDevice(const std::string& path, u64 sizeBytes) : m_path(path), m_sizeBytes(sizeBytes) {}
+
+    Result open()
+    {
+        RcStatus rc = PosixFile::open(m_path, StorageAccess::ReadWrite, &m_file);
+        u64 size = 0;
+        if (rc == RC_SUCCESS)
+            rc = m_file->size(&size);
+        if (rc == RC_SUCCESS && size < m_sizeBytes)
+            return Result(ResultCode::NoSpace, "device " + m_path + " has " + formatSize(size) +
+                                                   ", the view " + formatSize(m_sizeBytes));
+        return Result::fromStatus(rc, "cannot open " + m_path);
+    }
+
+    Result write(u64 offsetBytes, const u8* data, u64 bytes) override
+    {
+        RcStatus rc = RC_SUCCESS;
+        if (offsetBytes > m_position)
+            rc = m_file->zeroRange(m_position, offsetBytes - m_position);
+        if (rc == RC_SUCCESS)
+            rc = m_file->pwrite(data, bytes, offsetBytes);
+        m_position = offsetBytes + bytes;
+        return Result::fromStatus(rc, "cannot write " + m_path);
+    }
+
+    Result finish() override
+    {
+        RcStatus rc = RC_SUCCESS;
+        if (m_position < m_sizeBytes)
+            rc = m_file->zeroRange(m_position, m_sizeBytes - m_position);
+        if (rc == RC_SUCCESS)
+            rc = m_file->sync();
+        return Result::fromStatus(rc, "cannot write " + m_path);
+    }
+
+private:
+    std::string m_path;
+    u64 m_sizeBytes;
+    u64 m_position = 0; // everything before is as it has to be
+    std::unique_ptr<StorageFile> m_file;
+};
+
+// Standard output or a pipe: every byte in order.
+class Stream : public ImageSink
+{
+public:
+    Stream(int fd, u64 sizeBytes) : m_fd(fd), m_sizeBytes(sizeBytes), m_zeroes(1 << 20) {}
+
+    Result write(u64 offsetBytes, const u8* data, u64 bytes) override
+    {
+        if (Result result = fill(offsetBytes); !result.ok())
+            return result;
+        m_position += bytes;
+        return writeAll(data, bytes);
+    }
+
+    Result finish() override { return fill(m_sizeBytes); }
+
+private:
+    Result fill(u64 untilBytes)
+    {
+        while (m_position < untilBytes) {
+            const u64 now = std::min<u64>(untilBytes - m_position, m_zeroes.size());
+            m_position += now;
+            if (Result result = writeAll(m_zeroes.data(), now); !result.ok())
+                return result;
+        }
+        return Result();
+    }
+
+    Result writeAll(const u8* data, u64 bytes)
+    {
+        while (bytes > 0) {
+            const ssize_t wrote = ::write(m_fd, data, bytes);
+            if (wrote < 0 && errno == EINTR)
+                continue;
+            if (wrote <= 0)
+                return Result::fromErrno(wrote == 0 ? EIO : errno, "cannot write the image");
+            data += wrote;
+            bytes -= static_cast<u64>(wrote);
+        }
+        return Result();
+    }
+
+    int m_fd;
+    u64 m_sizeBytes;
+    u64 m_position = 0;
+    std::vector<u8> m_zeroes;
+};
+
+} // namespace
+
+Result ImageSink::open(const std::string& path, u64 sizeBytes, std::unique_ptr<ImageSink>* sink)
+{
+    if (path == "-") {
+        *sink = std::make_unique<Stream>(STDOUT_FILENO, sizeBytes);
+        return Result();
+    }
+    std::error_code error;
+    const fs::file_status status = fs::status(path, error);
+    if (fs::is_block_file(status)) {
+        auto device = std::make_unique<BlockDevice>(path, sizeBytes);
+        Result result = device->open();
+        *sink = std::move(device);
+        return result;
+    }
+    if (fs::exists(status) && !fs::is_regular_file(status))
+        return Result::failed(path + " is neither a regular file nor a block device");
+    auto file = std::make_unique<RegularFile>(path);
+    Result result = file->open(sizeBytes);
+    *sink = std::move(file);
+    return result;
+}

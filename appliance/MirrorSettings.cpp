@@ -1,0 +1,108 @@
+#include "appliance/MirrorSettings.h"
+
+#include <nlohmann/json.hpp>
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr u64 MAX_FILE_BYTES = 1 << 20;
+
+std::string settingsText(const MirrorSettings& settings)
+{
+    Json json = {{"format_version", MirrorSettings::FORMAT_VERSION},
+                 {"id", settings.m_id},
+                 {"size_bytes", settings.m_sizeBytes},
+                 {"target", settings.m_target},
+                 {"compression", compressionName(settings.m_compression)},
+                 {"journal_limit_bytes", settings.m_journalLimitBytes}};
+    return json.dump(2) + "\n";
+}
+
+// "" or why the text is no mirror's.
+std::string parseSettings(const std::string& text, MirrorSettings* settings)
+{
+    const Json json = Json::parse(text, nullptr, false);
+    if (!json.is_object())
+        return "it is no JSON object";
+    const auto number = [&](const char* name, u64* value) {
+        const auto found = json.find(name);
+        if (found == json.end() || !found->is_number_unsigned())
+            return false;
+        *value = found->get<u64>();
+        return true;
+    };
+    const auto word = [&](const char* name, std::string* value) {
+        const auto found = json.find(name);
+        if (found == json.end() || !found->is_string())
+            return false;
+        *value = found->get<std::string>();
+        return true;
+    };
+    u64 version = 0;
+    if (!number("format_version", &version))
+        return "it names no format version";
+    if (version != MirrorSettings::FORMAT_VERSION)
+        return "its format version is " + std::to_string(version) + ", this program knows " +
+               std::to_string(MirrorSettings::FORMAT_VERSION);
+    std::string compression;
+    if (!number("id", &settings->m_id) || !number("size_bytes", &settings->m_sizeBytes) ||
+        !word("target", &settings->m_target) || !word("compression", &compression) ||
+        !number("journal_limit_bytes", &settings->m_journalLimitBytes))
+        return "a field is missing or of the wrong type";
+    if (settings->m_sizeBytes == 0 || settings->m_sizeBytes % BLOCK_BYTES != 0)
+        return "its size is no number of blocks";
+    if (!compressionFromName(compression, &settings->m_compression))
+        return "its compression '" + compression + "' is unknown";
+    return "";
+}
+
+} // namespace
+
+Result storeSettings(Storage& storage, const MirrorSettings& settings)
+{
+    const std::string text = settingsText(settings);
+    const std::string name = MirrorSettings::FILE_NAME;
+    const std::string temporary = name + ".new";
+    std::unique_ptr<StorageFile> file;
+    RcStatus rc = storage.open(temporary, StorageAccess::Create, &file);
+    if (rc == RC_SUCCESS)
+        rc = file->truncate(0);
+    if (rc == RC_SUCCESS)
+        rc = file->pwrite(text.data(), text.size(), 0);
+    if (rc == RC_SUCCESS)
+        rc = file->sync();
+    file.reset();
+    if (rc == RC_SUCCESS)
+        rc = storage.rename(temporary, name);
+    if (rc == RC_SUCCESS)
+        rc = storage.syncDir("");
+    return Result::fromStatus(rc, "cannot write " + name);
+}
+
+Result loadSettings(Storage& storage, const std::string& folder, MirrorSettings* settings)
+{
+    const std::string path = folder + "/" + MirrorSettings::FILE_NAME;
+    std::unique_ptr<StorageFile> file;
+    RcStatus rc = storage.open(MirrorSettings::FILE_NAME, StorageAccess::ReadOnly, &file);
+    if (rc == RC_NOT_FOUND)
+        return Result(ResultCode::NotFound, folder + " is no mirror: it has no mirror.json");
+    u64 size = 0;
+    if (rc == RC_SUCCESS)
+        rc = file->size(&size);
+    if (rc == RC_SUCCESS && size > MAX_FILE_BYTES)
+        return Result(ResultCode::Damaged, path + " is damaged: it is too large");
+    std::string text(size, '\0');
+    u64 done = 0;
+    if (rc == RC_SUCCESS)
+        rc = file->pread(text.data(), size, 0, &done);
+    if (rc != RC_SUCCESS)
+        return Result::fromStatus(rc, "cannot read " + path);
+    text.resize(done);
+    MirrorSettings loaded;
+    const std::string fault = parseSettings(text, &loaded);
+    if (!fault.empty())
+        return Result(ResultCode::Damaged, path + " is damaged: " + fault);
+    *settings = loaded;
+    return Result();
+}

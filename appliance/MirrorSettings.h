@@ -1,0 +1,31 @@
+// What a mirror is: the content of its mirror.json.
+//
+// Thread safety: plain values and pure functions.
+#pragma once
+
+#include <string>
+
+#include "appliance/Result.h"
+#include "host/journal/Compression.h"
+#include "host/journal/Storage.h"
+
+struct MirrorSettings
+{
+    static constexpr u32 FORMAT_VERSION = 1;
+    static constexpr const char* FILE_NAME = "mirror.json";
+
+    u64 m_id = 0; // names the mirror in logs and to the driver; random
+    u64 m_sizeBytes = 0;
+    std::string m_target; // path of the target volume; empty for the file "target" in the folder
+    Compression m_compression = Compression::None;
+    u64 m_journalLimitBytes = 0; // 0 for none
+
+    u64 sizeBlocks() const { return m_sizeBytes / BLOCK_BYTES; }
+};
+
+// Writes the file as one step, durably.
+Result storeSettings(Storage& storage, const MirrorSettings& settings);
+
+// NotFound: the folder has no such file, so it is no mirror; Damaged: it is not what a mirror's
+// file has to be, the message says why. folder: for the messages.
+Result loadSettings(Storage& storage, const std::string& folder, MirrorSettings* settings);

@@ -1,0 +1,50 @@
+// Several large reads of a view in flight, handed out in the order in which they were asked for.
+//
+// Thread safety: one plain thread.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "appliance/ViewReader.h"
+#include "host/tasks/BlockingTask.h"
+
+class ReadAhead
+{
+public:
+    // slots: how many reads are in flight at most; slotBlocks: the longest of them.
+    ReadAhead(ViewReader& reader, TaskEngine& engine, u32 slots, u32 slotBlocks);
+    // Waits for what is in flight.
+    ~ReadAhead();
+    ReadAhead(const ReadAhead&) = delete;
+    ReadAhead& operator=(const ReadAhead&) = delete;
+
+    bool full() const { return m_inFlight.size() == m_slots; }
+    bool empty() const { return m_inFlight.empty(); }
+
+    // Starts the next read. REQUIRES: not full, a length of 1 to slotBlocks inside the view.
+    Result start(u64 offsetBlocks, u32 lengthBlocks);
+
+    // Waits for the oldest read and hands it to `use`; its memory is free again afterwards. The
+    // failure of the read, which names its blocks, or that of `use`. REQUIRES: not empty.
+    using Use = std::function<Result(u64 offsetBlocks, u32 lengthBlocks, const u8* data)>;
+    Result finish(const Use& use);
+
+private:
+    struct Slot
+    {
+        u64 m_offsetBlocks = 0;
+        u32 m_lengthBlocks = 0;
+        std::unique_ptr<u8[]> m_buffer;
+        std::unique_ptr<BlockingTask> m_task;
+    };
+
+    ViewReader& m_reader;
+    TaskEngine& m_engine;
+    const u32 m_slots;
+    const u32 m_slotBlocks;
+    std::deque<Slot> m_inFlight; // the oldest first
+    std::vector<std::unique_ptr<u8[]>> m_free;
+};

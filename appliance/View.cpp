@@ -1,0 +1,90 @@
+#include "appliance/View.h"
+
+#include "RegionLocator/RegionLocatorMetaDataContainer.h"
+#include "appliance/Sizes.h"
+#include "host/infra/Clock.h"
+#include "host/journal/JournalScanner.h"
+
+namespace {
+
+// Nobody else gives memory back while a view is built, so waiting long for some is of no use.
+constexpr u64 MEMORY_TIMEOUT_MS = 5000;
+constexpr u64 TOKEN_BYTES = 64;
+
+} // namespace
+
+View::View(Mirror& mirror, const ChosenPoint& point)
+    : m_mirror(mirror), m_point(point), m_locator(mirror.settings().m_id, RL_MMI_View)
+{}
+
+Result View::build(Mirror& mirror, const ChosenPoint& point, FlowControl& control,
+                   std::unique_ptr<View>* view)
+{
+    std::unique_ptr<View> built(new View(mirror, point));
+    if (Result result = built->scan(control); !result.ok())
+        return result;
+    *view = std::move(built);
+    return Result();
+}
+
+Result View::scan(FlowControl& control)
+{
+    const u64 startedUs = Clock::instance()->nowUs();
+    JournalScanner scanner(m_mirror.journal());
+    ScanOptions options;
+    options.prepareTimeoutMs = MEMORY_TIMEOUT_MS;
+    options.nowMs = [] { return Clock::instance()->nowMs(); };
+    options.progress = [&](u64 donePages, u64 allPages) {
+        control.progress(donePages, allPages);
+        if (control.stopRequested())
+            scanner.cancel();
+    };
+    RegionLocatorMetaDataContainer_Insert* container = m_locator.getInsertContainer();
+    if (m_point.m_isCheckpoint)
+        container->init(m_point.m_checkpoint.m_id);
+    else
+        options.limitItems = m_point.m_items;
+
+    const ScanResult scanned = scanner.scan(*container, options);
+    if (scanned.rc == RC_TIMED_OUT || scanned.rc == RC_NO_MEMORY)
+        return memoryResult(scanned.rc, scanned.logicalItems);
+    if (scanned.rc == RC_ABORTED)
+        return Result(ResultCode::Interrupted, "interrupted while building the index");
+    if (scanned.rc != RC_SUCCESS)
+        return Result(Result::fromStatus(scanned.rc, "").code(),
+                      "cannot build the index of " + m_point.name() + ": " +
+                          (scanned.message.empty() ? rcStatusText(scanned.rc) : scanned.message));
+
+    const RegionLocatorStatistics statistics = m_locator.getStatistics();
+    m_statistics.m_iosInserted = statistics.m_numIOsInserted;
+    m_statistics.m_bytesInserted = statistics.m_bytesInserted;
+    m_statistics.m_uniqueBytes = statistics.m_uniqueBytesIosCover;
+    m_statistics.m_regions = statistics.m_numRegionsCreated;
+    m_statistics.m_merges = m_locator.getMerges();
+    m_statistics.m_itemsScanned = scanned.logicalItems;
+    if (m_statistics.m_regions > 0)
+        m_statistics.m_bytesPerRegion =
+            static_cast<double>(m_locator.getMemPool()->getMemoryStats().totalBytes) /
+            static_cast<double>(m_statistics.m_regions);
+    m_statistics.m_indexSeconds = static_cast<double>(Clock::instance()->nowUs() - startedUs) / 1e6;
+    return Result();
+}
+
+Result View::memoryResult(RcStatus rc, u64 items)
+{
+    const u64 have = m_locator.getMemPool()->getMemoryStats().totalBytes;
+    // An item adds at most two regions: itself, and the second half of one that it cuts in two.
+    const u64 need = m_point.m_items * 2 * TOKEN_BYTES + (u64{1} << 20);
+    return Result::failed("the memory limit is too small for the index of " + m_point.name() +
+                          ": it had " + formatSize(have) + " after " + std::to_string(items) +
+                          " of " + std::to_string(m_point.m_items) + " items and may need " +
+                          formatSize(need) + " (" + rcStatusText(rc) + ")");
+}
+
+std::vector<SubRegionDescriptor> View::pieces(u64 offsetBlocks, u32 lengthBlocks)
+{
+    std::vector<SubRegionDescriptor> found;
+    // A lookup that locks nothing neither waits nor needs a task or a voucher.
+    m_locator.lookup(nullptr, offsetBlocks, lengthBlocks, &found, false, nullptr);
+    return found;
+}
