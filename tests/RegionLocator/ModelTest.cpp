@@ -27,8 +27,32 @@ u64 operationsPerSeed()
     return fromEnvironment("RL_MODEL_OPERATIONS", 100000);
 }
 
+// A process-wide pool with a limit, so that a reservation can be too large.
+class LimitedPool
+{
+public:
+    LimitedPool() { setLimit(64 << 20); }
+    ~LimitedPool() { setLimit(std::numeric_limits<u64>::max()); }
+
+private:
+    static void setLimit(u64 bytes)
+    {
+        MemoryPoolImpl* pool = Singleton<MemoryPoolImpl, MemoryPoolImpl>::instance();
+        pool->init(pool->getChunkSize(), 0, bytes);
+    }
+};
+
 class ModelTest : public testing::TestWithParam<u64>
-{};
+{
+protected:
+    LimitedPool m_pool;
+};
+
+class ModelRunTest : public testing::Test
+{
+protected:
+    LimitedPool m_pool;
+};
 
 TEST_P(ModelTest, RandomOperationsAgreeWithTheOracle)
 {
