@@ -68,6 +68,7 @@ public:
     PooledCompressionContext(const PooledCompressionContext&) = delete;
     PooledCompressionContext& operator=(const PooledCompressionContext&) = delete;
 
+    CompressionContext* get() { return m_context.get(); }
     CompressionContext* operator->() { return m_context.get(); }
 
 private:

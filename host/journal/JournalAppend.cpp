@@ -1,0 +1,183 @@
+#include <algorithm>
+#include <mutex>
+
+#include "common/infra/LogItem.h"
+#include "host/journal/Crc32c.h"
+#include "host/journal/JournalStoreImpl.h"
+
+namespace {
+
+// A rest of a grain below this is left empty rather than made the home of a fragment.
+constexpr u32 MIN_SPLIT_BLOCKS = 1024;
+
+// A data block and its checksum.
+constexpr u64 STORED_BLOCK_BYTES = BLOCK_BYTES + sizeof(u32);
+
+// Items pack into pages; how many these take at most is known only when they are packed.
+u64 pagesFor(u64 items)
+{
+    return (items + JOURNAL_PAGE_ITEMS - 1) / JOURNAL_PAGE_ITEMS;
+}
+
+} // namespace
+
+RcStatus JournalStore::Impl::checkWritableLocked() const
+{
+    if (m_options.mode != JournalMode::Writer || m_closed)
+        return RC_BAD_ARGUMENT;
+    return m_failed;
+}
+
+u64 JournalStore::Impl::bytesUsedLocked() const
+{
+    const u64 pages = m_endPage + m_group.m_pages.size() + pagesFor(m_pending.size());
+    return m_storedBlocks * STORED_BLOCK_BYTES + pages * BLOCK_BYTES;
+}
+
+RcStatus JournalStore::Impl::failLocked(RcStatus rc, const char* what)
+{
+    if (rc == RC_NO_SPACE)
+        return rc;
+    if (m_failed == RC_SUCCESS)
+        LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
+            << "the journal accepts nothing more until it is opened anew: " << what
+            << " failed: " << rcStatusText(rc) << std::endl;
+    m_failed = RC_IO_ERROR;
+    return m_failed;
+}
+
+RcStatus JournalStore::Impl::appendPieces(std::vector<JournalPiece>& pieces)
+{
+    MutexGuard guard(m_mutex);
+    RcStatus rc = checkWritableLocked();
+    // Before anything changes, so that a flush that finds no space leaves the request unaccepted.
+    if (rc == RC_SUCCESS && m_pending.size() >= m_options.autoFlushItems)
+        rc = flushLocked();
+    if (rc == RC_SUCCESS)
+        rc = checkWritableLocked();
+    if (rc != RC_SUCCESS)
+        return rc;
+
+    u64 blocks = 0;
+    for (const JournalPiece& piece : pieces)
+        blocks += piece.m_storedBlocks;
+    const u64 needBytes = blocks * STORED_BLOCK_BYTES + pagesFor(pieces.size()) * BLOCK_BYTES;
+    if (m_options.limitBytes != 0 && bytesUsedLocked() + needBytes > m_options.limitBytes)
+        return RC_NO_SPACE;
+
+    const u64 grainBefore = m_dataGrain;
+    const u32 blockBefore = m_dataBlock;
+    std::vector<PendingItem> items;
+    rc = placeLocked(pieces, &items);
+    if (rc != RC_SUCCESS) {
+        m_dataGrain = grainBefore;
+        m_dataBlock = blockBefore;
+        return failLocked(rc, "writing data");
+    }
+    for (const PendingItem& one : items)
+        m_storedBlocks += storedBlocks(one.m_item);
+    m_pending.insert(m_pending.end(), items.begin(), items.end());
+    m_accepted += items.size();
+    ++m_items;
+    return RC_SUCCESS;
+}
+
+// Gives each piece its place and writes it there; splits what a grain has no room for.
+RcStatus JournalStore::Impl::placeLocked(std::vector<JournalPiece>& pieces,
+                                         std::vector<PendingItem>* items)
+{
+    for (size_t i = 0; i < pieces.size(); ++i) {
+        const u32 rest = SFS_GRAIN_BLOCKS - m_dataBlock;
+        if (pieces[i].m_storedBlocks > rest) {
+            if (rest < MIN_SPLIT_BLOCKS) {
+                const RcStatus rc = nextGrainLocked();
+                if (rc != RC_SUCCESS)
+                    return rc;
+            } else {
+                // Rare enough to encode both parts under the lock.
+                const u64 offset = pieces[i].m_item.m_ioData.offsetBlocks;
+                const u8* plain = pieces[i].m_plain;
+                const u32 length = pieces[i].m_item.getUncompressedLengthBlocks();
+                std::vector<JournalPiece> parts;
+                encodeWrite(offset, plain, rest, Compression::None, &parts);
+                encodeWrite(offset + rest, plain + u64{rest} * BLOCK_BYTES, length - rest,
+                            m_options.compression, &parts);
+                pieces.erase(pieces.begin() + static_cast<std::ptrdiff_t>(i));
+                pieces.insert(pieces.begin() + static_cast<std::ptrdiff_t>(i),
+                              std::make_move_iterator(parts.begin()),
+                              std::make_move_iterator(parts.end()));
+            }
+        }
+        if (pieces[i].m_storedBlocks > 0) {
+            const RcStatus rc = storePieceLocked(pieces[i]);
+            if (rc != RC_SUCCESS)
+                return rc;
+        }
+        items->push_back({pieces[i].m_item, i > 0});
+    }
+    return RC_SUCCESS;
+}
+
+RcStatus JournalStore::Impl::storePieceLocked(JournalPiece& piece)
+{
+    piece.m_item.m_ioData.dataAddr = m_dataGrain * SFS_GRAIN_BLOCKS + m_dataBlock;
+    m_dirtyGrains.insert(m_dataGrain);
+    const RcStatus rc = m_grains.append(GrainKind::Data, m_dataGrain, m_dataBlock, piece.m_stored,
+                                        piece.m_storedBlocks, piece.m_checksums.data());
+    if (rc == RC_SUCCESS)
+        m_dataBlock += piece.m_storedBlocks;
+    return rc;
+}
+
+RcStatus JournalStore::Impl::nextGrainLocked()
+{
+    const RcStatus rc = m_grains.create(GrainKind::Data, m_dataGrain + 1);
+    if (rc == RC_SUCCESS) {
+        ++m_dataGrain;
+        m_dataBlock = 0;
+    }
+    return rc;
+}
+
+RcStatus JournalStore::Impl::appendCheckpoint(const std::string& tag, CpId_t* id)
+{
+    MutexGuard checkpointGuard(m_checkpointMutex);
+    {
+        MutexGuard guard(m_mutex);
+        const RcStatus rc = checkWritableLocked();
+        if (rc != RC_SUCCESS)
+            return rc;
+        if (m_options.limitBytes != 0 && bytesUsedLocked() + BLOCK_BYTES > m_options.limitBytes)
+            return RC_NO_SPACE;
+    }
+    JournalCheckpoint checkpoint;
+    checkpoint.m_id = m_lastCheckpoint + 1;
+    checkpoint.m_timestampUs = std::max(m_options.nowUs(), m_lastTimestampUs);
+    checkpoint.m_tag = tag;
+    if (!tag.empty()) {
+        const RcStatus rc = m_tags.add(checkpoint.m_id, tag);
+        if (rc != RC_SUCCESS) {
+            MutexGuard guard(m_mutex);
+            return failLocked(rc, "writing a tag");
+        }
+    }
+
+    PendingItem item;
+    item.m_item.setType(SfsMetaType::CHECKPOINT);
+    item.m_item.m_cpData = {checkpoint.m_timestampUs, checkpoint.m_id};
+    item.m_item.setUserData(tagMark(tag));
+    MutexGuard guard(m_mutex);
+    RcStatus rc = checkWritableLocked();
+    if (rc != RC_SUCCESS)
+        return rc;
+    checkpoint.m_itemsBefore = m_items;
+    m_pending.push_back(item);
+    ++m_accepted;
+    m_checkpoints.push_back(checkpoint);
+    m_lastCheckpoint = checkpoint.m_id;
+    m_lastTimestampUs = checkpoint.m_timestampUs;
+    rc = flushLocked();
+    if (rc == RC_SUCCESS && id != nullptr)
+        *id = checkpoint.m_id;
+    return rc;
+}

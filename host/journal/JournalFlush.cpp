@@ -1,0 +1,118 @@
+#include <algorithm>
+
+#include "host/journal/JournalStoreImpl.h"
+
+RcStatus JournalStore::Impl::flush()
+{
+    MutexGuard guard(m_mutex);
+    const RcStatus rc = checkWritableLocked();
+    return rc == RC_SUCCESS ? flushLocked() : rc;
+}
+
+// Makes all that is accepted by now durable. The first caller writes for all; those that come
+// meanwhile wait, and one of them writes what came with them.
+RcStatus JournalStore::Impl::flushLocked()
+{
+    const u64 target = m_accepted;
+    while (m_flushedAccepted < target) {
+        if (m_failed != RC_SUCCESS)
+            return m_failed;
+        if (m_flushing) {
+            m_flushed.wait(m_mutex);
+            continue;
+        }
+        m_flushing = true;
+        if (m_group.m_pages.empty())
+            beginGroupLocked();
+        std::set<u64> dirtyGrains;
+        dirtyGrains.swap(m_dirtyGrains);
+        m_mutex.unlock();
+        const RcStatus rc = writeGroup(dirtyGrains);
+        m_mutex.lock();
+        m_flushing = false;
+        if (rc == RC_SUCCESS)
+            endGroupLocked();
+        else
+            m_dirtyGrains.insert(dirtyGrains.begin(), dirtyGrains.end());
+        m_flushed.notify_all();
+        if (rc != RC_SUCCESS)
+            return failLocked(rc, "a flush");
+    }
+    return RC_SUCCESS;
+}
+
+void JournalStore::Impl::beginGroupLocked()
+{
+    m_group = packGroup(m_pending, m_endPage, m_durableItems);
+    m_groupAccepted = m_accepted;
+    m_pending.clear();
+}
+
+void JournalStore::Impl::endGroupLocked()
+{
+    m_endPage += m_group.m_pages.size();
+    m_endsMarked = false;
+    m_durableItems = m_group.m_items;
+    m_flushedAccepted = m_groupAccepted;
+    for (const JournalPtr& ptr : m_group.m_checkpoints)
+        m_checkpoints[m_placedCheckpoints++].m_ptr = ptr;
+    m_group = JournalGroup();
+}
+
+RcStatus JournalStore::Impl::writeGroup(const std::set<u64>& dirtyGrains)
+{
+    // Data first: a page that refers to data must not be durable before it.
+    RcStatus rc = RC_SUCCESS;
+    for (const u64 grain : dirtyGrains) {
+        rc = m_grains.sync(GrainKind::Data, grain);
+        // Whatever a failed sync dropped is gone, also when it was for want of space.
+        if (rc != RC_SUCCESS)
+            return RC_IO_ERROR;
+    }
+    const u64 end = m_group.m_firstPage + m_group.m_pages.size();
+    for (u64 page = m_group.m_firstPage; page < end;) {
+        const u32 count = static_cast<u32>(
+            std::min<u64>(end - page, JOURNAL_PAGES_PER_GRAIN - pageInGrain(page)));
+        if (pageInGrain(page) == 0)
+            rc = m_grains.create(GrainKind::Meta, pageGrain(page));
+        if (rc == RC_SUCCESS)
+            rc = m_grains.append(GrainKind::Meta, pageGrain(page), pageInGrain(page),
+                                 &m_group.m_pages[page - m_group.m_firstPage], count, nullptr);
+        if (rc != RC_SUCCESS)
+            return rc;
+        page += count;
+    }
+    for (u64 grain = pageGrain(m_group.m_firstPage); grain <= pageGrain(end - 1); ++grain) {
+        rc = m_grains.sync(GrainKind::Meta, grain);
+        if (rc != RC_SUCCESS)
+            return RC_IO_ERROR;
+    }
+    return RC_SUCCESS;
+}
+
+RcStatus JournalStore::Impl::close()
+{
+    MutexGuard guard(m_mutex);
+    if (m_closed || m_options.mode != JournalMode::Writer)
+        return RC_SUCCESS;
+    RcStatus rc = m_failed != RC_SUCCESS ? m_failed : flushLocked();
+    m_closed = true;
+    if (rc == RC_SUCCESS && !m_endsMarked) {
+        // A group of one empty page: it proves that all before it had been durable.
+        m_group.m_firstPage = m_endPage;
+        m_group.m_items = m_durableItems;
+        m_group.m_pages.resize(1);
+        JournalPage& page = m_group.m_pages.front();
+        page.m_number = m_endPage;
+        page.m_itemsBefore = m_durableItems;
+        page.m_count = page.m_continuation = 0;
+        page.m_groupDistance = 0;
+        sealPage(page);
+        rc = writeGroup({});
+        if (rc == RC_SUCCESS)
+            endGroupLocked();
+        m_endsMarked = rc == RC_SUCCESS;
+    }
+    m_lockFile.reset();
+    return rc;
+}

@@ -1,0 +1,263 @@
+#include "host/journal/JournalStore.h"
+
+#include <chrono>
+
+#include "common/infra/LogItem.h"
+#include "host/journal/JournalStoreImpl.h"
+#include "host/volume/AsyncFileIo.h"
+
+namespace {
+
+u64 systemNowUs()
+{
+    return static_cast<u64>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                std::chrono::system_clock::now().time_since_epoch())
+                                .count());
+}
+
+JournalOptions completed(JournalOptions options)
+{
+    if (!options.nowUs)
+        options.nowUs = systemNowUs;
+    return options;
+}
+
+bool fail(JournalStore::Opened& opened, RcStatus rc, const std::string& message)
+{
+    opened.m_rc = rc;
+    opened.m_message = message;
+    return false;
+}
+
+} // namespace
+
+JournalStore::Impl::Impl(Storage& storage, const JournalOptions& options, AsyncFileIo& io)
+    : m_storage(storage), m_options(completed(options)),
+      m_grains(storage, options.folder, options.mode == JournalMode::ReadOnly, io)
+{}
+
+bool JournalStore::Impl::takeLock(Opened& opened)
+{
+    RcStatus rc = m_storage.makeDir(m_options.folder);
+    if (rc == RC_SUCCESS)
+        rc = m_storage.syncDir("");
+    if (rc == RC_SUCCESS)
+        rc = m_storage.open(m_options.folder + "/lock", StorageAccess::Create, &m_lockFile);
+    if (rc == RC_SUCCESS)
+        rc = m_lockFile->lock();
+    if (rc == RC_IN_USE)
+        return fail(opened, rc, "another process writes to this journal");
+    return rc == RC_SUCCESS ||
+           fail(opened, rc, std::string("cannot lock the journal: ") + rcStatusText(rc));
+}
+
+bool JournalStore::Impl::recover(Opened& opened)
+{
+    RecoveryResult found = recoverJournal(m_grains, m_options);
+    opened.m_report = found.m_report;
+    if (found.m_rc != RC_SUCCESS)
+        return fail(opened, found.m_rc,
+                    !found.m_message.empty()
+                        ? found.m_message
+                        : std::string("cannot read the journal: ") + rcStatusText(found.m_rc));
+
+    MutexGuard checkpointGuard(m_checkpointMutex);
+    MutexGuard guard(m_mutex);
+    const RcStatus rc = m_tags.load(m_storage, m_options.folder);
+    if (rc != RC_SUCCESS)
+        return fail(opened, rc, std::string("cannot read the tags: ") + rcStatusText(rc));
+    for (const RecoveredCheckpoint& one : found.m_checkpoints) {
+        const std::string* tag =
+            one.m_tagMark != 0 ? m_tags.find(one.m_id, one.m_tagMark) : nullptr;
+        if (one.m_tagMark != 0 && tag == nullptr)
+            opened.m_report.m_damage.push_back(
+                {"tag of checkpoint " + std::to_string(one.m_id), "damaged or missing"});
+        m_checkpoints.push_back({one.m_id, one.m_timestampUs, one.m_itemsBefore,
+                                 tag != nullptr ? *tag : std::string(), one.m_ptr});
+        if (one.m_tagMark != 0 && tag == nullptr && m_options.recovery == JournalRecovery::Strict)
+            return fail(opened, RC_DAMAGED,
+                        "the journal is damaged: the tag of checkpoint " +
+                            std::to_string(one.m_id) + " is damaged or missing");
+    }
+    m_placedCheckpoints = m_checkpoints.size();
+    m_lastCheckpoint = found.m_position.m_lastCheckpoint;
+    m_lastTimestampUs = found.m_position.m_lastTimestampUs;
+    m_items = m_durableItems = found.m_position.m_items;
+    m_endPage = found.m_position.m_endPage;
+    m_endsMarked = found.m_position.m_endsMarked;
+    m_storedBlocks = found.m_position.m_storedBlocks;
+    m_dataGrain = found.m_position.m_dataGrain;
+    m_dataBlock = m_dataGrain != 0 ? found.m_position.m_dataBlock : SFS_GRAIN_BLOCKS;
+    if (m_options.mode == JournalMode::Writer) {
+        const RcStatus cut = cutJournal(m_grains, found.m_position);
+        if (cut != RC_SUCCESS)
+            return fail(opened, cut,
+                        std::string("cannot cut the journal's incomplete end: ") +
+                            rcStatusText(cut));
+    }
+    m_report = opened.m_report;
+    if (!m_report.m_text.empty())
+        LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3) << m_report.m_text << std::endl;
+    return true;
+}
+
+bool JournalStore::Impl::prepareWriting(Opened& opened)
+{
+    MutexGuard guard(m_checkpointMutex);
+    const RcStatus rc = m_tags.openForWriting(m_storage, m_options.folder);
+    if (rc != RC_SUCCESS)
+        return fail(opened, rc, std::string("cannot open the tags: ") + rcStatusText(rc));
+    const RcStatus synced = m_storage.syncDir(m_options.folder);
+    return synced == RC_SUCCESS ||
+           fail(opened, synced,
+                std::string("cannot make the journal durable: ") + rcStatusText(synced));
+}
+
+JournalStore::Opened JournalStore::open(Storage& storage, const JournalOptions& options)
+{
+    Opened opened;
+    auto impl = std::make_unique<Impl>(
+        storage, options, options.io != nullptr ? *options.io : AsyncFileIo::instance());
+    const bool writer = options.mode == JournalMode::Writer;
+    if ((!writer || impl->takeLock(opened)) && impl->recover(opened) &&
+        (!writer || impl->prepareWriting(opened)))
+        opened.m_store.reset(new JournalStore(std::move(impl)));
+    else if (opened.m_rc == RC_NOT_FOUND)
+        opened.m_message = "there is no journal";
+    return opened;
+}
+
+JournalStore::JournalStore(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
+
+JournalStore::~JournalStore()
+{
+    if (m_impl->m_options.mode != JournalMode::Writer)
+        return;
+    const RcStatus rc = close();
+    if (rc != RC_SUCCESS)
+        LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
+            << "the journal's end could not be made durable: " << rcStatusText(rc) << std::endl;
+}
+
+RcStatus JournalStore::append(u64 offsetBlocks, const void* data, u32 lengthBlocks)
+{
+    const u64 volume = m_impl->m_options.volumeBlocks;
+    if (lengthBlocks == 0 || offsetBlocks + lengthBlocks < offsetBlocks ||
+        (volume != 0 && offsetBlocks + lengthBlocks > volume))
+        return RC_BAD_ARGUMENT;
+    std::vector<JournalPiece> pieces;
+    encodeWrite(offsetBlocks, static_cast<const u8*>(data), lengthBlocks,
+                m_impl->m_options.compression, &pieces);
+    return m_impl->appendPieces(pieces);
+}
+
+RcStatus JournalStore::appendZeroes(u64 offsetBlocks, u64 lengthBlocks)
+{
+    const u64 volume = m_impl->m_options.volumeBlocks;
+    if (lengthBlocks == 0 || offsetBlocks + lengthBlocks < offsetBlocks ||
+        (volume != 0 && offsetBlocks + lengthBlocks > volume))
+        return RC_BAD_ARGUMENT;
+    std::vector<JournalPiece> pieces;
+    encodeZeroes(offsetBlocks, lengthBlocks, &pieces);
+    return m_impl->appendPieces(pieces);
+}
+
+RcStatus JournalStore::appendCheckpoint(const std::string& tag, CpId_t* id)
+{
+    return JournalTags::isValid(tag) ? m_impl->appendCheckpoint(tag, id) : RC_BAD_ARGUMENT;
+}
+
+RcStatus JournalStore::flush()
+{
+    return m_impl->flush();
+}
+RcStatus JournalStore::close()
+{
+    return m_impl->close();
+}
+
+u64 JournalStore::itemCount() const
+{
+    MutexGuard guard(m_impl->m_mutex);
+    return m_impl->m_items;
+}
+
+u64 JournalStore::durableItemCount() const
+{
+    MutexGuard guard(m_impl->m_mutex);
+    return m_impl->m_durableItems;
+}
+
+std::vector<JournalCheckpoint> JournalStore::checkpoints() const
+{
+    MutexGuard guard(m_impl->m_mutex);
+    const auto begin = m_impl->m_checkpoints.begin();
+    return {begin, begin + static_cast<std::ptrdiff_t>(m_impl->m_placedCheckpoints)};
+}
+
+u64 JournalStore::bytesUsed() const
+{
+    MutexGuard guard(m_impl->m_mutex);
+    return m_impl->bytesUsedLocked();
+}
+
+u64 JournalStore::endPage() const
+{
+    MutexGuard guard(m_impl->m_mutex);
+    return m_impl->m_endPage;
+}
+
+RcStatus JournalStore::streamStatus() const
+{
+    MutexGuard guard(m_impl->m_mutex);
+    return m_impl->m_streamStatus;
+}
+
+RcStatus JournalStore::setPersistentStreamStatus(AsyncTask*, u64, RcStatus status, u64)
+{
+    MutexGuard guard(m_impl->m_mutex);
+    m_impl->m_streamStatus = status;
+    return RC_SUCCESS;
+}
+
+u64 JournalStore::limitBytes() const
+{
+    return m_impl->m_options.limitBytes;
+}
+u64 JournalStore::volumeBlocks() const
+{
+    return m_impl->m_options.volumeBlocks;
+}
+Compression JournalStore::compression() const
+{
+    return m_impl->m_options.compression;
+}
+const JournalReport& JournalStore::report() const
+{
+    return m_impl->m_report;
+}
+GrainStore& JournalStore::grains()
+{
+    return m_impl->m_grains;
+}
+
+bool JournalStore::skipsDamage() const
+{
+    return m_impl->m_options.recovery == JournalRecovery::Salvage;
+}
+
+FutureStatus JournalStore::readStored(const std::vector<IODescriptorEx>& ios, AioPriority priority)
+{
+    std::vector<GrainRead> reads;
+    reads.reserve(ios.size());
+    for (const IODescriptorEx& io : ios) {
+        const u64 address = io.m_offsetBlocks & 0xffffffffffff;
+        const u32 block = static_cast<u32>(address % SFS_GRAIN_BLOCKS);
+        if (io.m_offsetBlocks == SFS_DEV_ADDR_INVALID || io.m_lengthBlocks == 0 ||
+            io.m_lengthBlocks > SFS_GRAIN_BLOCKS - block ||
+            io.m_data.getSize() != u64{io.m_lengthBlocks} * BLOCK_BYTES)
+            return makeSetFuture(RC_BAD_ARGUMENT);
+        reads.push_back({address / SFS_GRAIN_BLOCKS, block, io.m_lengthBlocks, io.m_data});
+    }
+    return m_impl->m_grains.readData(std::move(reads), priority);
+}

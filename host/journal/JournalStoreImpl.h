@@ -1,0 +1,90 @@
+// The inside of JournalStore: appending (JournalAppend.cpp) and flushing (JournalFlush.cpp).
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "common/infra/Mutex.h"
+#include "host/journal/FileGrainStore.h"
+#include "host/journal/JournalPack.h"
+#include "host/journal/JournalRecovery.h"
+#include "host/journal/JournalStore.h"
+#include "host/journal/JournalTags.h"
+
+// Locks: m_checkpointMutex, which keeps the ids of checkpoints in the journal's order while their
+// tags are made durable, is taken before m_mutex.
+struct JournalStore::Impl
+{
+    Impl(Storage& storage, const JournalOptions& options, AsyncFileIo& io);
+
+    // Opening; each sets opened.m_rc and m_message on failure.
+    bool takeLock(Opened& opened);
+    bool recover(Opened& opened);
+    bool prepareWriting(Opened& opened);
+
+    // Appends the pieces of one request as one step.
+    RcStatus appendPieces(std::vector<JournalPiece>& pieces) RL_EXCLUDES(m_mutex);
+    RcStatus appendCheckpoint(const std::string& tag, CpId_t* id) RL_EXCLUDES(m_mutex);
+    RcStatus flush() RL_EXCLUDES(m_mutex);
+    RcStatus close() RL_EXCLUDES(m_mutex);
+
+    RcStatus checkWritableLocked() const RL_REQUIRES(m_mutex);
+    RcStatus placeLocked(std::vector<JournalPiece>& pieces, std::vector<PendingItem>* items)
+        RL_REQUIRES(m_mutex);
+    RcStatus storePieceLocked(JournalPiece& piece) RL_REQUIRES(m_mutex);
+    RcStatus nextGrainLocked() RL_REQUIRES(m_mutex);
+    u64 bytesUsedLocked() const RL_REQUIRES(m_mutex);
+    RcStatus flushLocked() RL_REQUIRES(m_mutex);
+    void beginGroupLocked() RL_REQUIRES(m_mutex);
+    void endGroupLocked() RL_REQUIRES(m_mutex);
+
+    // After anything but a full disk nothing more is accepted.
+    RcStatus failLocked(RcStatus rc, const char* what) RL_REQUIRES(m_mutex);
+
+    // Writes the group that m_group holds; called by the one thread that flushes.
+    RcStatus writeGroup(const std::set<u64>& dirtyGrains);
+
+    Storage& m_storage;
+    const JournalOptions m_options;
+    FileGrainStore m_grains;
+    std::unique_ptr<StorageFile> m_lockFile;
+    JournalReport m_report;
+
+    Mutex m_checkpointMutex;
+    JournalTags m_tags RL_GUARDED_BY(m_checkpointMutex);
+    CpId_t m_lastCheckpoint RL_GUARDED_BY(m_checkpointMutex) = 0;
+    u64 m_lastTimestampUs RL_GUARDED_BY(m_checkpointMutex) = 0;
+
+    mutable Mutex m_mutex;
+    std::condition_variable_any m_flushed;
+    RcStatus m_failed RL_GUARDED_BY(m_mutex) = RC_SUCCESS; // why nothing more is accepted
+    RcStatus m_streamStatus RL_GUARDED_BY(m_mutex) = RC_SUCCESS;
+    bool m_closed RL_GUARDED_BY(m_mutex) = false;
+
+    // Where the next data block goes.
+    u64 m_dataGrain RL_GUARDED_BY(m_mutex) = 0;
+    u32 m_dataBlock RL_GUARDED_BY(m_mutex) = SFS_GRAIN_BLOCKS;
+    std::set<u64> m_dirtyGrains RL_GUARDED_BY(m_mutex); // data grains not synced since an append
+    u64 m_storedBlocks RL_GUARDED_BY(m_mutex) = 0;
+
+    // Accepted, and not in a group yet.
+    std::vector<PendingItem> m_pending RL_GUARDED_BY(m_mutex);
+    u64 m_items RL_GUARDED_BY(m_mutex) = 0;    // logical items accepted
+    u64 m_accepted RL_GUARDED_BY(m_mutex) = 0; // items of all kinds since the store was opened
+
+    // The group that is being written, or could not be for want of space and is to be written again
+    // as it is: pages of two attempts must not differ. Only the flushing thread reads it unlocked.
+    JournalGroup m_group;
+    u64 m_groupAccepted RL_GUARDED_BY(m_mutex) = 0; // m_accepted at its end
+    bool m_flushing RL_GUARDED_BY(m_mutex) = false;
+    u64 m_flushedAccepted RL_GUARDED_BY(m_mutex) = 0;
+    u64 m_durableItems RL_GUARDED_BY(m_mutex) = 0;
+    u64 m_endPage RL_GUARDED_BY(m_mutex) = 0;
+    bool m_endsMarked RL_GUARDED_BY(m_mutex) = true;
+
+    std::vector<JournalCheckpoint> m_checkpoints RL_GUARDED_BY(m_mutex);
+    size_t m_placedCheckpoints RL_GUARDED_BY(m_mutex) = 0; // of these, durable
+};
