@@ -560,13 +560,13 @@ RegionMap::const_iterator RegionLocator::punchOutPiece(CountedRegionMap* a_regio
         return a_regionMap->erase(iter);
     }
     const Remainders altRegions = computeRemainders(*iter, curRegion);
-    HARD_CHECK(altRegions.m_count > 0);
+    HARD_CHECK(altRegions.size() > 0);
     if (binaryVerbose())
         binaryLogSfsRegionDesc(REGION_EVENT_CUT, &*iter);
     RL_TRACE_IN(PUNCH_OUT_SIGNATURE, << "erase "
                                      << " curRegion=" << curRegion);
     RegionMap::const_iterator next = a_regionMap->erase(iter);
-    for (u32 i = 0; i < altRegions.m_count; ++i) {
+    for (u32 i = 0; i < altRegions.size(); ++i) {
         const SubRegionDescriptor& alt = altRegions.m_pieces[i];
         if (checksChanges()) {
             const std::vector<SubRegionDescriptor> intersecting =

@@ -149,6 +149,7 @@ private:
     struct Remainders
     {
         void add(const SubRegionDescriptor& piece) { m_pieces[m_count++] = piece; }
+        u32 size() const { return m_count; }
         SubRegionDescriptor m_pieces[2] = {SubRegionDescriptor(0), SubRegionDescriptor(0)};
         u32 m_count = 0;
     };
