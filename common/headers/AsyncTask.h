@@ -62,7 +62,8 @@ private:
 
     AsyncTaskPriority m_priority;
     u64 m_result = 0;
-    AsyncTask* m_nextReady = nullptr; // link of the ready queue, which so needs no memory
+    // Link of the ready queue, which so needs no memory; an engine may do without.
+    [[maybe_unused]] AsyncTask* m_nextReady = nullptr;
     AsyncFrame* m_topFrame = nullptr; // the innermost frame; each knows the one below
     RcStatus m_resumeRc = RC_SUCCESS; // what to resume with; written before the state changes
     bool m_started = false;

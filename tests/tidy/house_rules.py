@@ -11,6 +11,7 @@ import os
 import re
 import subprocess
 import sys
+import textwrap
 
 CONTRACTS = ["common", "Sfs", "XelControl"]
 
@@ -171,6 +172,16 @@ def rule_tests_registered(tree):
     for path in tree.code(["tests"]):
         if path.endswith("Test.cpp") and os.path.dirname(path) not in named and path not in named:
             yield path, 1, "no test program takes it"
+
+
+def rule_readme_listing(tree):
+    """The listing in README.md is the example that the build compiles and runs."""
+    listing = "examples/twenty-lines/main.cpp"
+    if listing in tree.files:
+        code = tree.text(listing)
+        shown = textwrap.indent(code[code.index("int main()"):], "    ")
+        if shown not in tree.text("README.md"):
+            yield "README.md", 1, f"does not show main() as it stands in {listing}"
 
 
 def rule_scripts(tree):

@@ -15,6 +15,8 @@ GOOD = {
     "host/Good.h": '#pragma once\n#include <string>\n#include "common/infra/Good.h"\n',
     "tests/CMakeLists.txt": "rl_tests(host_tests host rl_host)\n",
     "tests/host/GoodTest.cpp": '#include "host/Good.h"\n',
+    "examples/twenty-lines/main.cpp": "int main()\n{\n    return 0;\n}\n",
+    "README.md": "So:\n\n    int main()\n    {\n        return 0;\n    }\n",
     "run-it": "#!/bin/sh\nset -eu\n",
 }
 
@@ -35,6 +37,7 @@ BAD = {
               ("docs/bad.md", "see Par" + "t 3.1\n"), ("docs/bad.md", "in /wo" + "rk/main\n"),
               ("docs/bad.md", "for issue " + "12\n")],
     "tests_registered": [("tests/lost/LostTest.cpp", "\n")],
+    "readme_listing": [("README.md", "int main()\n{\n}\n")],
     "scripts": [("bad", "#!/bin/sh\necho hello\n")],
 }
 
