@@ -18,7 +18,7 @@
 // An accounting group: who the chunks in use, and the fills that wait, are charged to.
 class ModuleMemoryInformation;
 
-// What a pool holds, in bytes.
+// What a pool holds, in bytes. What is neither free nor used is the pool's own bookkeeping.
 struct MemoryStats
 {
     u64 totalBytes;     // obtained through allocate() and not yet given back
@@ -64,8 +64,9 @@ public:
     void registerSubMemPool(MemoryPoolImpl* pool);
     void unregisterSubMemPool(MemoryPoolImpl* pool);
 
-    // Adds `sizeBytes`, rounded up to whole chunks, to the buffer, one segment a chunk; waits for
-    // memory as long as it takes. The buffer belongs to the pool until the future is set.
+    // Adds `sizeBytes` to the buffer, one segment a chunk, the last one as long as what is left of
+    // the size; waits for memory as long as it takes. RC_NO_MEMORY when the limit could never
+    // allow that much. The buffer belongs to the pool until the future is set.
     // requesterId: for reports. token: what cancelBufferFill() will name.
     FutureStatus fillBufFuture(u64 requesterId, ScatteredBuf* buf, u32 sizeBytes,
                                ModuleMemoryInformation* mmi, void* token);
@@ -93,7 +94,8 @@ protected:
     // freeAllocation: takes back one block that allocate() delivered.
     virtual void freeAllocation(u8* ptr, u32 sizeBytes);
     // allocate: sets the future to RC_SUCCESS after it has written the address of `sizeBytes`
-    // bytes to *out, or to a failure. `out` lives until then.
+    // bytes to *out, or to a failure. `out` lives until then. The address is aligned to a power of
+    // two that is not below the size.
     virtual FutureStatus allocate(u32 sizeBytes, u8** out);
     // cancelAllocation: ends a waiting allocate() with a failure; returns whether it tried.
     virtual bool cancelAllocation();

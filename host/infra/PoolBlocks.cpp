@@ -1,0 +1,172 @@
+#include "host/infra/PoolBlocks.h"
+
+#include <algorithm>
+#include <bit>
+#include <new>
+
+#include "common/infra/Assert.h"
+
+// Free memory is closed to AddressSanitizer, so that it finds the use of a chunk given back, which
+// otherwise hides inside its block.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define RL_POOL_POISONS 1
+#endif
+#elif defined(__SANITIZE_ADDRESS__)
+#define RL_POOL_POISONS 1
+#endif
+
+#ifdef RL_POOL_POISONS
+#include <sanitizer/asan_interface.h>
+namespace {
+void closeMemory(const void* from, size_t bytes)
+{
+    __asan_poison_memory_region(from, bytes);
+}
+void openMemory(const void* from, size_t bytes)
+{
+    __asan_unpoison_memory_region(from, bytes);
+}
+} // namespace
+#else
+namespace {
+void closeMemory(const void*, size_t) {}
+void openMemory(const void*, size_t) {}
+} // namespace
+#endif
+
+void PoolBlocks::configure(u32 chunkBytes, u32 blockBytes)
+{
+    HARD_CHECK(m_blocks == 0);
+    HARD_CHECK(chunkBytes > 0 && blockBytes > 0);
+    m_chunkBytes = chunkBytes;
+    m_blockBytes = blockBytes;
+    m_strideBytes = std::max<u32>(std::bit_ceil(chunkBytes), sizeof(FreeChunk));
+    m_blockMask = ~(static_cast<uintptr_t>(std::bit_ceil<u64>(blockBytes)) - 1);
+    const u32 headerChunks = (sizeof(Block) + m_strideBytes - 1) / m_strideBytes;
+    const u32 chunks = blockBytes / m_strideBytes;
+    if (chunks < headerChunks + 2) {
+        m_headerChunks = 0;
+        m_capacity = 1;
+    } else {
+        m_headerChunks = headerChunks;
+        m_capacity = chunks - headerChunks;
+    }
+}
+
+bool PoolBlocks::accepts(const u8* block) const
+{
+    if (block == nullptr)
+        return false;
+    const uintptr_t address = reinterpret_cast<uintptr_t>(block);
+    // A block that is one chunk needs no mask, only room for a link.
+    return m_headerChunks == 0 ? address % alignof(FreeChunk) == 0
+                               : (address & m_blockMask) == address;
+}
+
+PoolBlocks::Block* PoolBlocks::blockOf(u8* chunk) const
+{
+    return reinterpret_cast<Block*>(reinterpret_cast<uintptr_t>(chunk) & m_blockMask);
+}
+
+void PoolBlocks::reset(Block* block) const
+{
+    block->m_returned = nullptr;
+    block->m_freeChunks = m_capacity;
+    block->m_firstUntouched = 0;
+}
+
+void PoolBlocks::addBlock(u8* block)
+{
+    ++m_blocks;
+    ++m_freeBlocks;
+    m_freeChunks += m_capacity;
+    m_free = new (block) FreeChunk{m_free};
+    closeMemory(block + sizeof(FreeChunk), m_blockBytes - sizeof(FreeChunk));
+}
+
+u8* PoolBlocks::removeFreeBlock()
+{
+    if (m_free == nullptr)
+        return nullptr;
+    FreeChunk* block = m_free;
+    m_free = block->m_next;
+    --m_blocks;
+    --m_freeBlocks;
+    m_freeChunks -= m_capacity;
+    openMemory(block, m_blockBytes);
+    return reinterpret_cast<u8*>(block);
+}
+
+u8* PoolBlocks::takeChunk()
+{
+    --m_freeChunks;
+    if (m_partial.m_next == &m_partial) {
+        FreeChunk* first = m_free;
+        m_free = first->m_next;
+        --m_freeBlocks;
+        if (m_headerChunks == 0) {
+            openMemory(first, m_blockBytes);
+            return reinterpret_cast<u8*>(first);
+        }
+        openMemory(first, sizeof(Block));
+        Block* block = new (first) Block;
+        reset(block);
+        block->m_next = block->m_previous = &m_partial;
+        m_partial.m_next = m_partial.m_previous = block;
+    }
+    Block* block = static_cast<Block*>(m_partial.m_next);
+    u8* chunk;
+    if (block->m_returned != nullptr) {
+        chunk = reinterpret_cast<u8*>(block->m_returned);
+        openMemory(chunk, m_strideBytes);
+        block->m_returned = block->m_returned->m_next;
+    } else {
+        chunk = reinterpret_cast<u8*>(block) +
+                size_t{m_headerChunks + block->m_firstUntouched} * m_strideBytes;
+        openMemory(chunk, m_strideBytes);
+        ++block->m_firstUntouched;
+    }
+    if (--block->m_freeChunks == 0) { // a full block is in no list: its chunks know the way back
+        block->m_next->m_previous = block->m_previous;
+        block->m_previous->m_next = block->m_next;
+    }
+    return chunk;
+}
+
+bool PoolBlocks::giveChunk(u8* chunk)
+{
+    ++m_freeChunks;
+    if (m_headerChunks == 0) {
+        ++m_freeBlocks;
+        m_free = new (chunk) FreeChunk{m_free};
+        closeMemory(chunk + sizeof(FreeChunk), m_blockBytes - sizeof(FreeChunk));
+        return true;
+    }
+    Block* block = blockOf(chunk);
+    block->m_returned = new (chunk) FreeChunk{block->m_returned};
+    closeMemory(chunk, m_strideBytes);
+    if (++block->m_freeChunks == 1) {
+        // At the end: the blocks before it are used up first, and this one may become free.
+        block->m_next = &m_partial;
+        block->m_previous = m_partial.m_previous;
+        m_partial.m_previous->m_next = block;
+        m_partial.m_previous = block;
+    }
+    if (block->m_freeChunks < m_capacity)
+        return false;
+    block->m_next->m_previous = block->m_previous;
+    block->m_previous->m_next = block->m_next;
+    u8* memory = reinterpret_cast<u8*>(block);
+    ++m_freeBlocks;
+    m_free = new (memory) FreeChunk{m_free};
+    closeMemory(memory + sizeof(FreeChunk), m_blockBytes - sizeof(FreeChunk));
+    return true;
+}
+
+void PoolBlocks::forgetUsedBlocks()
+{
+    m_partial.m_next = m_partial.m_previous = &m_partial;
+    m_blocks = m_freeBlocks;
+    m_freeChunks = m_freeBlocks * m_capacity;
+}
