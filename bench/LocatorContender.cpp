@@ -1,0 +1,91 @@
+#include "RegionLocator/RegionLocator.h"
+#include "RegionLocator/RegionLocatorMetaDataContainer.h"
+#include "bench/Contender.h"
+#include "common/infra/Assert.h"
+
+namespace {
+
+constexpr u64 NO_DEADLINE = ~u64{0};
+
+class LocatorContender : public Contender
+{
+public:
+    LocatorContender()
+        : m_locator(1, RL_MMI_View), m_pool(m_locator.getMemPool()),
+          m_insertVoucher(m_pool->createVoucher()), m_lockVoucher(m_pool->createVoucher())
+    {}
+    ~LocatorContender() override
+    {
+        m_pool->destroyVoucher(m_insertVoucher);
+        m_pool->destroyVoucher(m_lockVoucher);
+    }
+    LocatorContender(const LocatorContender&) = delete;
+    LocatorContender& operator=(const LocatorContender&) = delete;
+
+    void feed(const SfsDiskMetaItem* items, u32 count) override
+    {
+        SfsMetaDataContainer* feeder = m_locator.getInsertContainer();
+        const RcStatus prepared = feeder->prepareToAdd(static_cast<int>(count), NO_DEADLINE).get();
+        HARD_CHECK(prepared == RC_SUCCESS);
+        for (u32 i = 0; i < count; ++i)
+            feeder->addMetaData(items[i], JournalPtr::invalid);
+        feeder->unPrepareToAdd();
+    }
+
+    void reserveInserts(u32 writes) override
+    {
+        reserve(m_insertVoucher, RegionLocatorMemPool::INSERT, writes);
+    }
+
+    void insert(const SfsDiskMetaItem& item) override
+    {
+        const bool inserted = m_locator.insert(
+            SubRegionDescriptor(SfsItemDescriptor::genFromSfsDiskMetaItem(item)), m_insertVoucher);
+        HARD_CHECK(inserted);
+    }
+
+    void lookup(u64 offsetBlocks, u32 lengthBlocks, Pieces* pieces) override
+    {
+        m_locator.lookup(nullptr, offsetBlocks, lengthBlocks, pieces, false, nullptr);
+    }
+
+    void reserveLocks(u32 pieces) override
+    {
+        reserve(m_lockVoucher, RegionLocatorMemPool::LOOKUP_LOCKED, pieces);
+    }
+
+    void lock(u64 offsetBlocks, u32 lengthBlocks, Pieces* pieces) override
+    {
+        const RcStatus locked =
+            m_locator.lookup(nullptr, offsetBlocks, lengthBlocks, pieces, true, m_lockVoucher);
+        HARD_CHECK(locked == RC_SUCCESS);
+    }
+
+    void unlock(Pieces& pieces) override { m_locator.unlockAndRestore(pieces, m_lockVoucher); }
+
+    u64 regions() override { return m_locator.getItemCount(); }
+    u64 coveredBlocks() override { return m_locator.getTotalRegionBlocks(); }
+    u64 memoryBytes() override { return m_pool->getMemoryStats().totalBytes; }
+
+private:
+    void reserve(RegionLocatorVoucher* voucher, RegionLocatorMemPool::ActionType action, u32 count)
+    {
+        m_pool->clearVoucher(voucher);
+        const int tokens =
+            RegionLocatorMemPool::getVoucherRequirement(action, static_cast<int>(count));
+        const RcStatus filled = m_pool->fillVoucher(voucher, tokens, NO_DEADLINE, this).get();
+        HARD_CHECK(filled == RC_SUCCESS);
+    }
+
+    RegionLocator m_locator;
+    RegionLocatorMemPool* m_pool;
+    RegionLocatorVoucher* m_insertVoucher;
+    RegionLocatorVoucher* m_lockVoucher;
+};
+
+} // namespace
+
+std::unique_ptr<Contender> makeLocatorContender()
+{
+    return std::make_unique<LocatorContender>();
+}
