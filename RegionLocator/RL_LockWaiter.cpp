@@ -2,6 +2,7 @@
 
 #include "RegionLocator/RegionLocator.h"
 #include "common/headers/AsyncTaskControl.h"
+#include "common/infra/DynamicTweaks.h"
 
 RL_LockWaiter::RL_LockWaiter(RegionLocator* a_regionLocator, AsyncTask* a_pAsyncTask,
                              std::vector<SubRegionDescriptor>* a_subRegionsResult,
@@ -38,5 +39,46 @@ void RL_LockWaiter_lookup::resume()
     m_regionLocator->m_mutex.assertHeld();
     prepareVoucher();
     *m_subRegionsResult = m_regionLocator->resumeLookup(m_viewOffsetBlocks, m_lengthBlocks);
+    cleanup();
+}
+
+RL_LockWaiter_getFirst::RL_LockWaiter_getFirst(RegionLocator* a_regionLocator,
+                                               AsyncTask* a_pAsyncTask,
+                                               std::vector<SubRegionDescriptor>* a_subRegionsResult,
+                                               u32 a_maxBlocks, u32 a_maxRegions,
+                                               RegionLocatorVoucher* a_voucher)
+    : RL_LockWaiter(a_regionLocator, a_pAsyncTask, a_subRegionsResult, a_voucher),
+      m_maxBlocks(a_maxBlocks), m_maxRegions(a_maxRegions)
+{}
+
+void RL_LockWaiter_getFirst::resume()
+{
+    m_regionLocator->m_mutex.assertHeld();
+    prepareVoucher();
+    bool bHasMore = false;
+    *m_subRegionsResult = m_regionLocator->resumeGetFirst(m_maxBlocks, m_maxRegions, bHasMore);
+    m_pAsyncTask->setResult(bHasMore ? 1 : 0);
+    cleanup();
+}
+
+RL_LockWaiter_lockAndRemove::RL_LockWaiter_lockAndRemove(RegionLocator* a_regionLocator,
+                                                         const SubRegionDescriptor& desc,
+                                                         AsyncTask* a_pAsyncTask,
+                                                         RegionLocatorVoucher* a_voucher)
+    : RL_LockWaiter(a_regionLocator, a_pAsyncTask, nullptr, a_voucher), m_desc(desc)
+{
+    if (DynamicTweaks::instance()->t_RlVerboseLogs)
+        LogItem(LogModuleXel, InfoLevel, __PRETTY_FUNCTION__, 0)
+            << " m_desc=" << m_desc << " " << std::endl;
+}
+
+void RL_LockWaiter_lockAndRemove::resume()
+{
+    if (DynamicTweaks::instance()->t_RlVerboseLogs)
+        LogItem(LogModuleXel, InfoLevel, __PRETTY_FUNCTION__, 0)
+            << " m_desc=" << m_desc << " " << std::endl;
+    m_regionLocator->m_mutex.assertHeld();
+    prepareVoucher();
+    m_regionLocator->resumeLockAndRemove(m_desc);
     cleanup();
 }

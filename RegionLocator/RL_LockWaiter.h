@@ -58,3 +58,30 @@ private:
     u64 m_viewOffsetBlocks;
     u32 m_lengthBlocks;
 };
+
+// A get-first that found everything locked.
+class RL_LockWaiter_getFirst : public RL_LockWaiter
+{
+public:
+    RL_LockWaiter_getFirst(RegionLocator* a_regionLocator, AsyncTask* a_pAsyncTask,
+                           std::vector<SubRegionDescriptor>* a_subRegionsResult, u32 a_maxBlocks,
+                           u32 a_maxRegions, RegionLocatorVoucher* a_voucher);
+    // Also stores 0 in the task's result.
+    void resume() override;
+
+private:
+    u32 m_maxBlocks;
+    u32 m_maxRegions;
+};
+
+// A lock-and-remove that met pieces of its own IO; it has no result.
+class RL_LockWaiter_lockAndRemove : public RL_LockWaiter
+{
+public:
+    RL_LockWaiter_lockAndRemove(RegionLocator* a_regionLocator, const SubRegionDescriptor& desc,
+                                AsyncTask* a_pAsyncTask, RegionLocatorVoucher* a_voucher);
+    void resume() override;
+
+private:
+    const SubRegionDescriptor m_desc;
+};

@@ -1,5 +1,5 @@
 // In chapters: the counted map; lifecycle; geometry; range queries; insertion; lookup and locking;
-// removal; contents and statistics.
+// get-first; removal; contents and statistics.
 
 #include "RegionLocator/RegionLocator.h"
 
@@ -14,6 +14,9 @@
 #include "common/infra/Tweaks.h"
 
 namespace {
+
+// Stands for no limit of blocks or of regions.
+constexpr u32 NO_LIMIT = std::numeric_limits<u32>::max();
 
 constexpr u64 NO_OFFSET = std::numeric_limits<u64>::max();
 
@@ -442,30 +445,42 @@ std::vector<SubRegionDescriptor> RegionLocator::getIntersectingRegions(const Cou
     return pieces;
 }
 
+bool RegionLocator::isOtherIo(const SubRegionDescriptor& desc, const SubRegionDescriptor& piece)
+{
+    // A compressed IO is known by its address.
+    if (desc.isCompressed())
+        return piece.isAllZeroes() || !piece.isCompressed() ||
+               piece.m_fifoOffsetOfIoStartBlocks != desc.m_fifoOffsetOfIoStartBlocks;
+    // Zeroes have no address by which one IO's could be told from another's.
+    if (desc.isAllZeroes())
+        return false;
+    return piece.isAllZeroes() || piece.isCompressed() ||
+           piece.m_fifoOffsetOfIoStartBlocks + piece.m_lengthBlocks <=
+               desc.m_fifoOffsetOfIoStartBlocks ||
+           piece.m_fifoOffsetOfIoStartBlocks >=
+               desc.m_fifoOffsetOfIoStartBlocks + desc.m_lengthBlocks;
+}
+
 std::vector<SubRegionDescriptor>
 RegionLocator::getIntersectingRegionsExact(const CountedRegionMap* map,
                                            const SubRegionDescriptor& desc) const
 {
-    Exclude exclude;
-    if (desc.isCompressed()) {
-        // A compressed IO is known by its address.
-        exclude = [&desc](const SubRegionDescriptor& piece) {
-            return piece.isAllZeroes() || !piece.isCompressed() ||
-                   piece.m_fifoOffsetOfIoStartBlocks != desc.m_fifoOffsetOfIoStartBlocks;
-        };
-    } else if (desc.isAllZeroes()) {
-        // Zeroes have no address by which one IO's could be told from another's.
-        exclude = [](const SubRegionDescriptor&) { return false; };
-    } else {
-        exclude = [&desc](const SubRegionDescriptor& piece) {
-            return piece.isAllZeroes() || piece.isCompressed() ||
-                   piece.m_fifoOffsetOfIoStartBlocks + piece.m_lengthBlocks <=
-                       desc.m_fifoOffsetOfIoStartBlocks ||
-                   piece.m_fifoOffsetOfIoStartBlocks >=
-                       desc.m_fifoOffsetOfIoStartBlocks + desc.m_lengthBlocks;
-        };
-    }
-    return getIntersectingRegions(map, desc.m_viewOffsetBlocks, desc.m_lengthBlocks, exclude);
+    return getIntersectingRegions(
+        map, desc.m_viewOffsetBlocks, desc.m_lengthBlocks,
+        [&desc](const SubRegionDescriptor& piece) { return isOtherIo(desc, piece); });
+}
+
+u32 RegionLocator::countIntersectingExact(const CountedRegionMap* map,
+                                          const SubRegionDescriptor& desc) const
+{
+    u32 count = 0;
+    visitIntersecting(
+        map, desc.m_viewOffsetBlocks, desc.m_lengthBlocks,
+        [&count, &desc](RegionMap::const_iterator iter, const SubRegionDescriptor& piece) {
+            count += isOtherIo(desc, piece) ? 0 : 1;
+            return std::next(iter);
+        });
+    return count;
 }
 
 // ==== insertion, punch-out and combining ====
@@ -544,6 +559,20 @@ RegionMap::const_iterator RegionLocator::punchOutRange(CountedRegionMap* a_regio
     while (iter != a_regionMap->cend() && iter->m_viewOffsetBlocks < endBlocks)
         iter = punchOutPiece(a_regionMap, iter, getIntersection(*iter, offsetBlocks, lengthBlocks));
     return iter;
+}
+
+void RegionLocator::punchOutExact(CountedRegionMap* a_regionMap, const SubRegionDescriptor& desc)
+{
+    RL_TRACE_IN(PUNCH_OUT_SIGNATURE,
+                << " a_regions.size()=" << countIntersectingExact(a_regionMap, desc)
+                << " a_regionMap=" << a_regionMap);
+    visitIntersecting(a_regionMap, desc.m_viewOffsetBlocks, desc.m_lengthBlocks,
+                      [this, a_regionMap, &desc](RegionMap::const_iterator iter,
+                                                 const SubRegionDescriptor& piece) {
+                          m_mutex.assertHeld();
+                          return isOtherIo(desc, piece) ? std::next(iter)
+                                                        : punchOutPiece(a_regionMap, iter, piece);
+                      });
 }
 
 // Cuts a piece out of the stored region that holds it; returns the first region after the piece.
@@ -722,6 +751,105 @@ void RegionLocator::unlockRegions(std::vector<SubRegionDescriptor>& a_regions, b
     m_lockWaiter = nullptr;
 }
 
+// ==== get-first ====
+
+RcStatus RegionLocator::getFirstRegionsAndLock(AsyncTask* pAsyncTask, u32 a_maxRegions,
+                                               std::vector<SubRegionDescriptor>* a_subRegionsResult,
+                                               RegionLocatorVoucher* a_voucher)
+{
+    return getFirstAndLockInternal(pAsyncTask, NO_LIMIT, a_maxRegions, a_subRegionsResult,
+                                   a_voucher);
+}
+
+RcStatus RegionLocator::getFirstBlocksAndLock(AsyncTask* pAsyncTask, u32 a_maxBlocks,
+                                              std::vector<SubRegionDescriptor>* a_subRegionsResult,
+                                              RegionLocatorVoucher* a_voucher)
+{
+    return getFirstAndLockInternal(pAsyncTask, a_maxBlocks, NO_LIMIT, a_subRegionsResult,
+                                   a_voucher);
+}
+
+RcStatus
+RegionLocator::getFirstAndLockInternal(AsyncTask* pAsyncTask, u32 a_maxBlocks, u32 a_maxRegions,
+                                       std::vector<SubRegionDescriptor>* a_subRegionsResult,
+                                       RegionLocatorVoucher* a_voucher)
+{
+    MutexGuard lock(m_mutex);
+    SOFT_CHECK(!m_immutable);
+    a_subRegionsResult->clear();
+    if (m_unlockedRegions->empty() && m_lockedRegions->empty())
+        return RC_SUCCESS;
+
+    m_memPool.setActiveVoucher(a_voucher);
+    u32 numBlocks = 0;
+    RegionMap::const_iterator iter = m_unlockedRegions->cbegin();
+    while (iter != m_unlockedRegions->cend()) {
+        const SubRegionDescriptor curRegion = *iter;
+        if (numBlocks + curRegion.m_lengthBlocks > a_maxBlocks ||
+            a_subRegionsResult->size() + 1 > a_maxRegions) {
+            // Later regions that would fit are not tried: the consumer goes by view order.
+            SOFT_CHECK(numBlocks > 0, << " a_maxBlocks=" << a_maxBlocks << " "
+                                      << " curRegion=" << curRegion << " ");
+            HARD_CHECK(a_subRegionsResult->size() > 0);
+            m_memPool.setActiveVoucher(nullptr);
+            return RC_SUCCESS;
+        }
+        a_subRegionsResult->push_back(curRegion);
+        RL_TRACE(<< "erase from unlocked " << curRegion);
+        iter = m_unlockedRegions->erase(iter);
+        RL_TRACE(<< "insert locked " << curRegion);
+        const bool rc = m_lockedRegions->insert(curRegion).second;
+        HARD_CHECK(rc);
+        numBlocks += curRegion.m_lengthBlocks;
+    }
+
+    m_memPool.setActiveVoucher(nullptr);
+    if (numBlocks == 0) {
+        // Everything there is, somebody holds.
+        HARD_CHECK(m_lockWaiter == NULL);
+        m_lockWaiter = SHIELD_NEW(RL_LockWaiter_getFirst, this, pAsyncTask, a_subRegionsResult,
+                                  a_maxBlocks, a_maxRegions, a_voucher);
+        return RC_WAIT;
+    }
+    HARD_CHECK(a_subRegionsResult->size() > 0);
+    return RC_SUCCESS;
+}
+
+std::vector<SubRegionDescriptor> RegionLocator::resumeGetFirst(u32 a_maxBlocks, u32 a_maxRegions,
+                                                               bool& a_resHasMore)
+{
+    HARD_CHECK(m_lockedRegions->empty());
+    std::vector<SubRegionDescriptor> res;
+    if (m_unlockedRegions->empty()) {
+        a_resHasMore = false;
+        return res;
+    }
+    std::vector<SubRegionDescriptor> regionsToLock;
+    u32 numBlocks = 0;
+    for (const SubRegionDescriptor& curRegion : *m_unlockedRegions) {
+        if (numBlocks + curRegion.m_lengthBlocks > a_maxBlocks || res.size() + 1 > a_maxRegions) {
+            HARD_CHECK(numBlocks > 0);
+            a_resHasMore = true;
+            break;
+        }
+        res.push_back(curRegion);
+        regionsToLock.push_back(curRegion);
+        numBlocks += curRegion.m_lengthBlocks;
+    }
+    for (const SubRegionDescriptor& region : regionsToLock) {
+        RL_TRACE(<< "erase from unlocked " << region);
+        const size_t nErased = m_unlockedRegions->erase(region);
+        SOFT_CHECK(nErased == 1, << "bad region locator set"
+                                 << " nErased=" << nErased);
+        RL_TRACE(<< "insert locked " << region);
+        const bool rc = m_lockedRegions->insert(region).second;
+        HARD_CHECK(rc);
+    }
+    // On every path: a resumed consumer asks again in any case, and is told so by an empty answer.
+    a_resHasMore = false;
+    return res;
+}
+
 // ==== removal ====
 
 void RegionLocator::remove(u64 a_viewOffsetBlocks, u32 a_lengthBlocks,
@@ -733,6 +861,62 @@ void RegionLocator::remove(u64 a_viewOffsetBlocks, u32 a_lengthBlocks,
     HARD_CHECK(m_lockedRegions->empty());
     punchOutRange(m_unlockedRegions, a_viewOffsetBlocks, a_lengthBlocks);
     m_memPool.setActiveVoucher(nullptr);
+}
+
+void RegionLocator::remove(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
+{
+    MutexGuard lock(m_mutex);
+    SOFT_CHECK(!m_immutable);
+    m_memPool.setActiveVoucher(voucher);
+    HARD_CHECK(m_lockedRegions->empty());
+    SOFT_CHECK(desc.m_fifoOffsetOfIoStartBlocks != SFS_DEV_ADDR_INVALID,
+               << "you cannot use the 'exact remove' with IOs which have no UD");
+    const u64 fifoEnd = desc.m_fifoOffsetOfIoStartBlocks + desc.getIoTotalLengthLBs() - 1;
+    SOFT_CHECK(SFS_GRAIN_OF(desc.m_fifoOffsetOfIoStartBlocks) == SFS_GRAIN_OF(fifoEnd),
+               << "an IO across grains is not supported"
+               << " desc.m_fifoOffsetOfIoStartBlocks=" << desc.m_fifoOffsetOfIoStartBlocks << " "
+               << " desc.getIoTotalLengthLBs()=" << desc.getIoTotalLengthLBs() << " ");
+    punchOutExact(m_unlockedRegions, desc);
+    m_memPool.setActiveVoucher(nullptr);
+}
+
+RcStatus RegionLocator::lockAndRemove(AsyncTask* pAsyncTask, const SubRegionDescriptor& desc,
+                                      RegionLocatorVoucher* voucher)
+{
+    RL_TRACE(<< " desc=" << desc);
+    SOFT_CHECK(desc.m_fifoOffsetOfIoStartBlocks != SFS_DEV_ADDR_INVALID, << "invalid fifo offset");
+    MutexGuard lock(m_mutex);
+    SOFT_CHECK(!m_immutable);
+    m_memPool.setActiveVoucher(voucher);
+    // Locked pieces of other IOs in the same view range do not matter.
+    if (countIntersectingExact(m_lockedRegions, desc) > 0) {
+        m_memPool.setActiveVoucher(nullptr);
+        HARD_CHECK(m_lockWaiter == NULL);
+        m_lockWaiter = SHIELD_NEW(RL_LockWaiter_lockAndRemove, this, desc, pAsyncTask, voucher);
+        RL_TRACE(<< "locked " << desc << " " << getIntersectingRegionsExact(m_lockedRegions, desc));
+        return RC_WAIT;
+    }
+    RL_TRACE(<< "not locked " << desc);
+    punchOutExact(m_unlockedRegions, desc);
+    m_memPool.setActiveVoucher(nullptr);
+    return RC_SUCCESS;
+}
+
+void RegionLocator::resumeLockAndRemove(const SubRegionDescriptor& desc)
+{
+    // A count under the name that the check's text has: a list would be made on the heap.
+    struct
+    {
+        u32 m_count;
+        u32 size() const { return m_count; }
+    } const res{countIntersectingExact(m_unlockedRegions, desc)};
+    SOFT_CHECK(res.size() > 0, << "Region is not unlocked."
+                               << " desc=" << desc);
+    SOFT_CHECK(m_lockedRegions->size() == 0, << "When resuming, no locked regions are allowed. "
+                                             << " m_lockedRegions=" << m_lockedRegions);
+    RL_TRACE(<< desc << " res=" << getIntersectingRegionsExact(m_unlockedRegions, desc)
+             << " res.size()=" << res.size());
+    punchOutExact(m_unlockedRegions, desc);
 }
 
 // ==== contents and statistics ====

@@ -93,12 +93,43 @@ public:
     void unlockAndRestore(std::vector<SubRegionDescriptor>& a_regions,
                           RegionLocatorVoucher* a_voucher);
 
+    // ---- get-first: draining in view order ----
+
+    // Lock whole regions from the lowest view offset on, as many as stay within the limit, and
+    // replace the result with them; the walk stops at the first region that does not fit. Regions
+    // that others hold are passed over.
+    //
+    // RC_SUCCESS: the regions are locked for the caller; none when the locator is empty.
+    // RC_WAIT: everything left is locked by others. The task is resumed with RC_SUCCESS and the
+    // result 0, with the first regions of that moment locked in its result vector.
+    // REQUIRES: the first region fits, else the process stops: a limit of 65535 blocks always
+    // does. Tokens: LOOKUP_LOCKED, one for each region.
+    RcStatus getFirstRegionsAndLock(AsyncTask* pAsyncTask, u32 a_maxRegions,
+                                    std::vector<SubRegionDescriptor>* a_subRegionsResult,
+                                    RegionLocatorVoucher* a_voucher);
+    RcStatus getFirstBlocksAndLock(AsyncTask* pAsyncTask, u32 a_maxBlocks,
+                                   std::vector<SubRegionDescriptor>* a_subRegionsResult,
+                                   RegionLocatorVoucher* a_voucher);
+
     // ---- removal ----
 
     // Takes every block of the range out of the locator, whatever IO it came from; regions that
     // stick out of the range keep the parts outside. REQUIRES: nothing is locked, else the process
     // stops. Tokens: REMOVE, 1.
     void remove(u64 a_viewOffsetBlocks, u32 a_lengthBlocks, RegionLocatorVoucher* voucher);
+
+    // Takes what is left of one IO out of the locator: the pieces in its view range that still
+    // point at its journal data; what later IOs have overridden stays theirs. `desc` is the whole
+    // IO, with journal data. REQUIRES: nothing is locked, else the process stops.
+    // Tokens: REMOVE, 1.
+    void remove(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher);
+
+    // The same where readers may hold pieces of the IO. Despite its name it locks nothing.
+    // RC_SUCCESS: removed. RC_WAIT: pieces of this very IO are locked; they are removed by the
+    // unlock that leaves nothing locked, and the task is resumed with RC_SUCCESS after that.
+    // Tokens: LOCK_AND_REMOVE, 1.
+    RcStatus lockAndRemove(AsyncTask* pAsyncTask, const SubRegionDescriptor& desc,
+                           RegionLocatorVoucher* voucher);
 
     // ---- contents and statistics ----
 
@@ -142,6 +173,8 @@ public:
 private:
     friend class RegionLocatorTestAccess;
     friend class RL_LockWaiter_lookup;
+    friend class RL_LockWaiter_getFirst;
+    friend class RL_LockWaiter_lockAndRemove;
 
     using Exclude = std::function<bool(const SubRegionDescriptor&)>;
 
@@ -191,9 +224,13 @@ private:
                                                             Exclude exclude) const;
     std::vector<SubRegionDescriptor>
     getIntersectingRegions(const CountedRegionMap* map, u64 offsetBlocks, u32 lengthBlocks) const;
-    // The pieces in the region's view range that belong to the same journal data as it.
+    // Whether a piece within the IO's view range belongs to other journal data than the IO's.
+    static bool isOtherIo(const SubRegionDescriptor& desc, const SubRegionDescriptor& piece);
+    // The pieces in the IO's view range that belong to the same journal data as it.
     std::vector<SubRegionDescriptor>
     getIntersectingRegionsExact(const CountedRegionMap* map, const SubRegionDescriptor& desc) const;
+
+    u32 countIntersectingExact(const CountedRegionMap* map, const SubRegionDescriptor& desc) const;
 
     // ---- changes: under the mutex, with a voucher active ----
 
@@ -204,6 +241,10 @@ private:
     // first region that starts at or after the end of the range.
     RegionMap::const_iterator punchOutRange(CountedRegionMap* a_regionMap, u64 offsetBlocks,
                                             u32 lengthBlocks) RL_REQUIRES(m_mutex);
+    // The same for every piece that still belongs to one IO.
+    void punchOutExact(CountedRegionMap* a_regionMap, const SubRegionDescriptor& desc)
+        RL_REQUIRES(m_mutex);
+    // Cuts one piece out of the stored region that holds it; returns what follows the piece.
     RegionMap::const_iterator punchOutPiece(CountedRegionMap* a_regionMap,
                                             RegionMap::const_iterator iter,
                                             const SubRegionDescriptor& curRegion)
@@ -214,6 +255,13 @@ private:
                        RegionLocatorVoucher* a_voucher);
     std::vector<SubRegionDescriptor> resumeLookup(u64 a_offsetBlocks, u32 a_lengthBlocks)
         RL_REQUIRES(m_mutex);
+
+    RcStatus getFirstAndLockInternal(AsyncTask* pAsyncTask, u32 a_maxBlocks, u32 a_maxRegions,
+                                     std::vector<SubRegionDescriptor>* a_subRegionsResult,
+                                     RegionLocatorVoucher* a_voucher);
+    std::vector<SubRegionDescriptor> resumeGetFirst(u32 a_maxBlocks, u32 a_maxRegions,
+                                                    bool& a_resHasMore) RL_REQUIRES(m_mutex);
+    void resumeLockAndRemove(const SubRegionDescriptor& desc) RL_REQUIRES(m_mutex);
 
     // Empties a map, giving its tokens back in batches. For the destructor.
     void clearMap(CountedRegionMap* map);
