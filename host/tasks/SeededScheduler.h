@@ -2,12 +2,14 @@
 // gives the same history.
 #pragma once
 
-#include <condition_variable>
-#include <deque>
+#include <functional>
 #include <mutex>
 #include <random>
+#include <utility>
+#include <vector>
 
 #include "host/tasks/Scheduler.h"
+#include "host/tasks/WakeUp.h"
 
 // Tasks run only inside runUntilIdle(), runOne() and waitUntil(), on the thread that calls them.
 // Priorities are ignored: an order that breaks something is found sooner when every order may come.
@@ -43,7 +45,6 @@ private:
     std::function<bool()> m_idleHook;
     std::mt19937_64 m_random;
     std::mutex m_mutex;
-    std::condition_variable m_woken;
     std::vector<AsyncTask*> m_ready;
-    u64 m_wakes = 0;
+    WakeUp m_wakeUp;
 };

@@ -68,7 +68,6 @@ private:
     };
 
     void runTask(AsyncTask* task);
-    bool close();
 
     std::unique_ptr<Scheduler> m_scheduler;
     Control m_control{*this};

@@ -8,6 +8,7 @@
 
 #include "host/tasks/ReadyQueues.h"
 #include "host/tasks/Scheduler.h"
+#include "host/tasks/WakeUp.h"
 
 class ThreadScheduler : public Scheduler
 {
@@ -34,8 +35,6 @@ private:
     bool m_stopping = false;
     std::vector<std::thread> m_threads;
 
-    // Who waits in waitUntil(). Its own mutex, so that the hot path does not meet it.
-    std::mutex m_wakeMutex;
-    std::condition_variable m_woken;
-    u64 m_wakes = 0;
+    // Who waits in waitUntil(). Apart, so that the hot path does not meet its mutex.
+    WakeUp m_wakeUp;
 };
