@@ -46,7 +46,8 @@ public:
     Outcome start(HostOptions options);
 
     // Waits for all tasks, then stops everything. RC_TIMED_OUT: tasks are left at the deadline and
-    // all goes on as before. Without effect when not started.
+    // all goes on as before. RC_IO_ERROR: all is stopped, but the event log is not complete.
+    // Without effect when not started.
     Outcome stop(u64 deadlineMs = Clock::NEVER);
 
     // REQUIRES: started.
@@ -54,7 +55,7 @@ public:
 
 private:
     Outcome startAll(HostOptions& options);
-    void stopReporting();
+    Outcome stopReporting();
 
     std::unique_ptr<TaskEngine> m_engine;
     bool m_started = false;
