@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "RegionLocator/RegionLocator.h"
+#include "RegionLocator/RlIoReader.h"
+#include "common/infra/MemShield.h"
 
 class RegionLocatorTestAccess
 {
@@ -28,6 +30,13 @@ public:
     {
         MutexGuard lock(locator.m_mutex);
         return locator.m_lockWaiter;
+    }
+    // Takes the waiting request away, unresumed, so that a test can end without it.
+    static void dropLockWaiter(RegionLocator& locator)
+    {
+        MutexGuard lock(locator.m_mutex);
+        SHIELD_DELETE(locator.m_lockWaiter);
+        locator.m_lockWaiter = nullptr;
     }
     static RegionLocatorCounters counters(RegionLocator& locator)
     {
@@ -125,6 +134,11 @@ public:
         MutexGuard lock(locator.m_mutex);
         return locator.insertAndCombine(desc);
     }
+    static void lockRegions(RegionLocator& locator, const std::vector<SubRegionDescriptor>& regions)
+    {
+        MutexGuard lock(locator.m_mutex);
+        locator.lockRegions(regions);
+    }
     static void clearMap(RegionLocator& locator, CountedRegionMap* map) { locator.clearMap(map); }
 
     // ---- the pool ----
@@ -146,6 +160,22 @@ public:
     }
     static bool cancelAllocation(RegionLocatorMemPool& pool) { return pool.cancelAllocation(); }
     static u32 maxAllocationSize(RegionLocatorMemPool& pool) { return pool.maxAllocationSize(); }
+
+    // ---- the reader ----
+
+    static void fillVectorsToReadFrom(RlIoReader& reader, RlIoReader::IoReadRequests& io,
+                                      const char* verboseIoTopic,
+                                      std::vector<IODescriptorEx>* journal,
+                                      std::vector<IODescriptorExCompressed>* compressed,
+                                      std::vector<IODescriptor>* target)
+    {
+        reader.fillVectorsToReadFrom(io.offsetBlocks, io.lenBlocks, io.subRegions, io.scatteredBuf,
+                                     verboseIoTopic, journal, compressed, target);
+    }
+    static RcStatus runFrame(RlIoReader& reader, AsyncTask* task, AsyncFrame* frame)
+    {
+        return reader.performReadFromSegments(task, frame);
+    }
 
     // ---- the allocator ----
 
