@@ -10,8 +10,10 @@
 
 namespace {
 
-// Writes whose memory is reserved at once where reserving is not what is measured.
+// Writes whose memory is reserved at once where reserving is not what is measured, and after how
+// many it is looked whether the next ones need more: overwriting frees as much as it takes.
 constexpr u32 RESERVED_INSERTS = 16384;
+constexpr u32 CHECKED_INSERTS = 4096;
 
 u64 g_failed = 0;
 
@@ -110,15 +112,19 @@ void lockUnlock(benchmark::State& state, Subject& subject, u32 lengthBlocks)
 void insert(benchmark::State& state, Subject& subject)
 {
     Contender& index = subject.index();
-    u32 reserved = 0;
+    u64 regionsAllowed = 0; // that the reservation has memory for
+    u32 left = 0;
     for (auto _ : state) {
-        if (reserved == 0) {
+        if (left == 0) {
             state.PauseTiming();
-            index.reserveInserts(RESERVED_INSERTS);
-            reserved = RESERVED_INSERTS;
+            left = CHECKED_INSERTS;
+            if (index.regions() + 2 * CHECKED_INSERTS > regionsAllowed) {
+                index.reserveInserts(RESERVED_INSERTS);
+                regionsAllowed = index.regions() + 2 * RESERVED_INSERTS;
+            }
             state.ResumeTiming();
         }
-        --reserved;
+        --left;
         index.insert(subject.nextItem());
     }
     index.reserveInserts(0);

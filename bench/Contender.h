@@ -24,8 +24,9 @@ public:
     // after, as a journal scan does it batch by batch.
     virtual void feed(const SfsDiskMetaItem* items, u32 count) = 0;
 
-    // Reserves the memory of `writes` calls of insert(); what an earlier reservation left is given
-    // back first. An index that allocates as it goes does nothing.
+    // Reserves the memory of `writes` calls of insert(), which is that of twice as many regions
+    // more than there are: what an insert frees serves the next ones. What an earlier reservation
+    // left is given back first. An index that allocates as it goes does nothing.
     virtual void reserveInserts(u32 writes) = 0;
     // Takes one IO item.
     virtual void insert(const SfsDiskMetaItem& item) = 0;
