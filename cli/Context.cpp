@@ -4,8 +4,7 @@
 #include <iostream>
 
 #include "appliance/Sizes.h"
-#include "common/infra/DynamicTweaks.h"
-#include "common/infra/Tweaks.h"
+#include "host/infra/TweaksLoader.h"
 
 namespace {
 
@@ -30,19 +29,6 @@ Result parseRecovery(const std::string& name, JournalRecovery* recovery)
     else
         return Result::usage("--recovery takes strict, tail, point-in-time or salvage");
     return Result();
-}
-
-// The settings that may change at any moment, by their names.
-std::atomic<bool>* dynamicTweak(const std::string& name)
-{
-    DynamicTweaks* tweaks = DynamicTweaks::instance();
-    if (name == "t_RlVerboseLogs")
-        return &tweaks->t_RlVerboseLogs;
-    if (name == "t_BinVerboseLogs")
-        return &tweaks->t_BinVerboseLogs;
-    if (name == "t_IOVerboseLogs")
-        return &tweaks->t_IOVerboseLogs;
-    return nullptr;
 }
 
 void addCommonOptions(CLI::App* command, CommonOptions& options)
@@ -94,15 +80,11 @@ Result Context::applyTweaks()
 {
     for (const std::string& tweak : m_options.m_tweaks) {
         const size_t equals = tweak.find('=');
-        u64 value = 0;
-        if (equals == std::string::npos || equals == 0 ||
-            !parseSize(tweak.substr(equals + 1), &value).ok())
-            return Result::usage("--tweak takes NAME=VALUE with a number, not '" + tweak + "'");
-        const std::string name = tweak.substr(0, equals);
-        if (std::atomic<bool>* dynamic = dynamicTweak(name))
-            *dynamic = value != 0;
-        else
-            Tweaks::set(name, value);
+        if (equals == std::string::npos || equals == 0)
+            return Result::usage("--tweak takes NAME=VALUE, not '" + tweak + "'");
+        const Outcome outcome = setTweak(tweak.substr(0, equals), tweak.substr(equals + 1));
+        if (!outcome.ok())
+            return Result::usage("--tweak " + tweak + ": " + outcome.m_message);
     }
     return Result();
 }

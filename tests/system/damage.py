@@ -1,0 +1,136 @@
+"""Damage and sudden ends: a flipped byte is found, and a killed recording leaves a prefix."""
+
+import os
+import random
+import signal
+import subprocess
+import time
+
+from support import (RLCTL, Expectation, Folder, check, compare_image, generated_trace, read_trace,
+                     rlctl, rlctl_json, run)
+
+SIZE = 2 << 30
+
+
+def recorded_mirror(folder, lines=600, *options):
+    mirror = os.path.join(folder, "m")
+    trace = os.path.join(folder, "trace.csv")
+    generated_trace(trace, lines=lines)
+    rlctl("create", mirror, "--size", SIZE, *options)
+    rlctl("record", mirror, "--trace", trace, "--checkpoint-every", 100)
+    return mirror, trace
+
+
+def flip(path, position):
+    with open(path, "r+b") as file:
+        file.seek(position)
+        byte = file.read(1)[0]
+        file.seek(position)
+        file.write(bytes([byte ^ 0x10]))
+
+
+def test_flipped_data_byte_is_found_and_never_served():
+    with Folder() as folder:
+        mirror, _ = recorded_mirror(folder)
+        check(rlctl_json("verify", mirror)["ok"], "the mirror is whole at first")
+        journal = os.path.join(mirror, "journal")
+        grains = sorted(name for name in os.listdir(journal) if name.startswith("d-"))
+        flip(os.path.join(journal, grains[0]), 512 * 3 + 17)
+        answer = rlctl_json("verify", mirror, code=4)
+        check(not answer["ok"] and len(answer["damage"]) == 1, "damage: %r" % answer["damage"])
+        damage = answer["damage"][0]
+        check(damage["length"] > 0 and damage["reason"], "damage: %r" % damage)
+        # Right after the damaged write its blocks are not served; before it all is well.
+        image = os.path.join(folder, "image")
+        rlctl("export", mirror, "--at", "item:0", image)
+        rlctl("export", mirror, "--at", "item:1", image, code=12)
+        check("cannot read the view's blocks" in rlctl.errors, rlctl.errors)
+        check([name for name in os.listdir(folder) if "partial" in name] == [],
+              "a part of an image was left")
+
+
+def test_flipped_metadata_byte_is_found():
+    with Folder() as folder:
+        mirror, _ = recorded_mirror(folder)
+        journal = os.path.join(mirror, "journal")
+        grains = sorted(name for name in os.listdir(journal) if name.startswith("m-"))
+        flip(os.path.join(journal, grains[0]), 512 * 2 + 100)
+        check(rlctl_json("verify", mirror, code=4)["damage"], "damage is told")
+        rlctl("stats", mirror, code=12)
+        check("damaged" in rlctl.errors or "checksum" in rlctl.errors, rlctl.errors)
+        rlctl("stats", mirror, "--recovery", "salvage", code=3)
+        rlctl("stats", mirror, "--recovery", "point-in-time")
+
+
+def test_killed_recording_is_a_prefix_and_goes_on():
+    chance = random.Random(5)
+    with Folder() as folder:
+        trace = os.path.join(folder, "trace.csv")
+        image = os.path.join(folder, "image")
+        generated_trace(trace, lines=30000)
+        lines = read_trace(trace)
+        mirror = os.path.join(folder, "m")
+        rlctl("create", mirror, "--size", SIZE)
+        resume = ()
+        interrupted = 0
+        for number in range(8):
+            command = [RLCTL, "record", mirror, "--trace", trace, "--checkpoint-every", "500",
+                       *resume]
+            with subprocess.Popen(command, stderr=subprocess.DEVNULL,
+                                  stdout=subprocess.DEVNULL) as process:
+                time.sleep(chance.uniform(0.02, 0.2))
+                process.send_signal(signal.SIGKILL if number % 2 == 0 else signal.SIGTERM)
+                code = process.wait()
+            check(code in (-9, 130, 0, -15), "exit code %d" % code)
+            interrupted += code != 0
+            info = rlctl_json("info", mirror)
+            items = info["items"]
+            check(items <= len(lines), "more than was written")
+            listed = rlctl_json("checkpoints", mirror)["checkpoints"]
+            check([c["items"] for c in listed] ==
+                  [500 * (i + 1) if 500 * (i + 1) <= len(lines) else len(lines)
+                   for i in range(len(listed))], "checkpoints: %r" % listed)
+            expectation = Expectation(lines)
+            expectation.advance(items)
+            rlctl("export", mirror, "--at", "latest", image)
+            compare_image(image, SIZE, expectation)
+            if os.path.exists(os.path.join(mirror, "recording")):
+                resume = ("--resume",)
+            if code == 0:
+                break
+        check(interrupted > 0, "no recording was interrupted")
+        if os.path.exists(os.path.join(mirror, "recording")):
+            rlctl("record", mirror, "--trace", trace, "--checkpoint-every", 500, "--resume")
+        check(rlctl_json("info", mirror)["items"] == len(lines), "all lines, each once")
+        expectation = Expectation(lines)
+        expectation.advance(len(lines))
+        rlctl("export", mirror, "--at", "latest", image)
+        compare_image(image, SIZE, expectation)
+        listed = rlctl_json("checkpoints", mirror)["checkpoints"]
+        check([c["items"] for c in listed] ==
+              list(range(500, len(lines), 500)) + [len(lines)], "checkpoints at the end")
+        check(rlctl_json("verify", mirror)["ok"], "verify")
+
+
+def test_writer_in_use_is_11_and_readers_go_on():
+    with Folder() as folder:
+        mirror, _ = recorded_mirror(folder)
+        # A writer that waits for its trace on a pipe.
+        with subprocess.Popen([RLCTL, "record", mirror, "--trace", "-"],
+                              stdin=subprocess.PIPE) as writer:
+            for _ in range(100):
+                done = subprocess.run([RLCTL, "checkpoint", mirror], stderr=subprocess.PIPE,
+                                      stdout=subprocess.PIPE, check=False)
+                if done.returncode == 11:
+                    break
+                time.sleep(0.05)
+            check(done.returncode == 11, "exit code %d" % done.returncode)
+            check(b"in use" in done.stderr, done.stderr.decode())
+            rlctl("stats", mirror)
+            writer.stdin.write(b"time_us,op,offset_blocks,length_blocks\n")
+            writer.stdin.close()
+            check(writer.wait() == 0, "the writer failed")
+
+
+run(test_flipped_data_byte_is_found_and_never_served, test_flipped_metadata_byte_is_found,
+    test_killed_recording_is_a_prefix_and_goes_on, test_writer_in_use_is_11_and_readers_go_on)
