@@ -1,0 +1,397 @@
+#include "tests/support/CrashStorage.h"
+
+#include <algorithm>
+#include <cstring>
+#include <set>
+
+void CrashStorage::Content::write(u64 offset, const u8* data, u64 bytes)
+{
+    m_size = std::max(m_size, offset + bytes);
+    while (bytes > 0) {
+        const u64 in = offset % SECTOR_BYTES;
+        const u64 step = std::min(bytes, SECTOR_BYTES - in);
+        Sector& sector = m_sectors[offset / SECTOR_BYTES];
+        std::memcpy(sector.data() + in, data, step);
+        offset += step;
+        data += step;
+        bytes -= step;
+    }
+}
+
+void CrashStorage::Content::truncate(u64 size)
+{
+    m_size = size;
+    m_sectors.erase(m_sectors.lower_bound((size + SECTOR_BYTES - 1) / SECTOR_BYTES),
+                    m_sectors.end());
+    const auto last = m_sectors.find(size / SECTOR_BYTES);
+    if (last != m_sectors.end())
+        std::fill(last->second.begin() + static_cast<std::ptrdiff_t>(size % SECTOR_BYTES),
+                  last->second.end(), u8{0});
+}
+
+class CrashFile : public StorageFile
+{
+public:
+    CrashFile(CrashStorage& storage, CrashStorage::InodePtr inode)
+        : m_storage(storage), m_inode(std::move(inode))
+    {}
+
+    ~CrashFile() override
+    {
+        std::lock_guard<std::mutex> guard(m_storage.m_mutex);
+        if (m_holdsLock)
+            m_inode->m_locked = false;
+    }
+
+    RcStatus pread(void* data, u64 bytes, u64 offset, u64* doneBytes) override
+    {
+        std::lock_guard<std::mutex> guard(m_storage.m_mutex);
+        *doneBytes = 0;
+        const RcStatus rc = m_storage.begin(CrashStorage::Call::Read, false);
+        if (rc != RC_SUCCESS)
+            return rc;
+        const CrashStorage::Content& content = m_inode->m_current;
+        if (offset >= content.m_size)
+            return RC_SUCCESS;
+        bytes = std::min(bytes, content.m_size - offset);
+        *doneBytes = bytes;
+        u8* out = static_cast<u8*>(data);
+        std::memset(out, 0, bytes);
+        auto it = content.m_sectors.lower_bound(offset / CrashStorage::SECTOR_BYTES);
+        for (; it != content.m_sectors.end(); ++it) {
+            const u64 begin = it->first * CrashStorage::SECTOR_BYTES;
+            if (begin >= offset + bytes)
+                break;
+            const u64 from = std::max(begin, offset);
+            const u64 to = std::min(begin + CrashStorage::SECTOR_BYTES, offset + bytes);
+            std::memcpy(out + (from - offset), it->second.data() + (from - begin), to - from);
+        }
+        return RC_SUCCESS;
+    }
+
+    RcStatus pwrite(const void* data, u64 bytes, u64 offset) override
+    {
+        std::lock_guard<std::mutex> guard(m_storage.m_mutex);
+        const RcStatus rc = m_storage.begin(CrashStorage::Call::Write, true);
+        if (rc != RC_SUCCESS)
+            return rc;
+        const u8* next = static_cast<const u8*>(data);
+        while (bytes > 0) {
+            const u64 step =
+                std::min(bytes, CrashStorage::SECTOR_BYTES - offset % CrashStorage::SECTOR_BYTES);
+            m_inode->m_current.write(offset, next, step);
+            m_inode->m_unsynced.push_back({false, offset, std::vector<u8>(next, next + step)});
+            next += step;
+            offset += step;
+            bytes -= step;
+        }
+        return RC_SUCCESS;
+    }
+
+    RcStatus sync() override
+    {
+        std::lock_guard<std::mutex> guard(m_storage.m_mutex);
+        const RcStatus rc = m_storage.begin(CrashStorage::Call::Sync, true);
+        if (rc != RC_SUCCESS)
+            return rc;
+        m_inode->m_durable = m_inode->m_current;
+        m_inode->m_unsynced.clear();
+        return RC_SUCCESS;
+    }
+
+    RcStatus size(u64* bytes) override
+    {
+        std::lock_guard<std::mutex> guard(m_storage.m_mutex);
+        *bytes = m_inode->m_current.m_size;
+        return m_storage.begin(CrashStorage::Call::Read, false);
+    }
+
+    RcStatus truncate(u64 bytes) override
+    {
+        std::lock_guard<std::mutex> guard(m_storage.m_mutex);
+        const RcStatus rc = m_storage.begin(CrashStorage::Call::Write, true);
+        if (rc != RC_SUCCESS || bytes == m_inode->m_current.m_size)
+            return rc;
+        m_inode->m_current.truncate(bytes);
+        m_inode->m_unsynced.push_back({true, bytes, {}});
+        return RC_SUCCESS;
+    }
+
+    RcStatus zeroRange(u64 offset, u64 bytes) override
+    {
+        const std::vector<u8> zeroes(bytes);
+        return pwrite(zeroes.data(), bytes, offset);
+    }
+
+    RcStatus nextData(u64 offset, u64* start, u64* end) override
+    {
+        const RcStatus rc = size(end);
+        *start = std::min(offset, *end);
+        return rc;
+    }
+
+    RcStatus lock() override
+    {
+        std::lock_guard<std::mutex> guard(m_storage.m_mutex);
+        if (m_inode->m_locked && !m_holdsLock)
+            return RC_IN_USE;
+        m_inode->m_locked = m_holdsLock = true;
+        return RC_SUCCESS;
+    }
+
+private:
+    CrashStorage& m_storage;
+    CrashStorage::InodePtr m_inode;
+    bool m_holdsLock = false;
+};
+
+CrashStorage::CrashStorage() = default;
+CrashStorage::~CrashStorage() = default;
+
+RcStatus CrashStorage::begin(Call call, bool changes)
+{
+    if (m_changes >= m_dieAfter)
+        return RC_IO_ERROR;
+    Fault& fault = m_faults[call];
+    if (fault.m_n == 1) {
+        if (!fault.m_always)
+            fault.m_n = 0;
+        return fault.m_rc;
+    }
+    if (fault.m_n > 1)
+        --fault.m_n;
+    m_changes += changes ? 1 : 0;
+    return RC_SUCCESS;
+}
+
+RcStatus CrashStorage::open(const std::string& name, StorageAccess access,
+                            std::unique_ptr<StorageFile>* file)
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    auto found = m_current.find(name);
+    if (found == m_current.end()) {
+        if (access != StorageAccess::Create)
+            return m_changes >= m_dieAfter ? RC_IO_ERROR : RC_NOT_FOUND;
+        const RcStatus rc = begin(Call::Create, true);
+        if (rc != RC_SUCCESS)
+            return rc;
+        found = m_current.emplace(name, std::make_shared<Inode>()).first;
+        m_unsyncedNames.push_back({name, found->second});
+    } else if (m_changes >= m_dieAfter) {
+        return RC_IO_ERROR;
+    }
+    *file = std::make_unique<CrashFile>(*this, found->second);
+    return RC_SUCCESS;
+}
+
+RcStatus CrashStorage::list(const std::string& folder, std::vector<std::string>* names)
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    names->clear();
+    const RcStatus rc = begin(Call::Read, false);
+    bool found = folder.empty();
+    for (const auto& [name, inode] : m_current) {
+        if (name.compare(0, folder.size() + 1, folder + "/") == 0) {
+            found = true;
+            if (name.size() > folder.size() + 1)
+                names->push_back(name.substr(folder.size() + 1));
+        }
+    }
+    return rc == RC_SUCCESS && !found ? RC_NOT_FOUND : rc;
+}
+
+RcStatus CrashStorage::makeDir(const std::string& folder)
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    // A folder is a name that ends in '/', durable at once: losing it is losing all names in it.
+    const RcStatus rc = begin(Call::Create, true);
+    if (rc == RC_SUCCESS && m_current.emplace(folder + "/", std::make_shared<Inode>()).second)
+        m_durable.emplace(folder + "/", std::make_shared<Inode>());
+    return rc;
+}
+
+RcStatus CrashStorage::remove(const std::string& name)
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    const RcStatus rc = begin(Call::Write, true);
+    if (rc != RC_SUCCESS)
+        return rc;
+    if (m_current.erase(name) == 0)
+        return RC_NOT_FOUND;
+    m_unsyncedNames.push_back({name, nullptr});
+    return RC_SUCCESS;
+}
+
+RcStatus CrashStorage::rename(const std::string& from, const std::string& to)
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    const RcStatus rc = begin(Call::Write, true);
+    if (rc != RC_SUCCESS)
+        return rc;
+    const auto found = m_current.find(from);
+    if (found == m_current.end())
+        return RC_NOT_FOUND;
+    // One unit of two names would be exact; nothing that is tested here renames.
+    m_current[to] = found->second;
+    m_unsyncedNames.push_back({to, found->second});
+    m_current.erase(from);
+    m_unsyncedNames.push_back({from, nullptr});
+    return RC_SUCCESS;
+}
+
+RcStatus CrashStorage::syncDir(const std::string&)
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    const RcStatus rc = begin(Call::Sync, true);
+    if (rc != RC_SUCCESS)
+        return rc;
+    m_durable = m_current;
+    m_unsyncedNames.clear();
+    return RC_SUCCESS;
+}
+
+void CrashStorage::dieAfter(u64 changes)
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_dieAfter = changes;
+}
+
+u64 CrashStorage::changes() const
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return m_changes;
+}
+
+bool CrashStorage::isDead() const
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return m_changes >= m_dieAfter;
+}
+
+void CrashStorage::failCall(Call call, u64 n, RcStatus rc, bool always)
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_faults[call] = {n, rc, always};
+}
+
+void CrashStorage::noFaults()
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_faults.clear();
+}
+
+namespace {
+
+// Every inode once, in an order that does not depend on addresses.
+template <class Names, class NameChanges>
+auto inodesOf(const Names& durable, const NameChanges& changes)
+{
+    std::vector<typename Names::mapped_type> inodes;
+    const auto add = [&](const typename Names::mapped_type& inode) {
+        if (inode && std::find(inodes.begin(), inodes.end(), inode) == inodes.end())
+            inodes.push_back(inode);
+    };
+    for (const auto& [name, inode] : durable)
+        add(inode);
+    for (const auto& change : changes)
+        add(change.m_inode);
+    return inodes;
+}
+
+} // namespace
+
+size_t CrashStorage::unsynced() const
+{
+    size_t units = m_unsyncedNames.size();
+    for (const InodePtr& inode : inodesOf(m_durable, m_unsyncedNames))
+        units += inode->m_unsynced.size();
+    return units;
+}
+
+std::unique_ptr<CrashStorage> CrashStorage::crash(const Chooser& fate) const
+{
+    auto image = std::make_unique<CrashStorage>();
+    size_t unit = 0;
+    Names names = m_durable;
+    for (const NameChange& change : m_unsyncedNames) {
+        // A name is there or not; a torn one counts as kept.
+        if (fate(unit++).m_kind == Fate::Lost)
+            continue;
+        if (change.m_inode)
+            names[change.m_name] = change.m_inode;
+        else
+            names.erase(change.m_name);
+    }
+    std::map<const Inode*, InodePtr> made;
+    for (const InodePtr& inode : inodesOf(m_durable, m_unsyncedNames)) {
+        auto copy = std::make_shared<Inode>();
+        copy->m_current = inode->m_durable;
+        for (const Change& change : inode->m_unsynced) {
+            const Fate what = fate(unit++);
+            if (what.m_kind == Fate::Lost)
+                continue;
+            if (change.m_truncate)
+                copy->m_current.truncate(change.m_offset);
+            else
+                copy->m_current.write(change.m_offset, change.m_bytes.data(),
+                                      what.m_kind == Fate::Torn
+                                          ? std::min<u64>(what.m_bytes, change.m_bytes.size())
+                                          : change.m_bytes.size());
+        }
+        copy->m_durable = copy->m_current;
+        made[inode.get()] = copy;
+    }
+    for (const auto& [name, inode] : names)
+        image->m_current[name] = made.at(inode.get());
+    image->m_durable = image->m_current;
+    return image;
+}
+
+std::unique_ptr<CrashStorage> CrashStorage::restart() const
+{
+    return crash([](size_t) { return Fate{Fate::Kept, 0}; });
+}
+
+std::vector<std::string> CrashStorage::files() const
+{
+    std::vector<std::string> names;
+    for (const auto& [name, inode] : m_current)
+        if (name.back() != '/')
+            names.push_back(name);
+    return names;
+}
+
+std::vector<u64> CrashStorage::sectorOffsets(const std::string& name) const
+{
+    std::vector<u64> offsets;
+    for (const auto& [index, sector] : m_current.at(name)->m_current.m_sectors)
+        offsets.push_back(index * SECTOR_BYTES);
+    return offsets;
+}
+
+u64 CrashStorage::sizeOf(const std::string& name) const
+{
+    return m_current.at(name)->m_current.m_size;
+}
+
+u8 CrashStorage::byteAt(const std::string& name, u64 offset) const
+{
+    const Content& content = m_current.at(name)->m_current;
+    const auto found = content.m_sectors.find(offset / SECTOR_BYTES);
+    return found == content.m_sectors.end() ? u8{0} : found->second[offset % SECTOR_BYTES];
+}
+
+void CrashStorage::setByte(const std::string& name, u64 offset, u8 value)
+{
+    m_current.at(name)->m_current.m_sectors[offset / SECTOR_BYTES][offset % SECTOR_BYTES] = value;
+}
+
+void CrashStorage::cutFile(const std::string& name, u64 sizeBytes)
+{
+    m_current.at(name)->m_current.truncate(sizeBytes);
+}
+
+void CrashStorage::dropFile(const std::string& name)
+{
+    m_current.erase(name);
+}
