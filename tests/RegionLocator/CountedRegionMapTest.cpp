@@ -3,7 +3,11 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
+#include "host/infra/MemShieldControl.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RegionLocatorTestAccess.h"
 #include "tests/support/VoucherGuard.h"
@@ -256,6 +260,32 @@ TEST_F(CountedRegionMapTest, EraseOfARangeReportsEachLengthAboveTheTotal)
                             "CountedRegionMap::erase(const_iterator, const_iterator)",
                             "m_sizeLb >= (*iter).m_lengthBlocks"));
     m_map->clear();
+}
+
+// ---- the labels that memory is accounted under ----
+
+TEST(CountedRegionMapShieldTest, MapsAndSetsAreTrackedUnderTheirNames)
+{
+    if (MemShieldControl::enable() != RC_SUCCESS)
+        GTEST_SKIP() << "an earlier test of this process has left tracked objects behind";
+    const auto count = [](const std::string& typeName) {
+        u64 objects = 0;
+        for (const MemShieldGroup& group : MemShieldControl::liveGroups())
+            if (group.m_typeName == typeName && group.m_file == "../RegionLocator.cpp")
+                objects += group.m_count;
+        return objects;
+    };
+    {
+        LogCapture log;
+        RegionLocator locator(1, RL_MMI_View);
+        EXPECT_EQ(count("CountedRegionMap"), 2u);
+        EXPECT_EQ(count("RegionMap"), 2u);
+        insertRegion(locator, plainRegion(0, 8, 100)); // nodes are not tracked objects
+        EXPECT_EQ(count("RegionMap"), 2u);
+    }
+    EXPECT_EQ(count("CountedRegionMap"), 0u);
+    EXPECT_EQ(count("RegionMap"), 0u);
+    EXPECT_EQ(MemShieldControl::disable(), RC_SUCCESS);
 }
 
 // ---- emptying a locator's map ----

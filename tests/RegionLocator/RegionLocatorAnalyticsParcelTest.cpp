@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "common/Analytics/AnalyticsParcelSender.h"
+#include "host/infra/MemShieldControl.h"
 #include "tests/support/LogCapture.h"
 
 namespace {
@@ -123,6 +124,23 @@ TEST_F(AnalyticsSendTest, HandsTheParcelOverAndReturnsTheSendersStatus)
         SHIELD_DELETE(parcels[0]);
     }
     EXPECT_EQ(m_log.records().size(), 3u);
+}
+
+TEST_F(AnalyticsSendTest, ParcelIsTrackedUnderItsName)
+{
+    if (MemShieldControl::enable() != RC_SUCCESS)
+        GTEST_SKIP() << "an earlier test of this process has left tracked objects behind";
+    std::vector<std::string> names;
+    AnalyticsParcelSender::setSender([&](AnalyticsParcel* parcel) {
+        for (const MemShieldGroup& group : MemShieldControl::liveGroups())
+            names.push_back(group.m_typeName + " " + group.m_file);
+        SHIELD_DELETE(parcel);
+        return RC_SUCCESS;
+    });
+    Parcel::createAndSendRegionLocatorAnalyticsParcel(1, 2, 3, 4, 5, 6, "view");
+    EXPECT_EQ(names, std::vector<std::string>{
+                         "RegionLocatorAnalyticsParcel ../RegionLocatorAnalyticsParcel.cpp"});
+    EXPECT_EQ(MemShieldControl::disable(), RC_SUCCESS);
 }
 
 TEST_F(AnalyticsSendTest, WithoutASenderTheParcelIsDeleted)

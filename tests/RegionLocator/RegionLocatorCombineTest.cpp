@@ -180,6 +180,13 @@ TEST_F(CombineTest, ACscanRegionIsStoredAsItIs)
     EXPECT_EQ(merges(), 0u);
 }
 
+TEST_F(CombineTest, ACscanRegionIsStoredWithoutALookAtItsNeighbours)
+{
+    insert({compressedRegion(10, 4, 100, 0)});
+    EXPECT_FALSE(combine(compressedRegion(10, 2, 900, 0, 1000, true)));
+    EXPECT_TRUE(m_log.records().empty()); // the neighbour's check would have failed
+}
+
 TEST_F(CombineTest, NeighboursWithCscanAreLeftAlone)
 {
     insert(

@@ -165,9 +165,10 @@ TEST_F(StatisticsTest, CountsAndBlocksAreOverBothMaps)
     EXPECT_EQ(m_locator->getItemCount(), 4u);
     EXPECT_EQ(m_locator->getTotalRegionBlocks(), 12u);
     {
-        MutexGuard lock(Access::mutex(*m_locator));
-        EXPECT_EQ(m_locator->getItemCountLocked(), 4u);
-        EXPECT_EQ(m_locator->getTotalRegionBlocksLocked(), 12u);
+        RegionLocator& locator = *m_locator;
+        MutexGuard lock(Access::mutex(locator));
+        EXPECT_EQ(locator.getItemCountLocked(), 4u);
+        EXPECT_EQ(locator.getTotalRegionBlocksLocked(), 12u);
     }
     unlockAndRestoreRegions(*m_locator, pieces);
     EXPECT_EQ(m_locator->getItemCount(), 2u);

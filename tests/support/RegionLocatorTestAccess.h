@@ -18,7 +18,10 @@ class RegionLocatorTestAccess
 public:
     // ---- the locator's fields ----
 
-    static Mutex& mutex(RegionLocator& locator) { return locator.m_mutex; }
+    static Mutex& mutex(RegionLocator& locator) RL_ATTRIBUTE(lock_returned(locator.m_mutex))
+    {
+        return locator.m_mutex;
+    }
     static CountedRegionMap* unlocked(RegionLocator& locator) { return locator.m_unlockedRegions; }
     static CountedRegionMap* locked(RegionLocator& locator) { return locator.m_lockedRegions; }
     static bool immutable(RegionLocator& locator)
