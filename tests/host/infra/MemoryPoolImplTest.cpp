@@ -1,0 +1,260 @@
+#include "common/infra/MemoryPoolImpl.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <set>
+
+#include "host/infra/Clock.h"
+#include "host/infra/PoolGroup.h"
+#include "support/ScopedManualClock.h"
+
+namespace {
+
+constexpr u32 CHUNK = 64 * 1024;
+
+// A pool of large chunks from the system, with room for so many of them.
+class PoolTest : public testing::Test
+{
+protected:
+    void limitTo(u64 chunks) { m_pool.init(CHUNK, 0, chunks * CHUNK); }
+    FutureStatus fill(ScatteredBuf& buf, u32 chunks, void* token = nullptr,
+                      u64 deadlineMs = Clock::NEVER)
+    {
+        return m_pool.fillBufFutureWithTimeout(1, &buf, chunks * CHUNK, m_group, deadlineMs, token);
+    }
+
+    MemoryPoolImpl m_pool;
+    ModuleMemoryInformation* m_group = m_pool.getMmi("group");
+};
+
+TEST_F(PoolTest, AFillOfNothingIsDoneAtOnce)
+{
+    ScatteredBuf buf;
+    FutureStatus future = m_pool.fillBufFuture(1, &buf, 0, m_group, nullptr);
+    ASSERT_TRUE(future.isSet());
+    EXPECT_EQ(future.get(), RC_SUCCESS);
+    EXPECT_EQ(m_pool.fillBufNoWait(&buf, 0, m_group), RC_SUCCESS);
+    EXPECT_EQ(buf.getSegmentsCount(), 0u);
+}
+
+TEST_F(PoolTest, AFillGetsOneSegmentAChunkAndExactlyItsSize)
+{
+    limitTo(10);
+    ScatteredBuf buf;
+    ASSERT_EQ(m_pool.fillBufNoWait(&buf, 2 * CHUNK + 1, m_group), RC_SUCCESS);
+    ASSERT_EQ(buf.getSegmentsCount(), 3u);
+    EXPECT_EQ(buf.getSegment(0).getSize(), CHUNK);
+    EXPECT_EQ(buf.getSegment(2).getSize(), 1u);
+    EXPECT_EQ(buf.getSize(), 2 * CHUNK + 1u);
+    EXPECT_EQ(buf.getSegment(0).getOwner(), m_group);
+    EXPECT_EQ(m_pool.getMemoryStats().usedBytesNet, 2 * CHUNK + 1u);
+    EXPECT_EQ(m_pool.getMemoryStats().usedBytesGross, 3 * CHUNK);
+    EXPECT_EQ(m_group->getUsedChunks(), 3u);
+    buf.deleteContent();
+    EXPECT_EQ(m_pool.getMemoryStats().usedBytesNet, 0u);
+    EXPECT_EQ(m_pool.getMemoryStats().totalBytes, 0u);
+    EXPECT_EQ(m_group->getUsedChunks(), 0u);
+}
+
+TEST_F(PoolTest, ChunksDoNotOverlapAndAreAlignedForEverySizeOfChunk)
+{
+    for (const u32 chunkBytes : {1u, 8u, 64u, 100u, 960u, 1000u, 4096u, 16u * 1024, 100'000u}) {
+        SCOPED_TRACE(chunkBytes);
+        m_pool.init(chunkBytes, 0, ~u64{0});
+        ScatteredBuf buf;
+        const u32 chunks = 1 + 1'000'000 / chunkBytes % 10'000;
+        ASSERT_EQ(m_pool.fillBufNoWait(&buf, chunks * chunkBytes, m_group), RC_SUCCESS);
+        ASSERT_EQ(buf.getSegmentsCount(), chunks);
+        for (u32 i = 0; i < chunks; ++i)
+            std::memset(buf.getSegment(i).getPtr(), static_cast<int>(i), chunkBytes);
+        u32 wrong = 0;
+        for (u32 i = 0; i < chunks; ++i) {
+            const u8* ptr = buf.getSegment(i).getPtr();
+            for (u32 k = 0; k < chunkBytes; ++k)
+                wrong += ptr[k] != static_cast<u8>(i);
+            if (chunkBytes == 64)
+                wrong += reinterpret_cast<uintptr_t>(ptr) % 64 != 0;
+        }
+        EXPECT_EQ(wrong, 0u);
+        buf.deleteContent();
+        EXPECT_EQ(m_pool.getMemoryStats().totalBytes, 0u);
+    }
+}
+
+TEST_F(PoolTest, AFillBeyondTheLimitFailsInsteadOfWaitingForEver)
+{
+    limitTo(3);
+    ScatteredBuf buf;
+    EXPECT_EQ(fill(buf, 4).get(), RC_NO_MEMORY);
+    EXPECT_EQ(m_pool.fillBufNoWait(&buf, 4 * CHUNK, m_group), RC_NO_MEMORY);
+    EXPECT_EQ(buf.getSegmentsCount(), 0u);
+    EXPECT_EQ(fill(buf, 3).get(), RC_SUCCESS);
+    buf.deleteContent();
+}
+
+TEST_F(PoolTest, WaitingFillsAreServedInOrderEvenWhenALaterOneWouldFit)
+{
+    limitTo(3);
+    ScatteredBuf held;
+    ScatteredBuf large;
+    ScatteredBuf small;
+    ASSERT_EQ(fill(held, 2).get(), RC_SUCCESS);
+    FutureStatus first = fill(large, 3);
+    FutureStatus second = fill(small, 1);
+    EXPECT_FALSE(first.isSet());
+    EXPECT_FALSE(second.isSet());
+    EXPECT_EQ(m_pool.getMmiPendingRequests(m_group), 2u);
+    ScatteredBuf none;
+    EXPECT_EQ(m_pool.fillBufNoWait(&none, CHUNK, m_group), RC_NO_MEMORY);
+
+    held.deleteContent();
+    ASSERT_TRUE(first.isSet());
+    EXPECT_EQ(first.get(), RC_SUCCESS);
+    EXPECT_EQ(large.getSegmentsCount(), 3u);
+    EXPECT_FALSE(second.isSet());
+    large.getSegment(1).deleteContent();
+    ASSERT_TRUE(second.isSet());
+    EXPECT_EQ(second.get(), RC_SUCCESS);
+    EXPECT_EQ(m_pool.getMmiPendingRequests(m_group), 0u);
+    large.deleteContent();
+    small.deleteContent();
+}
+
+TEST_F(PoolTest, ADeadlineEndsAFillAndLetsTheNextOneGo)
+{
+    ScopedManualClock clock;
+    limitTo(2);
+    ScatteredBuf held;
+    ScatteredBuf large;
+    ScatteredBuf small;
+    ASSERT_EQ(fill(held, 1).get(), RC_SUCCESS);
+    FutureStatus first = fill(large, 2, nullptr, clock.nowMs() + 10);
+    FutureStatus second = fill(small, 1);
+    clock.advanceMs(9);
+    EXPECT_FALSE(first.isSet());
+    EXPECT_FALSE(second.isSet());
+    clock.advanceMs(1);
+    ASSERT_TRUE(first.isSet());
+    EXPECT_EQ(first.get(), RC_TIMED_OUT);
+    EXPECT_EQ(large.getSegmentsCount(), 0u);
+    ASSERT_TRUE(second.isSet());
+    EXPECT_EQ(second.get(), RC_SUCCESS);
+    held.deleteContent();
+    small.deleteContent();
+}
+
+TEST_F(PoolTest, ADeadlineThatHasPassedMeansNowOrNotAtAll)
+{
+    ScopedManualClock clock;
+    limitTo(1);
+    ScatteredBuf held;
+    ScatteredBuf buf;
+    for (const u64 deadlineMs : {u64{0}, clock.nowMs()}) {
+        EXPECT_EQ(fill(held, 1, nullptr, deadlineMs).get(), RC_SUCCESS);
+        FutureStatus late = fill(buf, 1, nullptr, deadlineMs);
+        ASSERT_TRUE(late.isSet());
+        EXPECT_EQ(late.get(), RC_TIMED_OUT);
+        held.deleteContent();
+    }
+    EXPECT_EQ(clock.timerCount(), 0u);
+}
+
+TEST_F(PoolTest, AServedFillTakesItsTimerBack)
+{
+    ScopedManualClock clock;
+    limitTo(1);
+    ScatteredBuf held;
+    ScatteredBuf buf;
+    ASSERT_EQ(fill(held, 1).get(), RC_SUCCESS);
+    FutureStatus waiting = fill(buf, 1, nullptr, clock.nowMs() + 10);
+    EXPECT_EQ(clock.timerCount(), 1u);
+    held.deleteContent();
+    EXPECT_EQ(waiting.get(), RC_SUCCESS);
+    EXPECT_EQ(clock.timerCount(), 0u);
+    clock.advanceMs(100);
+    buf.deleteContent();
+}
+
+TEST_F(PoolTest, CancelEndsTheWaitingFillsOfItsTokenOnly)
+{
+    limitTo(1);
+    int mine = 0;
+    int others = 0;
+    ScatteredBuf held;
+    ScatteredBuf one;
+    ScatteredBuf two;
+    ScatteredBuf three;
+    ASSERT_EQ(fill(held, 1, &mine).get(), RC_SUCCESS);
+    FutureStatus first = fill(one, 1, &mine);
+    FutureStatus second = fill(two, 1, &others);
+    FutureStatus third = fill(three, 1, &mine);
+    m_pool.cancelBufferFill(&mine);
+    ASSERT_TRUE(first.isSet() && third.isSet());
+    EXPECT_EQ(first.get(), RC_ABORTED);
+    EXPECT_EQ(third.get(), RC_ABORTED);
+    EXPECT_FALSE(second.isSet());
+    EXPECT_EQ(held.getSegmentsCount(), 1u);
+    held.deleteContent();
+    EXPECT_EQ(second.get(), RC_SUCCESS);
+    two.deleteContent();
+    m_pool.cancelBufferFill(&mine);
+}
+
+TEST_F(PoolTest, FreeBlocksAreKeptUpToTheBytesToKeep)
+{
+    m_pool.init(CHUNK, 2 * CHUNK, ~u64{0});
+    ScatteredBuf buf;
+    ASSERT_EQ(fill(buf, 5).get(), RC_SUCCESS);
+    buf.deleteContent();
+    EXPECT_EQ(m_pool.getMemoryStats().totalBytes, 2 * CHUNK);
+    EXPECT_EQ(m_pool.getMemoryStats().freeBytes, 2 * CHUNK);
+    m_pool.destroy();
+    EXPECT_EQ(m_pool.getMemoryStats().totalBytes, 0u);
+}
+
+TEST_F(PoolTest, AGroupOfANameIsOneAndInternalOnesAreTheirOwn)
+{
+    EXPECT_EQ(m_pool.getMmi("group"), m_group);
+    EXPECT_NE(m_pool.getMmi("other"), m_group);
+    ModuleMemoryInformation* one = m_pool.createMmiInternal("group");
+    ModuleMemoryInformation* two = m_pool.createMmiInternal("group");
+    EXPECT_EQ((std::set<ModuleMemoryInformation*>{one, two, m_group}.size()), 3u);
+    m_pool.destroyMmi(one);
+    m_pool.destroyMmi(two);
+}
+
+TEST_F(PoolTest, AnObserverMayDestroyThePool)
+{
+    auto pool = std::make_unique<MemoryPoolImpl>();
+    pool->init(CHUNK, 0, CHUNK);
+    ModuleMemoryInformation* group = pool->getMmi("group");
+    ScatteredBuf held;
+    ScatteredBuf buf;
+    struct Destroyer : public FutureObserver<RcStatus>
+    {
+        void update(const RcStatus&) override
+        {
+            m_buf->deleteContent();
+            m_pool->reset();
+        }
+        std::unique_ptr<MemoryPoolImpl>* m_pool;
+        ScatteredBuf* m_buf;
+    } destroyer;
+    destroyer.m_pool = &pool;
+    destroyer.m_buf = &buf;
+    ASSERT_EQ(pool->fillBufFuture(1, &held, CHUNK, group, nullptr).get(), RC_SUCCESS);
+    pool->fillBufFuture(1, &buf, CHUNK, group, nullptr).attach(&destroyer);
+    held.deleteContent();
+    EXPECT_EQ(pool, nullptr);
+}
+
+TEST(MemorySegmentTest, MemoryThatNobodyOwnsIsOnlyForgotten)
+{
+    u8 byte = 1;
+    MemorySegment segment(1, &byte, nullptr);
+    segment.deleteContent();
+    EXPECT_EQ(segment.getPtr(), nullptr);
+    EXPECT_EQ(segment.getSize(), 0u);
+}
+
+} // namespace
