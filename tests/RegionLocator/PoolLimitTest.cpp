@@ -10,9 +10,9 @@
 
 namespace {
 
-constexpr u32 BLOCK_SIZE = 4096; // so that a locator needs many
+constexpr u32 BLOCK_SIZE = 16384; // so that a locator needs many
 constexpr u64 UNLIMITED = ~u64{0};
-constexpr int ITEMS = 400;
+constexpr int ITEMS = 2000;
 
 MemoryPoolImpl* globalPool()
 {

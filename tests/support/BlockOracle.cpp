@@ -30,6 +30,26 @@ void BlockOracle::remove(u64 offset, u64 length)
         forget(b);
 }
 
+bool BlockOracle::belongsTo(u64 block, const Write& write) const
+{
+    return m_blocks[block].kind == write.kind && m_blocks[block].address == write.address;
+}
+
+bool BlockOracle::anyLeftOf(const Write& write, bool locked) const
+{
+    for (u64 b = write.viewOffset; b < write.viewOffset + write.length; ++b)
+        if (belongsTo(b, write) && m_blocks[b].locked == locked)
+            return true;
+    return false;
+}
+
+void BlockOracle::removeWrite(const Write& write)
+{
+    for (u64 b = write.viewOffset; b < write.viewOffset + write.length; ++b)
+        if (belongsTo(b, write) && !m_blocks[b].locked)
+            forget(b);
+}
+
 bool BlockOracle::anyLocked() const
 {
     return anyLockedIn(0, m_blocks.size());

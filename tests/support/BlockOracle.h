@@ -38,6 +38,10 @@ public:
     bool insert(const Write& write);
     void remove(u64 offset, u64 length);
 
+    // Whether blocks of this very write are still there, locked or not locked; and their removal.
+    bool anyLeftOf(const Write& write, bool locked) const;
+    void removeWrite(const Write& write);
+
     bool anyLocked() const;
     bool anyLockedIn(u64 offset, u64 length) const;
     bool anyStoredIn(u64 offset, u64 length) const;
@@ -73,6 +77,7 @@ private:
         u32 storedBytes = 0;
     };
 
+    bool belongsTo(u64 block, const Write& write) const;
     bool sameWrite(u64 left, u64 right) const;
     void cutAt(u64 block);
     void forget(u64 block);

@@ -61,7 +61,18 @@ u64 sumOfLengths(const CountedRegionMap& map)
 
 struct LocatorModel::Parked
 {
+    enum Request
+    {
+        Lookup,
+        GetFirst,
+        LockAndRemove,
+    };
+
+    Request request = Lookup;
     AsyncTask task;
+    Write write{};      // of a lock-and-remove
+    u32 maxBlocks = 0;  // of a get-first
+    u32 maxRegions = 0; //
     u64 offset = 0;
     u32 length = 0;
     Regions result;
@@ -184,6 +195,77 @@ void LocatorModel::lock(u64 offset, u32 length)
     m_locator->getMemPool()->destroyVoucher(request->voucher);
 }
 
+LocatorModel::Regions LocatorModel::lockFirst(u32 maxBlocks, u32 maxRegions)
+{
+    Regions taken;
+    u64 blocks = 0;
+    for (const SubRegionDescriptor& region : m_oracle.regions(false)) {
+        blocks += region.m_lengthBlocks;
+        if (blocks > maxBlocks || taken.size() == maxRegions)
+            break;
+        taken.push_back(region);
+    }
+    for (const SubRegionDescriptor& region : taken)
+        m_oracle.lock(region.m_viewOffsetBlocks, region.m_lengthBlocks);
+    return taken;
+}
+
+void LocatorModel::getFirst(u32 maxBlocks, u32 maxRegions)
+{
+    const bool waits = m_oracle.regions(false).empty() && m_oracle.anyLocked();
+    auto request = std::make_unique<Parked>();
+    request->request = Parked::GetFirst;
+    request->maxBlocks = maxBlocks;
+    request->maxRegions = maxRegions;
+    request->tokens = RegionLocatorMemPool::getVoucherRequirement(
+        RegionLocatorMemPool::LOOKUP_LOCKED, static_cast<int>(std::min(maxBlocks, maxRegions)));
+    request->voucher = fill(request->tokens);
+    request->result = {SubRegionDescriptor(77)};
+    request->task.setResult(77);
+    const RcStatus rc = maxBlocks == ~u32{0}
+                            ? m_locator->getFirstRegionsAndLock(&request->task, maxRegions,
+                                                                &request->result, request->voucher)
+                            : m_locator->getFirstBlocksAndLock(&request->task, maxBlocks,
+                                                               &request->result, request->voucher);
+    require(rc == (waits ? RC_WAIT : RC_SUCCESS), "a get-first answers the wrong status");
+    if (rc == RC_WAIT) {
+        m_parked = std::move(request);
+        return;
+    }
+    requireEqual(lockFirst(maxBlocks, maxRegions), request->result, "get-first");
+    if (!request->result.empty())
+        m_held.push_back(request->result);
+    m_locator->getMemPool()->destroyVoucher(request->voucher);
+}
+
+void LocatorModel::removeWrite(const Write& write)
+{
+    RegionLocatorVoucher* voucher =
+        fill(RegionLocatorMemPool::getVoucherRequirement(RegionLocatorMemPool::REMOVE, 1));
+    m_locator->remove(toRegion(write), voucher);
+    m_oracle.removeWrite(write);
+    m_locator->getMemPool()->destroyVoucher(voucher);
+}
+
+void LocatorModel::lockAndRemove(const Write& write)
+{
+    const bool waits = m_oracle.anyLeftOf(write, true);
+    auto request = std::make_unique<Parked>();
+    request->request = Parked::LockAndRemove;
+    request->write = write;
+    request->tokens =
+        RegionLocatorMemPool::getVoucherRequirement(RegionLocatorMemPool::LOCK_AND_REMOVE, 1);
+    request->voucher = fill(request->tokens);
+    const RcStatus rc = m_locator->lockAndRemove(&request->task, toRegion(write), request->voucher);
+    require(rc == (waits ? RC_WAIT : RC_SUCCESS), "a lock-and-remove answers the wrong status");
+    if (rc == RC_WAIT) {
+        m_parked = std::move(request);
+        return;
+    }
+    m_oracle.removeWrite(write);
+    m_locator->getMemPool()->destroyVoucher(request->voucher);
+}
+
 void LocatorModel::unlock(size_t held, bool restore)
 {
     unlockSome(held, 0, m_held[held].size(), restore);
@@ -253,9 +335,19 @@ void LocatorModel::resumeIfFree()
                 wakeUps.back().m_status == RC_SUCCESS &&
                 wakeUps.back().m_queue == AsyncTaskQueue::ASYNC_TASK_Q_ID__RDY_CONTROL,
             "the parked task is not woken once, on the control queue, with success");
-    requireEqual(m_oracle.pieces(m_parked->offset, m_parked->length, true), m_parked->result,
-                 "the result of a resumed lookup");
-    m_oracle.lock(m_parked->offset, m_parked->length);
+    switch (m_parked->request) {
+    case Parked::Lookup:
+        requireEqual(m_oracle.pieces(m_parked->offset, m_parked->length, true), m_parked->result,
+                     "the result of a resumed lookup");
+        m_oracle.lock(m_parked->offset, m_parked->length);
+        break;
+    case Parked::GetFirst:
+        requireEqual(lockFirst(m_parked->maxBlocks, m_parked->maxRegions), m_parked->result,
+                     "the result of a resumed get-first");
+        require(m_parked->task.getResult() == 0, "a resumed get-first has another result than 0");
+        break;
+    case Parked::LockAndRemove: m_oracle.removeWrite(m_parked->write); break;
+    }
     if (!m_parked->result.empty())
         m_held.push_back(m_parked->result);
     m_locator->getMemPool()->destroyVoucher(m_parked->voucher);
@@ -338,15 +430,24 @@ BlockOracle::Write ModelRun::randomWrite()
     write.viewOffset = below(m_blocks - write.length + 1);
     write.kind = static_cast<BlockOracle::Kind>(1 + below(3));
     write.storedBytes = static_cast<u32>(1 + below(write.length * 512));
+    // No IO spans two grains.
+    if (SFS_GRAIN_OF(m_nextAddress) != SFS_GRAIN_OF(m_nextAddress + write.length - 1))
+        m_nextAddress += write.length;
     write.address = write.kind == BlockOracle::Zeroes ? ~u64{0} : m_nextAddress;
     // Sometimes the data of two writes touch in the journal, and they must not become one for that.
     m_nextAddress += write.length + (below(2) == 0 ? 0 : 100);
+    if (write.kind != BlockOracle::Zeroes) {
+        constexpr size_t REMEMBERED = 20;
+        if (m_recent.size() == REMEMBERED)
+            m_recent.erase(m_recent.begin() + static_cast<long>(below(REMEMBERED)));
+        m_recent.push_back(write);
+    }
     return write;
 }
 
 void ModelRun::step()
 {
-    const u64 operation = below(16);
+    const u64 operation = below(20);
     const u32 length = static_cast<u32>(1 + below(64));
     const u64 offset = below(m_blocks - length + 1);
     const bool restore = below(4) != 0;
@@ -408,6 +509,30 @@ void ModelRun::step()
                                       restore);
         }
         return;
+    case 15:
+        if (lists == 0 && !m_recent.empty())
+            m_model.removeWrite(m_recent[below(m_recent.size())]);
+        return;
+    case 16:
+        if (!m_recent.empty()) {
+            const BlockOracle::Write write = m_recent[below(m_recent.size())];
+            if (!m_model.parked() || !m_model.oracle().anyLeftOf(write, true))
+                m_model.lockAndRemove(write);
+        }
+        return;
+    case 17:
+    case 18: {
+        const std::vector<SubRegionDescriptor> free = m_model.oracle().regions(false);
+        if (free.empty() && m_model.parked())
+            return;
+        // What a parked request will find first is not known yet, so its limit takes anything.
+        const u32 least = free.empty() ? m_blocks : free.front().m_lengthBlocks;
+        if (operation == 17)
+            m_model.getFirstRegions(static_cast<u32>(1 + below(8)));
+        else
+            m_model.getFirstBlocks(least + static_cast<u32>(below(40)));
+        return;
+    }
     default:
         // Everything back, so that states without locks stay frequent.
         while (m_model.heldLists() > 0 && m_model.problem().empty())

@@ -35,6 +35,14 @@ public:
     void unlockSome(size_t held, size_t from, size_t to, bool restore);
     // Gives back only the middle blocks of one piece.
     void unlockPartOfPiece(size_t held, size_t piece, u32 skip, u32 length, bool restore);
+    // Locks the first regions, by a limit of regions or of blocks; parks when all is locked.
+    // REQUIRES: the first region fits; nothing is parked, or something is not locked.
+    void getFirstRegions(u32 maxRegions) { getFirst(~u32{0}, maxRegions); }
+    void getFirstBlocks(u32 maxBlocks) { getFirst(maxBlocks, ~u32{0}); }
+    // What is left of one write. removeWrite REQUIRES: nothing is locked; lockAndRemove: nothing is
+    // parked, or nothing of the write is locked.
+    void removeWrite(const Write& write);
+    void lockAndRemove(const Write& write);
     // A reservation that the pool must refuse.
     void failToFill();
 
@@ -52,6 +60,8 @@ public:
 private:
     struct Parked;
 
+    void getFirst(u32 maxBlocks, u32 maxRegions);
+    Regions lockFirst(u32 maxBlocks, u32 maxRegions);
     RegionLocatorVoucher* fill(int tokens);
     void require(bool condition, const std::string& what);
     void requireEqual(const Regions& expected, const Regions& actual, const std::string& what);
@@ -90,5 +100,6 @@ private:
     std::mt19937_64 m_random;
     u64 m_operationsOn; // bit i: operation i is part of this run
     u64 m_nextAddress = 1;
+    std::vector<BlockOracle::Write> m_recent; // writes with data, to be removed again
     LocatorModel m_model;
 };
