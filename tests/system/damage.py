@@ -6,7 +6,7 @@ import signal
 import subprocess
 import time
 
-from support import (RLCTL, Expectation, Folder, check, compare_image, generated_trace, read_trace,
+from support import (RLCTL, Expectation, Failure, Folder, check, compare_image, generated_trace, read_trace,
                      rlctl, rlctl_json, run)
 
 SIZE = 2 << 30
@@ -112,18 +112,30 @@ def test_killed_recording_is_a_prefix_and_goes_on():
         check(rlctl_json("verify", mirror)["ok"], "verify")
 
 
+def wait_for_open(pid, path):
+    """Waits until a process has the file open, and a moment more for it to lock it."""
+    folder = "/proc/%d/fd" % pid
+    for _ in range(500):
+        for name in os.listdir(folder):
+            try:
+                if os.readlink(os.path.join(folder, name)) == os.path.realpath(path):
+                    time.sleep(0.2)
+                    return
+            except FileNotFoundError:
+                pass
+        time.sleep(0.02)
+    raise Failure("the writer never opened " + path)
+
+
 def test_writer_in_use_is_11_and_readers_go_on():
     with Folder() as folder:
         mirror, _ = recorded_mirror(folder)
         # A writer that waits for its trace on a pipe.
         with subprocess.Popen([RLCTL, "record", mirror, "--trace", "-"],
                               stdin=subprocess.PIPE) as writer:
-            for _ in range(100):
-                done = subprocess.run([RLCTL, "checkpoint", mirror], stderr=subprocess.PIPE,
-                                      stdout=subprocess.PIPE, check=False)
-                if done.returncode == 11:
-                    break
-                time.sleep(0.05)
+            wait_for_open(writer.pid, os.path.join(mirror, "journal", "lock"))
+            done = subprocess.run([RLCTL, "checkpoint", mirror], stderr=subprocess.PIPE,
+                                  stdout=subprocess.PIPE, check=False)
             check(done.returncode == 11, "exit code %d" % done.returncode)
             check(b"in use" in done.stderr, done.stderr.decode())
             rlctl("stats", mirror)

@@ -166,7 +166,7 @@ def test_small_memory_limit_says_what_it_needs():
                 file.write("%d,Z,%d,1\n" % (i, i * 2))
         rlctl("create", mirror, "--size", "1G")
         rlctl("record", mirror, "--trace", trace)
-        rlctl("stats", mirror, "--memory-limit", "2M", code=1)
+        rlctl("stats", mirror, "--memory-limit", "2M", "--quiet", code=1)
         one_line("memory limit is too small")
         check("may need" in rlctl.errors, rlctl.errors)
         rlctl("stats", mirror, "--memory-limit", "64M")
