@@ -7,6 +7,7 @@
 #include "common/headers/AsyncTaskControl.h"
 #include "host/infra/MemShieldControl.h"
 #include "tests/support/FakeTaskControl.h"
+#include "tests/support/LimitedMemory.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RegionLocatorTestAccess.h"
 #include "tests/support/Tokens.h"
@@ -162,9 +163,11 @@ TEST_F(LockWaiterTest, TheResultIsThereAndTheVoucherOffBeforeTheTaskIsEnqueued)
         activeThen = m_pool->getActiveVoucher();
         // From another thread, as the woken task would come.
         std::thread([&] {
-            mutexWasFree = Access::mutex(m_locator).tryLock();
-            if (mutexWasFree)
+            mutexWasFree = false;
+            if (Access::mutex(m_locator).tryLock()) {
+                mutexWasFree = true;
                 Access::mutex(m_locator).unlock();
+            }
         }).join();
     });
     ASSERT_EQ(m_locator.lookup(&m_task, 2, 4, &m_pieces, true, waiting), RC_WAIT);
@@ -257,6 +260,55 @@ TEST_F(LockWaiterTest, OfALocatorThatIsDestroyedIsNeitherResumedNorFreed)
     EXPECT_TRUE(control.enqueued().empty());
     EXPECT_TRUE(m_pieces.empty());
     SHIELD_DELETE(waiter);
+}
+
+// Of tracked objects, by type name and file.
+u64 trackedAs(const std::string& typeName, const std::string& file)
+{
+    u64 count = 0;
+    for (const MemShieldGroup& group : MemShieldControl::liveGroups())
+        if (group.m_typeName == typeName && group.m_file == file)
+            count += group.m_count;
+    return count;
+}
+
+TEST(TrackedNamesTest, WaitersVouchersAndTheirHelpersAreKnownByTheirTypeNames)
+{
+    ASSERT_EQ(MemShieldControl::enable(), RC_SUCCESS);
+    {
+        const LimitedMemory memory(64 * 1024, 2 * 64 * 1024);
+        const LogCapture log;
+        const FakeTaskControl control;
+        RegionLocator locator(7, RL_MMI_View);
+        RegionLocatorMemPool holder(8, RL_MMI_View);
+        const VoucherGuard held(&holder, 1);
+        AsyncTask task;
+        Regions parked;
+        insertRegion(locator, plainRegion(0, 10, 1000));
+        const Regions pieces = lockRange(locator, 0, 10);
+        // Two feeders have one each.
+        EXPECT_EQ(trackedAs("RegionLocatorVoucher", "../RegionLocatorMemPool.cpp"), 3U);
+        const VoucherGuard waiting(locator, RegionLocatorMemPool::LOOKUP_LOCKED, 1);
+        EXPECT_EQ(trackedAs("RegionLocatorVoucher", "../RegionLocatorMemPool.cpp"), 4U);
+        ASSERT_EQ(locator.lookup(&task, 0, 10, &parked, true, waiting), RC_WAIT);
+        EXPECT_EQ(trackedAs("RL_LockWaiter_lookup", "../RegionLocator.cpp"), 1U);
+        unlockAndRemoveRegions(locator, pieces);
+        EXPECT_EQ(trackedAs("RL_LockWaiter_lookup", "../RegionLocator.cpp"), 0U);
+
+        // More than there is: its observer waits, and a helper for the block behind it.
+        RegionLocatorVoucher* large = locator.getMemPool()->createVoucher();
+        const FutureStatus future =
+            locator.getMemPool()->fillVoucher(large, 1500, ~u64{0}, &locator);
+        EXPECT_FALSE(future.isSet());
+        EXPECT_EQ(trackedAs("FillVoucherObserver", "../RegionLocatorMemPool.cpp"), 1U);
+        EXPECT_EQ(trackedAs("AllocationHelper", "../RegionLocatorMemPool.cpp"), 1U);
+        locator.getMemPool()->cancelVoucherFill(&locator);
+        EXPECT_EQ(future.get(), RC_ABORTED);
+        EXPECT_EQ(trackedAs("FillVoucherObserver", "../RegionLocatorMemPool.cpp"), 0U);
+        EXPECT_EQ(trackedAs("AllocationHelper", "../RegionLocatorMemPool.cpp"), 0U);
+        locator.getMemPool()->destroyVoucher(large);
+    }
+    EXPECT_EQ(MemShieldControl::disable(), RC_SUCCESS);
 }
 
 } // namespace
