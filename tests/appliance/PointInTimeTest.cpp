@@ -66,7 +66,7 @@ TEST(SizesTest, ShowsBinaryUnits)
     EXPECT_EQ(formatSize(1023), "1023 B");
     EXPECT_EQ(formatSize(1024), "1 KiB");
     EXPECT_EQ(formatSize(1536), "1.5 KiB");
-    EXPECT_EQ(formatSize((u64{1} << 20) - 1), "1 MiB");
+    EXPECT_EQ(formatSize((u64{1} << 20) - 1), "1.0 MiB");
     EXPECT_EQ(formatSize(~u64{0}), "16 EiB");
 }
 
