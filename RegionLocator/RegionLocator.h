@@ -44,13 +44,15 @@ class RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly;
 //                requests that may meet locked regions come through a gate of their callers';
 //             5. a waiting request is woken only when nothing at all is locked any more.
 //
-//   state \ request     | locking lookup     | lookup that meets a | unlock that    | unlock that
-//                       | beside the locks   | locked piece        | leaves locks   | leaves none
-//   --------------------+--------------------+---------------------+----------------+-------------
-//   nothing locked      | locked, RC_SUCCESS | -                   | -              | process stops
-//   some locked         | more locked        | parks, RC_WAIT      | fewer locked   | none locked
-//   some locked, parked | more locked        | process stops       | stays parked   | waiter
-//   resumed
+//   state \ request     | locking lookup     | lookup that meets | unlock that  | unlock that
+//                       | beside the locks   | a locked piece    | leaves locks | leaves none
+//   --------------------+--------------------+-------------------+--------------+---------------
+//   nothing locked      | locked, RC_SUCCESS | -                 | -            | process stops
+//   some locked         | more locked        | parks, RC_WAIT    | fewer locked | none locked
+//   some locked, parked | more locked        | process stops     | stays parked | waiter resumed
+//
+// A get-first parks where a lookup does when everything there is locked, a lock-and-remove when a
+// piece of its own IO is.
 class RegionLocator : public MemWatchedContainer
 {
 public:
