@@ -27,7 +27,9 @@ protected:
             (std::filesystem::temp_directory_path() / "rl-mirror-XXXXXX").string();
         ASSERT_NE(mkdtemp(pattern.data()), nullptr);
         m_root = pattern;
-        ASSERT_TRUE(m_host.start(HostOptions()).ok());
+        HostOptions options;
+        options.m_log = LogOutputOptions{LogFormat::Text, "", WarnLevel};
+        ASSERT_TRUE(m_host.start(std::move(options)).ok());
     }
 
     void TearDown() override

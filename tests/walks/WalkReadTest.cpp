@@ -7,7 +7,7 @@
 
 namespace {
 
-using WalkTest = MirrorFixture;
+using WalkReadTest = MirrorFixture;
 
 RegionLocatorVoucher* filledVoucher(RegionLocator& locator, int pieces)
 {
@@ -19,7 +19,7 @@ RegionLocatorVoucher* filledVoucher(RegionLocator& locator, int pieces)
     return voucher;
 }
 
-TEST_F(WalkTest, ReadFromLookupToTheResumedWaiter)
+TEST_F(WalkReadTest, FromLookupToTheResumedWaiter)
 {
     makeMirror();
     const std::vector<u8> data(8 * BLOCK_BYTES, 0x5A);

@@ -17,7 +17,7 @@ SfsDiskMetaItem journaledWrite(u64 offsetBlocks, u32 lengthBlocks, u64 address)
     return item;
 }
 
-TEST(WalkTest, WriteFromJournalItemToRegionMap)
+TEST(WalkWriteTest, FromJournalItemToRegionMap)
 {
     RegionLocator locator(1, RL_MMI_View);
     RegionLocatorMetaDataContainer_Insert* feeder = locator.getInsertContainer();
