@@ -161,7 +161,7 @@ void RlIoReader::fillVectorsToReadFrom(
     while (remainingLengthBlocks > 0) {
         RL_READ_TRACE(": performReadFromSegments from where to read : "
                       << " curViewOffsetBlocks  " << curViewOffsetBlocks);
-        u32 curLengthBlocks;
+        u64 curLengthBlocks;
         if (i < subRegions.size() && subRegions[i].m_viewOffsetBlocks == curViewOffsetBlocks) {
             const SubRegionDescriptor& piece = subRegions[i];
             curLengthBlocks = piece.m_lengthBlocks;
@@ -179,31 +179,29 @@ void RlIoReader::fillVectorsToReadFrom(
                 line << std::endl;
             }
             HARD_CHECK(remainingLengthBlocks >= curLengthBlocks);
-            auto* slice = SHIELD_NEW(
-                ScatteredBuf,
-                scatteredBuf.getSubBuffer(areaDataOffset, u64{curLengthBlocks} << BLOCK_SHIFT));
+            auto* slice =
+                SHIELD_NEW(ScatteredBuf, scatteredBuf.getSubBuffer(areaDataOffset,
+                                                                   curLengthBlocks << BLOCK_SHIFT));
             journalIos.emplace_back(piece, slice);
             ++i;
         } else {
             // A piece that starts before the current offset makes this wrap, and is caught below.
-            curLengthBlocks =
-                i < subRegions.size()
-                    ? static_cast<u32>(subRegions[i].m_viewOffsetBlocks - curViewOffsetBlocks)
-                    : remainingLengthBlocks;
+            curLengthBlocks = i < subRegions.size()
+                                  ? subRegions[i].m_viewOffsetBlocks - curViewOffsetBlocks
+                                  : remainingLengthBlocks;
             RL_READ_TRACE(": performReadFromSegments read from target volume : "
                           << curViewOffsetBlocks << " m_lengthBlocks  " << curLengthBlocks);
             HARD_CHECK(remainingLengthBlocks >= curLengthBlocks);
             IODescriptor io;
             io.m_offsetBlocks = curViewOffsetBlocks;
-            io.m_lengthBlocks = curLengthBlocks;
-            io.m_data =
-                scatteredBuf.getSubBuffer(areaDataOffset, u64{curLengthBlocks} << BLOCK_SHIFT);
+            io.m_lengthBlocks = static_cast<u32>(curLengthBlocks);
+            io.m_data = scatteredBuf.getSubBuffer(areaDataOffset, curLengthBlocks << BLOCK_SHIFT);
             io.m_bRead = true;
             readFromTargetVolumeDescriptors->push_back(io);
         }
-        areaDataOffset += u64{curLengthBlocks} << BLOCK_SHIFT;
+        areaDataOffset += curLengthBlocks << BLOCK_SHIFT;
         curViewOffsetBlocks += curLengthBlocks;
-        remainingLengthBlocks -= curLengthBlocks;
+        remainingLengthBlocks -= static_cast<u32>(curLengthBlocks);
     }
 
     fillIoDescriptorVectors(journalIos, readFromSfsDescriptors, readFromCompressedSfsDescriptors);

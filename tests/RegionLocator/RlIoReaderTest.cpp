@@ -252,12 +252,14 @@ TEST_F(ReaderDeathTest, PiecesThatAreNotWhatTheyShouldBeStopTheProcess)
 {
     const std::string pattern =
         hardCheckPattern("remainingLengthBlocks >= curLengthBlocks", FILE_NAME);
-    // Each: not ascending; overlapping; before the range; beyond its end by a part; wholly.
+    // Each: not ascending; overlapping; before the range; beyond its end by a part; wholly;
+    // so far beyond that 32 bits would not tell.
     const std::vector<Regions> wrong = {{plainRegion(104, 2, 5000), plainRegion(100, 2, 6000)},
                                         {plainRegion(100, 4, 5000), plainRegion(102, 4, 6000)},
                                         {plainRegion(98, 4, 5000)},
                                         {plainRegion(106, 3, 5000)},
-                                        {plainRegion(109, 1, 5000)}};
+                                        {plainRegion(109, 1, 5000)},
+                                        {plainRegion(100 + (1ULL << 32), 1, 5000)}};
     for (const Regions& pieces : wrong) {
         Range range(100, 8, pieces);
         EXPECT_DEATH(split(range), pattern) << pieces;
