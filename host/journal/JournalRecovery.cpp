@@ -6,6 +6,7 @@
 namespace {
 
 constexpr u32 CHUNK_PAGES = 2048;
+constexpr u32 FIRST_CHUNK_PAGES = 64; // most journals that are opened often are short
 
 class Walk
 {
@@ -16,7 +17,7 @@ public:
     RecoveryResult run()
     {
         m_result.m_rc = listGrains();
-        m_pages.resize(CHUNK_PAGES);
+        m_pages.resize(FIRST_CHUNK_PAGES);
         bool more = m_result.m_rc == RC_SUCCESS;
         while (more)
             more = walkChunk();
@@ -39,7 +40,8 @@ private:
     bool walkChunk()
     {
         const u64 first = m_position.m_endPage;
-        const u32 wanted = std::min(CHUNK_PAGES, JOURNAL_PAGES_PER_GRAIN - pageInGrain(first));
+        const u32 wanted = std::min(static_cast<u32>(m_pages.size()),
+                                    JOURNAL_PAGES_PER_GRAIN - pageInGrain(first));
         u32 done = 0;
         m_result.m_rc = readPages(m_grains, first, wanted, m_pages.data(), &done);
         if (m_result.m_rc != RC_SUCCESS)
@@ -52,7 +54,10 @@ private:
                 return damagedPage(first + i, fault);
             take(m_pages[i]);
         }
-        return done == wanted || invalidPage(first + done);
+        if (done < wanted)
+            return invalidPage(first + done);
+        m_pages.resize(CHUNK_PAGES);
+        return true;
     }
 
     // What is wrong with a page that is whole: no crash leaves that behind.
@@ -109,10 +114,9 @@ private:
     // A page that is not intact, or not there.
     bool invalidPage(u64 page)
     {
-        if (page >= m_provenPages)
+        m_result.m_rc = countFoundPages();
+        if (m_result.m_rc == RC_SUCCESS && page >= m_provenPages && page + 1 < m_foundPages)
             m_result.m_rc = findProvenPages(page);
-        if (m_result.m_rc == RC_SUCCESS)
-            m_result.m_rc = countFoundPages();
         if (m_result.m_rc != RC_SUCCESS)
             return false;
         // A writer may have written it since it was read here, and then those behind it.

@@ -1,18 +1,8 @@
 #include "host/journal/JournalScanSink.h"
 
 #include <algorithm>
-#include <chrono>
 
-namespace {
-
-u64 systemNowMs()
-{
-    return static_cast<u64>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                std::chrono::steady_clock::now().time_since_epoch())
-                                .count());
-}
-
-} // namespace
+#include "host/infra/Clock.h"
 
 JournalScanSink::JournalScanSink(SfsMetaDataContainer& container, const ScanOptions& options,
                                  const std::atomic<bool>& cancelled)
@@ -21,6 +11,8 @@ JournalScanSink::JournalScanSink(SfsMetaDataContainer& container, const ScanOpti
 
 bool JournalScanSink::takePages(const JournalPage* pages, u32 count)
 {
+    // Each chunk has its own batches: what it holds was not known before.
+    m_batchLeft = 0;
     m_itemsLeftInChunk = 0;
     for (u32 i = 0; i < count; ++i)
         m_itemsLeftInChunk += pages[i].m_magic != 0 ? pages[i].m_count : 0;
@@ -38,8 +30,6 @@ bool JournalScanSink::takePages(const JournalPage* pages, u32 count)
             --m_itemsLeftInChunk;
         }
     }
-    // The next chunk has its own batches: what it holds is not known yet.
-    endBatch();
     return true;
 }
 
@@ -57,6 +47,8 @@ bool JournalScanSink::takeItem(const JournalPage& page, u32 slot, u64 logicalInd
         m_ended = true;
         return false;
     }
+    if (ptr.grain != m_inGrain.grain)
+        leaveGrain();
     if (m_batchLeft == 0 && !prepareBatch())
         return false;
     if (ptr.grain != m_inGrain.grain && !enterGrain(ptr.grain))
@@ -85,8 +77,8 @@ bool JournalScanSink::prepareBatch()
     const u64 count = std::min<u64>(std::max(m_options.batchItems, 1U), m_itemsLeftInChunk);
     u64 endTime = ~u64{0};
     if (m_options.prepareTimeoutMs != ~u64{0})
-        endTime =
-            (m_options.nowMs ? m_options.nowMs() : systemNowMs()) + m_options.prepareTimeoutMs;
+        endTime = (m_options.nowMs ? m_options.nowMs() : Clock::instance()->nowMs()) +
+                  m_options.prepareTimeoutMs;
     const FutureStatus ready = m_container.prepareToAdd(static_cast<int>(count), endTime);
     const RcStatus rc = ready.get();
     // Given back also after a failure: a part may have been reserved.
@@ -99,11 +91,16 @@ bool JournalScanSink::prepareBatch()
 
 bool JournalScanSink::enterGrain(SfsDevAddr grain)
 {
-    if (m_inGrain.grain != SFS_DEV_ADDR_INVALID)
-        m_container.metaGrainFinished(m_inGrain.grain, m_inGrain.entryNum);
     m_inGrain = {grain, 0};
     const RcStatus rc = m_container.metaGrainStarted(grain);
     return rc == RC_SUCCESS || stop(rc);
+}
+
+void JournalScanSink::leaveGrain()
+{
+    if (m_inGrain.grain != SFS_DEV_ADDR_INVALID)
+        m_container.metaGrainFinished(m_inGrain.grain, m_inGrain.entryNum);
+    m_inGrain = JournalPtr::invalid;
 }
 
 void JournalScanSink::endBatch()
@@ -125,8 +122,7 @@ bool JournalScanSink::stop(RcStatus rc)
 
 void JournalScanSink::finish(RcStatus failure, u64 endPage)
 {
-    if (m_inGrain.grain != SFS_DEV_ADDR_INVALID)
-        m_container.metaGrainFinished(m_inGrain.grain, m_inGrain.entryNum);
+    leaveGrain();
     endBatch();
     m_container.done();
     if (m_ended)

@@ -26,6 +26,7 @@ private:
     bool takeItem(const JournalPage& page, u32 slot, u64 logicalIndex);
     bool prepareBatch();
     bool enterGrain(SfsDevAddr grain);
+    void leaveGrain();
     void endBatch();
     bool stop(RcStatus rc);
 

@@ -15,7 +15,7 @@ constexpr u32 CHUNK_PAGES = 2048; // a megabyte
 
 struct Chunk
 {
-    std::vector<JournalPage> m_pages = std::vector<JournalPage>(CHUNK_PAGES);
+    std::vector<JournalPage> m_pages; // grown to what a read needs
     u32 m_count = 0;
 };
 
@@ -38,6 +38,8 @@ public:
         const u32 wanted = static_cast<u32>(std::min<u64>(
             {CHUNK_PAGES, m_end - first, JOURNAL_PAGES_PER_GRAIN - pageInGrain(first)}));
         chunk->m_count = 0;
+        if (chunk->m_pages.size() < wanted)
+            chunk->m_pages.resize(wanted);
         u32 done = 0;
         const RcStatus rc =
             readPages(m_store.grains(), first, wanted, chunk->m_pages.data(), &done);

@@ -21,7 +21,7 @@ struct ScanOptions
                               // the request after that many
     u32 batchItems = 4096;
     u64 prepareTimeoutMs = ~u64{0}; // for each batch, from its beginning; all ones: no limit
-    std::function<u64()> nowMs;     // the monotonic clock; empty: the system's
+    std::function<u64()> nowMs;     // the monotonic clock; empty: the process-wide one
 
     // Called about once a megabyte of metadata with pages done and pages in all.
     std::function<void(u64 donePages, u64 allPages)> progress;

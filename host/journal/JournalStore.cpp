@@ -1,24 +1,16 @@
 #include "host/journal/JournalStore.h"
 
-#include <chrono>
-
 #include "common/infra/LogItem.h"
+#include "host/infra/Clock.h"
 #include "host/journal/JournalStoreImpl.h"
 #include "host/volume/AsyncFileIo.h"
 
 namespace {
 
-u64 systemNowUs()
-{
-    return static_cast<u64>(std::chrono::duration_cast<std::chrono::microseconds>(
-                                std::chrono::system_clock::now().time_since_epoch())
-                                .count());
-}
-
 JournalOptions completed(JournalOptions options)
 {
     if (!options.nowUs)
-        options.nowUs = systemNowUs;
+        options.nowUs = [] { return Clock::instance()->wallTimeUs(); };
     return options;
 }
 

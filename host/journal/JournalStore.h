@@ -53,7 +53,7 @@ struct JournalOptions
     u64 limitBytes = 0;             // most bytes the journal may take; 0 for no limit
     u64 volumeBlocks = 0;           // items beyond are refused; 0 for no check
     std::string folder = "journal"; // within the storage
-    std::function<u64()> nowUs;     // microseconds since 1970 in UTC; empty: the system's clock
+    std::function<u64()> nowUs;     // microseconds since 1970 in UTC; empty: the process's clock
     u32 autoFlushItems = 16384;     // so many items pending are flushed by the appender
     AsyncFileIo* io = nullptr;      // not owned; null: the process-wide one
 };
