@@ -42,9 +42,10 @@ TEST(MutexTest, TryLockFailsWhileAnotherThreadHoldsIt)
     MutexGuard lock(mutex);
     bool taken = true;
     std::thread([&] {
-        taken = mutex.tryLock();
-        if (taken)
+        if (mutex.tryLock())
             mutex.unlock();
+        else
+            taken = false;
     }).join();
     EXPECT_FALSE(taken);
 }
