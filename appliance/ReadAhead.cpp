@@ -25,13 +25,24 @@ Result ReadAhead::start(u64 offsetBlocks, u32 lengthBlocks)
     u8* buffer = slot.m_buffer.get();
     slot.m_task =
         std::make_unique<BlockingTask>([this, offsetBlocks, lengthBlocks, buffer](AsyncTask* task) {
-            return m_reader.read(task, offsetBlocks, lengthBlocks, buffer);
+            return m_reader.read(task, offsetBlocks, lengthBlocks, buffer,
+                                 Clock::instance()->nowMs() + ViewReader::PATIENCE_MS);
         });
     const RcStatus rc = slot.m_task->start(m_engine);
     if (rc != RC_SUCCESS)
         return Result::fromStatus(rc, "cannot start a read");
     m_inFlight.push_back(std::move(slot));
     return Result();
+}
+
+Result ReadAhead::failure(RcStatus rc, const Slot& slot)
+{
+    const u64 last = slot.m_offsetBlocks + slot.m_lengthBlocks - 1;
+    std::string what = "cannot read the view's blocks " + std::to_string(slot.m_offsetBlocks) +
+                       " to " + std::to_string(last);
+    if (rc == RC_TIMED_OUT || rc == RC_NO_MEMORY)
+        what += ": no memory was free in time, the memory limit may be too small";
+    return Result::fromStatus(rc, what);
 }
 
 Result ReadAhead::finish(const Use& use)
@@ -43,9 +54,7 @@ Result ReadAhead::finish(const Use& use)
     if (rc == RC_SUCCESS)
         result = use(slot.m_offsetBlocks, slot.m_lengthBlocks, slot.m_buffer.get());
     else
-        result = Result::fromStatus(
-            rc, "cannot read the view's blocks " + std::to_string(slot.m_offsetBlocks) + " to " +
-                    std::to_string(slot.m_offsetBlocks + slot.m_lengthBlocks - 1));
+        result = failure(rc, slot);
     m_free.push_back(std::move(slot.m_buffer));
     return result;
 }

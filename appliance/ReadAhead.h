@@ -41,6 +41,8 @@ private:
         std::unique_ptr<BlockingTask> m_task;
     };
 
+    static Result failure(RcStatus rc, const Slot& slot);
+
     ViewReader& m_reader;
     TaskEngine& m_engine;
     const u32 m_slots;

@@ -125,8 +125,9 @@ RcStatus ViewReader::readNow(TaskEngine& engine, u64 offsetBlocks, u64 lengthBlo
 {
     while (lengthBlocks > 0) {
         const u32 now = static_cast<u32>(std::min<u64>(lengthBlocks, MAX_READ_BLOCKS));
-        const RcStatus rc = runAndWait(
-            engine, [&](AsyncTask* task) { return read(task, offsetBlocks, now, buffer); });
+        const RcStatus rc = runAndWait(engine, [&](AsyncTask* task) {
+            return read(task, offsetBlocks, now, buffer, Clock::instance()->nowMs() + PATIENCE_MS);
+        });
         if (rc != RC_SUCCESS)
             return rc;
         offsetBlocks += now;

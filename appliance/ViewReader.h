@@ -22,6 +22,10 @@ public:
     // Largest range of one read(), in blocks.
     static constexpr u32 MAX_READ_BLOCKS = 1 << 15;
 
+    // How long a plain thread's read waits for its place and for memory: without a limit a process
+    // whose memory limit leaves no room would wait for itself.
+    static constexpr u64 PATIENCE_MS = 30000;
+
     // view: outlives the reader.
     explicit ViewReader(View& view);
 
