@@ -144,7 +144,8 @@ Result Context::openMirror(const std::string& folder, MirrorAccess access,
     return Result();
 }
 
-Result Context::openView(Mirror& mirror, const std::string& at, std::unique_ptr<View>* view)
+Result Context::openView(Mirror& mirror, const std::string& at, ProgressReporter& reporter,
+                         std::unique_ptr<View>* view)
 {
     PointName name;
     if (Result result = parsePoint(at, &name); !result.ok())
@@ -153,10 +154,8 @@ Result Context::openView(Mirror& mirror, const std::string& at, std::unique_ptr<
     if (Result result = choosePoint(name, mirror.window(), &point); !result.ok())
         return result;
     say("at " + point.description());
-    const auto reporter = progress("indexing");
-    if (Result result = View::build(mirror, point, *reporter, view); !result.ok())
+    if (Result result = View::build(mirror, point, reporter, view); !result.ok())
         return result;
-    reporter->finish();
     detail("indexed " + std::to_string((*view)->statistics().m_itemsScanned) + " items in " +
            std::to_string((*view)->statistics().m_indexSeconds) + " s");
     return Result();

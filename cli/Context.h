@@ -54,7 +54,8 @@ public:
     Result openMirror(const std::string& folder, MirrorAccess access,
                       std::unique_ptr<Mirror>* mirror);
     // Chooses a point by its name, tells it, and builds its view.
-    Result openView(Mirror& mirror, const std::string& at, std::unique_ptr<View>* view);
+    Result openView(Mirror& mirror, const std::string& at, ProgressReporter& reporter,
+                    std::unique_ptr<View>* view);
     // A reporter as the options want it; `what` as in "exporting".
     std::unique_ptr<ProgressReporter> progress(const std::string& what) const;
 

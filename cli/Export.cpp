@@ -26,10 +26,12 @@ Result run(Context& context, const Arguments& arguments)
         !result.ok())
         return result;
     std::unique_ptr<View> view;
-    if (Result result = context.openView(*mirror, arguments.m_at, &view); !result.ok())
-        return result;
-    ExportStatistics statistics;
     const auto reporter = context.progress("exporting");
+    reporter->setPart(0, 10);
+    if (Result result = context.openView(*mirror, arguments.m_at, *reporter, &view); !result.ok())
+        return result;
+    reporter->setPart(10, 100);
+    ExportStatistics statistics;
     if (Result result =
             exportView(*view, context.engine(), arguments.m_file, *reporter, &statistics);
         !result.ok())

@@ -48,8 +48,10 @@ Result run(Context& context, const RangeArguments& arguments)
     if (offset % BLOCK_BYTES != 0 || length % BLOCK_BYTES != 0)
         return Result::usage("offset and length of a lookup are multiples of 512 bytes");
     std::unique_ptr<View> view;
-    if (Result result = context.openView(*mirror, arguments.m_at, &view); !result.ok())
+    const auto reporter = context.progress("indexing");
+    if (Result result = context.openView(*mirror, arguments.m_at, *reporter, &view); !result.ok())
         return result;
+    reporter->finish();
     const std::vector<ViewPiece> pieces =
         viewPieces(*view, offset / BLOCK_BYTES, length / BLOCK_BYTES);
     if (context.json()) {

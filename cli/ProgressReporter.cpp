@@ -90,11 +90,18 @@ bool ProgressReporter::stopRequested()
     return g_stop != 0;
 }
 
+void ProgressReporter::setPart(unsigned fromPercent, unsigned toPercent)
+{
+    m_partFrom = fromPercent;
+    m_partTo = toPercent;
+}
+
 void ProgressReporter::progress(u64 done, u64 total)
 {
     const double share = total == 0 ? 0 : static_cast<double>(done) / static_cast<double>(total);
     // The last percent is finish()'s.
-    m_percent = std::max(m_percent, std::min(99u, static_cast<unsigned>(share * 100)));
+    const double percent = m_partFrom + share * (m_partTo - m_partFrom);
+    m_percent = std::max(m_percent, std::min(99u, static_cast<unsigned>(percent)));
     const bool asked = g_asked != 0;
     if (asked)
         g_asked = 0;

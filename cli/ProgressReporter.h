@@ -31,6 +31,10 @@ public:
     // Whether a --progress value is one of the modes.
     static Result checkMode(const std::string& mode);
 
+    // What is told from now on is this part of the whole work, in percent: one bar for a command of
+    // several steps.
+    void setPart(unsigned fromPercent, unsigned toPercent);
+
     void progress(u64 done, u64 total) override;
     bool stopRequested() override;
 
@@ -57,6 +61,8 @@ private:
     int m_fd = 2;
     Clock::time_point m_started = Clock::now();
     Clock::time_point m_lastLine = Clock::now();
+    unsigned m_partFrom = 0;
+    unsigned m_partTo = 100;
     unsigned m_percent = 0;
     unsigned m_told = 0; // last percentage told, plus one
 };

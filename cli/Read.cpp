@@ -69,11 +69,13 @@ Result run(Context& context, const RangeArguments& arguments)
         !result.ok())
         return result;
     std::unique_ptr<View> view;
-    if (Result result = context.openView(*mirror, arguments.m_at, &view); !result.ok())
+    const auto reporter = context.progress("reading");
+    reporter->setPart(0, 10);
+    if (Result result = context.openView(*mirror, arguments.m_at, *reporter, &view); !result.ok())
         return result;
+    reporter->setPart(10, 100);
     if (length == 0)
         return Result();
-    const auto reporter = context.progress("reading");
     if (Result result = readRange(context, *view, offset, length, *reporter); !result.ok())
         return result;
     reporter->finish();

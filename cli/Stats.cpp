@@ -20,8 +20,10 @@ Result run(Context& context, const Arguments& arguments)
         !result.ok())
         return result;
     std::unique_ptr<View> view;
-    if (Result result = context.openView(*mirror, arguments.m_at, &view); !result.ok())
+    const auto reporter = context.progress("indexing");
+    if (Result result = context.openView(*mirror, arguments.m_at, *reporter, &view); !result.ok())
         return result;
+    reporter->finish();
     const ViewStatistics& s = view->statistics();
     if (context.json()) {
         context.result(Json{{"at", view->point().name()},

@@ -208,15 +208,16 @@ def test_progress_ends_at_100():
             file.write("time_us,op,offset_blocks,length_blocks\n")
             file.writelines("%d,W,%d,1\n" % (i, i) for i in range(2000))
         rlctl("create", mirror, "--size", "1M")
-        reading, writing = os.pipe()
-        done = subprocess.run([RLCTL, "record", mirror, "--trace", trace, "--progress",
-                               str(writing)], pass_fds=[writing], stdout=subprocess.PIPE,
-                              check=True)
-        os.close(writing)
-        with os.fdopen(reading) as pipe:
-            steps = [int(line.split("/")[0]) for line in pipe.read().split()]
-        check(done.returncode == 0 and steps == sorted(set(steps)) and steps[-1] == 100,
-              "progress: %r" % steps)
+        for command in (("record", mirror, "--trace", trace), ("stats", mirror),
+                        ("export", mirror, os.path.join(folder, "image")), ("verify", mirror)):
+            reading, writing = os.pipe()
+            subprocess.run([RLCTL, *command, "--progress", str(writing)], pass_fds=[writing],
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=True)
+            os.close(writing)
+            with os.fdopen(reading) as pipe:
+                steps = [int(line.split("/")[0]) for line in pipe.read().split()]
+            check(steps == sorted(set(steps)) and steps[-1] == 100,
+                  "progress of %s: %r" % (command[0], steps))
 
 
 run(test_wrong_usage_is_2, test_every_command_helps_with_two_examples, test_no_such_mirror_is_10,
