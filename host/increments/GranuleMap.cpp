@@ -70,8 +70,8 @@ std::vector<LtrChangedRange> GranuleMap::ranges() const
 {
     std::vector<LtrChangedRange> found;
     // A run of marked granules ends where the next one that is not marked begins.
-    Roaring unmarked = m_bits;
-    unmarked.flip(0, m_geometry.granules());
+    // (In place, the library would take time by the square of the containers.)
+    const Roaring unmarked(roaring_bitmap_flip(&m_bits.roaring, 0, m_geometry.granules()));
     roaring_uint32_iterator_t marked;
     roaring_uint32_iterator_t gap;
     roaring_init_iterator(&m_bits.roaring, &marked);
