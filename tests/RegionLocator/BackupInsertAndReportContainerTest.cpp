@@ -421,6 +421,32 @@ TEST_F(BackupFeederTest, TheDeadlineAndTheStatusOfAFillArePassedOn)
     m_locator.reset();
 }
 
+TEST_F(BackupFeederTest, WithNoPreparationLeftToUndoNothingIsGivenBack)
+{
+    m_locator.reset();
+    const LimitedMemory memory(CHUNK, CHUNK);
+    RegionLocatorMemPool holder(6, RL_MMI_MD5);
+    RegionLocatorVoucher* held = holder.createVoucher();
+    ASSERT_EQ(holder.fillVoucher(held, 1, 0, nullptr).get(), RC_SUCCESS);
+    m_locator = std::make_unique<RegionLocator>(7, RL_MMI_View);
+    make(&m_manager);
+    // No scanner does so: undone before it is complete, the fill brings tokens that no preparation
+    // stands for.
+    const FutureStatus future = m_feeder->prepareToAdd(1, NONE);
+    m_feeder->unPrepareToAdd();
+    holder.destroyVoucher(held);
+    EXPECT_EQ(future.get(), RC_SUCCESS);
+    EXPECT_EQ(tokensOut(*m_locator), 2U);
+    m_feeder->unPrepareToAdd();
+    EXPECT_EQ(tokensOut(*m_locator), 2U);
+    // Counted apart, one more preparation is undone, and with it all that is there.
+    EXPECT_EQ(m_feeder->prepareToAdd(0, 0).get(), RC_SUCCESS);
+    m_feeder->unPrepareToAdd();
+    EXPECT_EQ(tokensOut(*m_locator), 0U);
+    m_feeder.reset();
+    m_locator.reset();
+}
+
 // ---- the interface's own answers ----
 
 TEST_F(BackupFeederTest, AGrainsStartIsLoggedItsEndAndTheScansAreNot)

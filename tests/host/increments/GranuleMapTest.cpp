@@ -147,7 +147,7 @@ void compareWithSet(u64 seed)
     const u32 granuleBlocks = static_cast<u32>(1 + random() % 9);
     const GranuleGeometry geometry{1 + random() % 2000000, granuleBlocks};
     // From single blocks all over to long ranges: arrays, runs and plain bits.
-    const u64 longest = u64{1} << (random() % 18);
+    const u64 longest = u64{1} << (random() % 16);
     const u64 steps = longest > 4096 ? 12 : 2000;
     GranuleMap map(geometry);
     std::set<u64> model;

@@ -240,4 +240,19 @@ TEST(IncrementCrashTest, ACancelThatFailsIsMadeGoodByTheNextCandidate)
     }
 }
 
+TEST(IncrementCrashTest, AShorterOneAfterALongerOneThatFailed)
+{
+    const LogCapture quiet;
+    CrashStorage storage;
+    const auto manager = std::move(IncrementManager::open(storage, options()).m_manager);
+    ASSERT_EQ(gather(*manager, 1), RC_SUCCESS);
+    for (u64 block = 0; block < 100000; block += 3)
+        ASSERT_EQ(manager->reportCandidateIO(block, 1), RC_SUCCESS);
+    storage.failCall(CrashStorage::Call::Sync, 1, RC_NO_SPACE);
+    EXPECT_EQ(manager->commitNextIncrementCadidate(), RC_NO_SPACE);
+    storage.noFaults();
+    EXPECT_EQ(store(*manager, 2), RC_SUCCESS);
+    EXPECT_EQ(numberIn(*storage.crash([](size_t) { return Fate{}; })), 2U);
+}
+
 } // namespace

@@ -375,6 +375,26 @@ TEST(IncrementManagerTest, AnIncrementPastTheLimitGivesNoRangesUntilTheNextCommi
     EXPECT_EQ(cbtStatus(*manager), RC_NO_MEMORY);
 }
 
+TEST(IncrementManagerTest, TheLimitIsThatOfBothTogether)
+{
+    CrashStorage storage;
+    IncrementOptions small = options();
+    small.m_maxMemoryBytes = 300;
+    const auto manager = openManager(storage, small);
+    commitOne(*manager, 0, 1, 2);
+    for (u64 block = 8; block < 8 * 90; block += 8)
+        ASSERT_EQ(manager->reportIO(block, 1), RC_SUCCESS) << block;
+    begin(*manager, 3, 4);
+    const LogCapture quiet;
+    RcStatus rc = RC_SUCCESS;
+    u64 reports = 0;
+    for (; rc == RC_SUCCESS && reports < 60; ++reports)
+        rc = manager->reportCandidateIO(8 * reports, 1);
+    EXPECT_EQ(rc, RC_NO_MEMORY);
+    EXPECT_LT(reports, 30U);
+    EXPECT_TRUE(manager->increment()->m_complete);
+}
+
 // ---- damage ----
 
 TEST(IncrementManagerTest, EveryDamagedByteAndEveryCutIsFound)
