@@ -134,6 +134,7 @@ TEST_F(BackupAbortTest, AbortedFromAnotherThreadBeforeEveryStep)
 {
     u64 steps = 0;
     for (u64 at = 1; at <= steps || steps == 0; ++at) {
+        m_feeder.reset(); // it gives its voucher back to the locator
         m_locator = std::make_unique<RegionLocator>(7, RL_MMI_View);
         m_manager = FakeManager();
         make(&m_manager);
@@ -175,6 +176,7 @@ TEST_F(BackupAbortTest, AbortedFromAnotherThreadWithinEveryCallOfTheManager)
     // Seven questions whether it is enabled, the timestamp, three reports; one more for none.
     constexpr u64 CALLS = 11;
     for (u64 at = 1; at <= CALLS + 1; ++at) {
+        m_feeder.reset(); // it gives its voucher back to the locator
         m_locator = std::make_unique<RegionLocator>(7, RL_MMI_View);
         m_manager = FakeManager();
         make(&m_manager);
@@ -211,6 +213,7 @@ TEST_F(BackupAbortTest, AbortedFromAnotherThreadAtAnyMoment)
 {
     const LogCapture quiet;
     for (int round = 0; round < 200; ++round) {
+        m_feeder.reset(); // it gives its voucher back to the locator
         m_locator = std::make_unique<RegionLocator>(7, RL_MMI_View);
         m_manager = FakeManager();
         make(&m_manager);
