@@ -5,7 +5,7 @@
 
 #include "common/Analytics/AnalyticsParcelSender.h"
 #include "host/analytics/JsonLinesSender.h"
-#include "support/ScopedManualClock.h"
+#include "tests/support/ScopedManualClock.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include "common/infra/BinaryLogger.h"
 #include "host/infra/BinaryEventFormat.h"
-#include "support/ScopedManualClock.h"
+#include "tests/support/ScopedManualClock.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "common/infra/Semaphore.h"
 #include "host/infra/SystemClock.h"
-#include "support/ScopedManualClock.h"
+#include "tests/support/ScopedManualClock.h"
 
 TEST(ManualClockTest, StandsStillUntilItIsMoved)
 {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/infra/Assert.h"
-#include "support/LogCapture.h"
+#include "tests/support/LogCapture.h"
 
 namespace {
 

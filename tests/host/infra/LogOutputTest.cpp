@@ -6,7 +6,7 @@
 #include <sstream>
 
 #include "host/infra/LogFormat.h"
-#include "support/ScopedManualClock.h"
+#include "tests/support/ScopedManualClock.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "host/infra/MemShieldControl.h"
-#include "support/LogCapture.h"
+#include "tests/support/LogCapture.h"
 
 namespace {
 

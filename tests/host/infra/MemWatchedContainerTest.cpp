@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "host/infra/MemWatchedReport.h"
-#include "support/LogCapture.h"
+#include "tests/support/LogCapture.h"
 
 TEST(MemWatchedContainerTest, ContainersAreSummedUpByNameWhileTheyLive)
 {

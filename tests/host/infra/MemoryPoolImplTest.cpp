@@ -6,7 +6,7 @@
 
 #include "host/infra/Clock.h"
 #include "host/infra/PoolGroup.h"
-#include "support/ScopedManualClock.h"
+#include "tests/support/ScopedManualClock.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 
 #include "host/infra/Clock.h"
 #include "host/infra/PoolGroup.h"
-#include "support/ScopedManualClock.h"
-#include "support/TestSubPool.h"
+#include "tests/support/ScopedManualClock.h"
+#include "tests/support/TestSubPool.h"
 
 namespace {
 

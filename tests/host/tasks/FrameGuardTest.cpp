@@ -5,7 +5,7 @@
 #include "common/headers/AsyncFrame.h"
 #include "host/tasks/BlockingTask.h"
 #include "host/tasks/SeededScheduler.h"
-#include "support/ScopedManualClock.h"
+#include "tests/support/ScopedManualClock.h"
 
 namespace {
 

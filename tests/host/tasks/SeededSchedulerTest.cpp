@@ -6,7 +6,7 @@
 
 #include "common/headers/AsyncFrame.h"
 #include "host/tasks/BlockingTask.h"
-#include "support/ScopedManualClock.h"
+#include "tests/support/ScopedManualClock.h"
 
 namespace {
 
