@@ -11,8 +11,17 @@ constexpr u32 FIRST_CHUNK_PAGES = 64; // most journals that are opened often are
 class Walk
 {
 public:
-    Walk(GrainStore& grains, const JournalOptions& options) : m_grains(grains), m_options(options)
-    {}
+    Walk(GrainStore& grains, const JournalOptions& options, const JournalBegin& begin)
+        : m_grains(grains), m_options(options)
+    {
+        m_position.m_endPage = begin.m_page;
+        m_position.m_items = begin.m_items;
+        m_position.m_dataGrain = begin.m_lastGrain;
+        m_position.m_dataBlock = begin.m_lastBlock;
+        m_position.m_storedBlocks = begin.m_deadBlocks;
+        m_position.m_lastCheckpoint = begin.m_lastCheckpoint;
+        m_position.m_lastTimestampUs = begin.m_lastTimestampUs;
+    }
 
     RecoveryResult run()
     {
@@ -238,9 +247,10 @@ private:
 
 } // namespace
 
-RecoveryResult recoverJournal(GrainStore& grains, const JournalOptions& options)
+RecoveryResult recoverJournal(GrainStore& grains, const JournalOptions& options,
+                              const JournalBegin& begin)
 {
-    return Walk(grains, options).run();
+    return Walk(grains, options, begin).run();
 }
 
 RcStatus cutJournal(GrainStore& grains, const JournalPosition& position)
@@ -264,6 +274,25 @@ RcStatus cutJournal(GrainStore& grains, const JournalPosition& position)
         if (found[i] > position.m_dataGrain)
             rc = grains.remove(GrainKind::Data, found[i]);
     return rc == RC_SUCCESS ? grains.syncRemovals() : rc;
+}
+
+RcStatus removeBeforeBegin(GrainStore& grains, const JournalBegin& begin, u64* removed)
+{
+    *removed = 0;
+    RcStatus rc = RC_SUCCESS;
+    for (const GrainKind kind : {GrainKind::Data, GrainKind::Meta}) {
+        const u64 first = kind == GrainKind::Data ? begin.m_firstGrain : pageGrain(begin.m_page);
+        std::vector<u64> found;
+        if (rc == RC_SUCCESS)
+            rc = grains.list(kind, &found);
+        for (size_t i = 0; i < found.size() && rc == RC_SUCCESS; ++i) {
+            if (found[i] >= first)
+                break;
+            rc = grains.remove(kind, found[i]);
+            ++*removed;
+        }
+    }
+    return rc == RC_SUCCESS && *removed > 0 ? grains.syncRemovals() : rc;
 }
 
 RcStatus readPages(GrainStore& grains, u64 firstPage, u32 count, JournalPage* pages, u32* done)

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "host/journal/JournalBegin.h"
 #include "host/journal/JournalStore.h"
 
 struct RecoveredCheckpoint
@@ -44,12 +45,17 @@ struct RecoveryResult
     std::vector<RecoveredCheckpoint> m_checkpoints;
 };
 
-// Walks all pages; changes nothing.
-RecoveryResult recoverJournal(GrainStore& grains, const JournalOptions& options);
+// Walks all pages from the beginning on; changes nothing.
+RecoveryResult recoverJournal(GrainStore& grains, const JournalOptions& options,
+                              const JournalBegin& begin);
 
 // Removes for good what lies behind the position: pages and grains that no item refers to. Durable
 // when it returns, for a page of the old end must not look like a part of a new group.
 RcStatus cutJournal(GrainStore& grains, const JournalPosition& position);
+
+// Removes the grains that lie before the beginning as a whole. Durable when it returns. *removed:
+// how many went.
+RcStatus removeBeforeBegin(GrainStore& grains, const JournalBegin& begin, u64* removed);
 
 // Reads pages of one grain; *done is smaller where the grain ends, and 0 where it is not there.
 RcStatus readPages(GrainStore& grains, u64 firstPage, u32 count, JournalPage* pages, u32* done);

@@ -202,11 +202,15 @@ ScanResult JournalScanner::scan(SfsMetaDataContainer& container, const ScanOptio
 {
     const u64 endPage = m_store.endPage();
     const bool fromStart = options.start.grain == SFS_DEV_ADDR_INVALID;
-    const u64 firstPage = fromStart ? 0 : pageOfJournalPtr(options.start);
+    const JournalBegin begin = m_store.begin();
+    const u64 firstPage = fromStart ? begin.m_page : pageOfJournalPtr(options.start);
     JournalScanSink sink(container, options, m_cancelled);
-    if (firstPage > endPage || (!fromStart && options.start.grain < SFS_GRAIN_BLOCKS)) {
+    if (fromStart)
+        sink.result().itemsBefore = begin.m_items; // also where nothing follows
+    if (firstPage > endPage || firstPage < begin.m_page ||
+        (!fromStart && options.start.grain < SFS_GRAIN_BLOCKS)) {
         sink.finish(RC_BAD_ARGUMENT, endPage);
-        sink.result().message = "the scan begins behind the journal's end";
+        sink.result().message = "the scan begins outside of the journal";
         return sink.result();
     }
 

@@ -1,5 +1,7 @@
 #include "host/journal/JournalStore.h"
 
+#include <algorithm>
+
 #include "common/infra/LogItem.h"
 #include "host/infra/Clock.h"
 #include "host/journal/JournalStoreImpl.h"
@@ -45,7 +47,12 @@ bool JournalStore::Impl::takeLock(Opened& opened)
 
 bool JournalStore::Impl::recover(Opened& opened)
 {
-    RecoveryResult found = recoverJournal(m_grains, m_options);
+    JournalBegin begin;
+    const RcStatus begun = loadJournalBegin(m_storage, m_options.folder, &begin);
+    if (begun != RC_SUCCESS)
+        return fail(opened, begun,
+                    std::string("cannot read where the journal begins: ") + rcStatusText(begun));
+    RecoveryResult found = recoverJournal(m_grains, m_options, begin);
     opened.m_report = found.m_report;
     if (found.m_rc != RC_SUCCESS)
         return fail(opened, found.m_rc,
@@ -71,6 +78,7 @@ bool JournalStore::Impl::recover(Opened& opened)
                         "the journal is damaged: the tag of checkpoint " +
                             std::to_string(one.m_id) + " is damaged or missing");
     }
+    m_begin = begin;
     m_placedCheckpoints = m_checkpoints.size();
     m_lastCheckpoint = found.m_position.m_lastCheckpoint;
     m_lastTimestampUs = found.m_position.m_lastTimestampUs;
@@ -81,7 +89,10 @@ bool JournalStore::Impl::recover(Opened& opened)
     m_dataGrain = found.m_position.m_dataGrain;
     m_dataBlock = m_dataGrain != 0 ? found.m_position.m_dataBlock : SFS_GRAIN_BLOCKS;
     if (m_options.mode == JournalMode::Writer) {
-        const RcStatus cut = cutJournal(m_grains, found.m_position);
+        RcStatus cut = cutJournal(m_grains, found.m_position);
+        u64 removed = 0; // what a trim that was cut off has left behind
+        if (cut == RC_SUCCESS)
+            cut = removeBeforeBegin(m_grains, begin, &removed);
         if (cut != RC_SUCCESS)
             return fail(opened, cut,
                         std::string("cannot cut the journal's incomplete end: ") +
@@ -197,6 +208,64 @@ u64 JournalStore::endPage() const
 {
     MutexGuard guard(m_impl->m_mutex);
     return m_impl->m_endPage;
+}
+
+JournalBegin JournalStore::begin() const
+{
+    MutexGuard guard(m_impl->m_mutex);
+    return m_impl->m_begin;
+}
+
+RcStatus JournalStore::setBegin(const JournalBegin& begin, u64 freedBlocks)
+{
+    return m_impl->setBegin(begin, freedBlocks);
+}
+
+RcStatus JournalStore::removeTrimmed(u64* removed)
+{
+    return removeBeforeBegin(m_impl->m_grains, begin(), removed);
+}
+
+RcStatus JournalStore::Impl::setBegin(const JournalBegin& begin, u64 freedBlocks)
+{
+    MutexGuard guard(m_mutex);
+    const RcStatus writable = checkWritableLocked();
+    if (writable != RC_SUCCESS)
+        return writable;
+    if (begin.m_page < m_begin.m_page || begin.m_page > m_endPage)
+        return RC_BAD_ARGUMENT;
+    // What begins here must be durable, or the journal could end before its beginning.
+    for (u64 page = begin.m_page; page < m_endPage;
+         page += JOURNAL_PAGES_PER_GRAIN - pageInGrain(page)) {
+        const RcStatus synced = m_grains.sync(GrainKind::Meta, pageGrain(page));
+        if (synced != RC_SUCCESS)
+            return synced;
+    }
+    const RcStatus rc = storeJournalBegin(m_storage, m_options.folder, begin);
+    if (rc != RC_SUCCESS)
+        return rc;
+    m_begin = begin;
+    m_storedBlocks -= std::min(m_storedBlocks, freedBlocks);
+    const auto gone =
+        std::find_if(m_checkpoints.begin(), m_checkpoints.end(), [&](const JournalCheckpoint& one) {
+            return one.m_id > begin.m_lastCheckpoint;
+        });
+    m_placedCheckpoints -= static_cast<size_t>(gone - m_checkpoints.begin());
+    m_checkpoints.erase(m_checkpoints.begin(), gone);
+    return RC_SUCCESS;
+}
+
+RcStatus JournalStore::syncMetadata(const JournalPtr& from)
+{
+    const u64 first = begin().m_page;
+    const u64 start =
+        from.grain == SFS_DEV_ADDR_INVALID ? first : std::max(first, pageOfJournalPtr(from));
+    const u64 end = endPage();
+    RcStatus rc = RC_SUCCESS;
+    for (u64 page = start; page < end && rc == RC_SUCCESS;
+         page += JOURNAL_PAGES_PER_GRAIN - pageInGrain(page))
+        rc = m_impl->m_grains.sync(GrainKind::Meta, pageGrain(page));
+    return rc;
 }
 
 RcStatus JournalStore::streamStatus() const

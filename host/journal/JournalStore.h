@@ -25,6 +25,7 @@
 #include "Sfs/SfsMetaDataContainer.h"
 #include "host/journal/Compression.h"
 #include "host/journal/GrainStore.h"
+#include "host/journal/JournalBegin.h"
 #include "host/journal/JournalFormat.h"
 #include "host/journal/Storage.h"
 
@@ -130,6 +131,25 @@ public:
     u64 bytesUsed() const;
     u64 limitBytes() const;
     Compression compression() const;
+
+    // Where the journal begins, after it was trimmed; page 0 of one that never was.
+    JournalBegin begin() const;
+
+    // Gives the journal a later beginning, durably; its grains go by removeTrimmed(). Readers of
+    // what lies before it are the caller's to keep away. RC_BAD_ARGUMENT: not a writer, before the
+    // present beginning or behind the end; RC_NO_SPACE, RC_IO_ERROR: the old beginning holds, or
+    // after a crash one of the two.
+    // freedBlocks: stored blocks in the data grains that go.
+    RcStatus setBegin(const JournalBegin& begin, u64 freedBlocks);
+
+    // Gives the space of all grains before the beginning back. *removed: how many went. A failure
+    // leaves some; the next writer that opens the journal tries again.
+    RcStatus removeTrimmed(u64* removed);
+
+    // Makes all metadata that is there, from an item on, durable: recovery keeps pages that a
+    // process wrote and died over before it could sync them. Who changes something outside of the
+    // journal by what it says asks for this first.
+    RcStatus syncMetadata(const JournalPtr& from);
 
     // The first metadata page that is not written yet: scanners read up to here.
     u64 endPage() const;

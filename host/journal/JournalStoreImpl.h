@@ -29,6 +29,7 @@ struct JournalStore::Impl
     RcStatus appendPieces(std::vector<JournalPiece>& pieces) RL_EXCLUDES(m_mutex);
     RcStatus appendCheckpoint(const std::string& tag, CpId_t* id) RL_EXCLUDES(m_mutex);
     RcStatus flush() RL_EXCLUDES(m_mutex);
+    RcStatus setBegin(const JournalBegin& begin, u64 freedBlocks) RL_EXCLUDES(m_mutex);
     RcStatus close() RL_EXCLUDES(m_mutex);
 
     RcStatus checkWritableLocked() const RL_REQUIRES(m_mutex);
@@ -52,6 +53,7 @@ struct JournalStore::Impl
     FileGrainStore m_grains;
     std::unique_ptr<StorageFile> m_lockFile;
     JournalReport m_report;
+    JournalBegin m_begin RL_GUARDED_BY(m_mutex);
 
     Mutex m_checkpointMutex;
     JournalTags m_tags RL_GUARDED_BY(m_checkpointMutex);

@@ -132,7 +132,7 @@ VerifyResult verifyJournal(JournalStore& store, const VerifyOptions& options)
     result.rc = scan.rc;
     result.message = scan.message;
     result.items = scan.itemsBefore;
-    result.bytes += store.endPage() * BLOCK_BYTES;
+    result.bytes += (store.endPage() - store.begin().m_page) * BLOCK_BYTES;
     if (scan.rc == RC_DAMAGED) {
         VerifyDamage damage;
         damage.m_where = "metadata";

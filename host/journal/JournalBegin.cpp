@@ -1,0 +1,29 @@
+#include "host/journal/JournalBegin.h"
+
+#include <cstring>
+
+#include "host/journal/CheckedFile.h"
+
+namespace {
+
+constexpr const char* FILE_NAME = "begin";
+
+} // namespace
+
+RcStatus loadJournalBegin(Storage& storage, const std::string& folder, JournalBegin* begin)
+{
+    *begin = JournalBegin();
+    std::vector<u8> content;
+    const RcStatus rc = loadCheckedFile(storage, folder, FILE_NAME, &content);
+    if (rc != RC_SUCCESS)
+        return rc == RC_NOT_FOUND ? RC_SUCCESS : rc;
+    if (content.size() != sizeof *begin)
+        return RC_DAMAGED;
+    std::memcpy(begin, content.data(), sizeof *begin);
+    return begin->m_magic == JournalBegin::MAGIC ? RC_SUCCESS : RC_DAMAGED;
+}
+
+RcStatus storeJournalBegin(Storage& storage, const std::string& folder, const JournalBegin& begin)
+{
+    return storeCheckedFile(storage, folder, FILE_NAME, &begin, sizeof begin);
+}
