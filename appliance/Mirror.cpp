@@ -87,6 +87,12 @@ JournalOptions journalOptions(const MirrorSettings& settings, MirrorAccess acces
     return options;
 }
 
+// On a file system that nobody can write to; other refusals are told when they come.
+bool isReadOnly(const std::string& folder)
+{
+    return access(folder.c_str(), W_OK) != 0 && errno == EROFS;
+}
+
 Result syncFolder(const fs::path& folder)
 {
     const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -156,13 +162,29 @@ Result Mirror::open(const std::string& folder, MirrorAccess access, JournalRecov
     std::error_code error;
     if (!fs::is_directory(folder, error))
         return Result(ResultCode::NotFound, "no mirror at " + folder);
-    std::unique_ptr<Mirror> opened(new Mirror(folder, std::make_unique<FileStorage>(folder)));
+    return openIn(std::make_unique<FileStorage>(folder), folder, access, recovery, mirror);
+}
+
+Result Mirror::openIn(std::unique_ptr<Storage> storage, const std::string& folder,
+                      MirrorAccess access, JournalRecovery recovery,
+                      std::unique_ptr<Mirror>* mirror)
+{
+    std::unique_ptr<Mirror> opened(new Mirror(folder, std::move(storage)));
     if (Result result = loadSettings(*opened->m_storage, folder, &opened->m_settings); !result.ok())
         return result;
     if (Result result = opened->openJournal(access, recovery); !result.ok())
         return result;
-    if (Result result = opened->openTarget(); !result.ok())
+    // After the journal: what it says may have moved on meanwhile, and usePoint() notices.
+    ApplyState state;
+    if (Result result = loadApplyState(*opened->m_storage, &state); !result.ok())
+        return Result(result.code(), folder + ": " + result.message());
+    {
+        MutexGuard guard(opened->m_applyMutex);
+        opened->m_applyState = state;
+    }
+    if (Result result = opened->openTargetAs(true, &opened->m_target); !result.ok())
         return result;
+    opened->m_driver.add(opened->m_settings.m_id, opened->m_target);
     *mirror = std::move(opened);
     return Result();
 }
@@ -184,25 +206,151 @@ Result Mirror::openJournal(MirrorAccess access, JournalRecovery recovery)
     return Result();
 }
 
-Result Mirror::openTarget()
+Result Mirror::openTargetAs(bool readOnly, std::shared_ptr<TargetVolume>* target)
 {
-    const std::string path = m_settings.m_target.empty()
-                                 ? (fs::path(m_folder) / TARGET_FILE).string()
-                                 : m_settings.m_target;
-    const RcStatus rc = TargetVolume::open(path, m_settings.sizeBlocks(), true, &m_target);
+    const std::string& named = m_settings.m_target;
+    if (!named.empty())
+        return Result::fromStatus(
+            TargetVolume::open(named, m_settings.sizeBlocks(), readOnly, target),
+            "target volume " + named);
+    std::unique_ptr<StorageFile> file;
+    const RcStatus rc = m_storage->open(
+        TARGET_FILE, readOnly ? StorageAccess::ReadOnly : StorageAccess::ReadWrite, &file);
     if (rc != RC_SUCCESS)
-        return Result::fromStatus(rc, "target volume " + path);
-    m_driver.add(m_settings.m_id, m_target);
+        return Result::fromStatus(rc, "target volume of " + m_folder);
+    *target = std::make_shared<TargetVolume>(std::move(file), m_settings.sizeBlocks());
     return Result();
+}
+
+Result Mirror::openTargetForWriting(std::shared_ptr<TargetVolume>* target)
+{
+    return openTargetAs(false, target);
 }
 
 RecoverableWindow Mirror::window() const
 {
+    RecoverableWindow window = journalWindow();
+    window.m_firstItems = applyState().firstItems();
+    std::erase_if(window.m_checkpoints, [&](const CheckpointInfo& checkpoint) {
+        return checkpoint.m_items < window.m_firstItems;
+    });
+    return window;
+}
+
+RecoverableWindow Mirror::journalWindow() const
+{
     RecoverableWindow window;
+    window.m_firstItems = m_journal->begin().m_items;
     window.m_items = m_journal->itemCount();
     for (const JournalCheckpoint& cp : m_journal->checkpoints())
         window.m_checkpoints.push_back({cp.m_id, cp.m_timestampUs, cp.m_tag, cp.m_itemsBefore});
     return window;
+}
+
+ApplyState Mirror::applyState() const
+{
+    MutexGuard guard(m_applyMutex);
+    return m_applyState;
+}
+
+Result Mirror::setApplyState(const ApplyState& state)
+{
+    // A program that knows nothing of targets that were written to would read wrong points.
+    if (m_settings.m_formatVersion < MirrorSettings::FORMAT_VERSION) {
+        m_settings.m_formatVersion = MirrorSettings::FORMAT_VERSION;
+        if (Result result = storeSettings(*m_storage, m_settings); !result.ok())
+            return result;
+    }
+    if (Result result = storeApplyState(*m_storage, state); !result.ok())
+        return result;
+    MutexGuard guard(m_applyMutex);
+    m_applyState = state;
+    return Result();
+}
+
+// Whether the point can still be had, now that nothing moves.
+Result Mirror::checkPointLatched(u64 items)
+{
+    ApplyState state;
+    if (Result result = loadApplyState(*m_storage, &state); !result.ok())
+        return Result(result.code(), m_folder + ": " + result.message());
+    {
+        MutexGuard guard(m_applyMutex);
+        m_applyState = state;
+    }
+    if (items < state.firstItems())
+        return Result(ResultCode::NotFound,
+                      "no point item:" + std::to_string(items) + "; " + describeWindow(window()));
+    return Result();
+}
+
+Result Mirror::hold(Hold* hold, std::string (*freeName)(const std::vector<Hold>&))
+{
+    PinLatch latch;
+    if (Result result = latch.take(*m_storage); !result.ok())
+        return result;
+    if (Result result = checkPointLatched(hold->m_items); !result.ok())
+        return result;
+    if (hold->m_name.empty()) {
+        std::vector<Hold> holds;
+        if (Result result = listHolds(*m_storage, &holds); !result.ok())
+            return result;
+        hold->m_name = freeName(holds);
+    }
+    return addHold(*m_storage, *hold);
+}
+
+Result Mirror::release(const std::string& name)
+{
+    PinLatch latch;
+    if (Result result = latch.take(*m_storage); !result.ok())
+        return result;
+    return removeHold(*m_storage, name);
+}
+
+Result Mirror::pins(std::vector<Hold>* holds, std::vector<UseInfo>* uses)
+{
+    holds->clear();
+    uses->clear();
+    if (isReadOnly(m_folder))
+        return listHolds(*m_storage, holds);
+    PinLatch latch;
+    if (Result result = latch.take(*m_storage); !result.ok())
+        return result;
+    if (Result result = listHolds(*m_storage, holds); !result.ok())
+        return result;
+    return listUses(*m_storage, {}, uses);
+}
+
+Result Mirror::usePoint(u64 items, const std::string& what, std::unique_ptr<PointUse>* use)
+{
+    if (isReadOnly(m_folder))
+        return Result();
+    PinLatch latch;
+    if (Result result = latch.take(*m_storage); !result.ok())
+        return result;
+    if (Result result = checkPointLatched(items); !result.ok())
+        return result;
+    JournalBegin begin;
+    const RcStatus rc = loadJournalBegin(*m_storage, "journal", &begin);
+    if (rc != RC_SUCCESS)
+        return Result::fromStatus(rc, "cannot read where the journal begins");
+    if (begin.m_page != m_journal->begin().m_page)
+        return Result(ResultCode::InUse,
+                      m_folder + " was trimmed by another process meanwhile; try again");
+    return PointUse::add(*m_storage, {items, begin.m_page, 0, what}, use);
+}
+
+void Mirror::addView(View* view)
+{
+    MutexGuard guard(m_viewsMutex);
+    m_views.push_back(view);
+}
+
+void Mirror::removeView(View* view)
+{
+    MutexGuard guard(m_viewsMutex);
+    std::erase(m_views, view);
 }
 
 Result Mirror::journaled(RcStatus rc, const std::string& what) const

@@ -1,20 +1,27 @@
 // A mirror: one protected volume, kept as a journal of its writes and a target volume below it.
 //
 // A mirror is a folder: mirror.json (what it is), journal/ (grains), target (a raw file, unless
-// mirror.json names another volume), increments/. Every point between the first and the last
-// journaled item can be read (View.h).
+// mirror.json names another volume), increments/, applied (how far the target was brought), holds/
+// and uses/ (what must not be passed). Every point from the one that the target was brought to, to
+// the last journaled item, can be read (View.h).
 //
-// Thread safety: write(), writeZeroes(), checkpoint() and flush() from any thread, in the order in
-// which they take the journal's lock; the rest from the thread that opened it.
+// Thread safety: write(), writeZeroes(), checkpoint(), flush(), window() and what concerns uses and
+// views from any thread, writes in the order in which they take the journal's lock; the rest from
+// the thread that opened it.
 // Invariants: 1. a folder has one writer at a time; readers need no lock and see the journal as it
 //                was when they opened it;
-//             2. what a flush or a checkpoint acknowledged stays, whatever happens after.
+//             2. what a flush or a checkpoint acknowledged stays, whatever happens after, until it
+//                is applied to the target and trimmed;
+//             3. a point that is used or held stays readable until it is let go.
 #pragma once
 
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "appliance/ApplyState.h"
 #include "appliance/MirrorSettings.h"
+#include "appliance/Pins.h"
 #include "appliance/PointInTime.h"
 #include "host/journal/JournalStore.h"
 #include "host/volume/TargetVolume.h"
@@ -25,6 +32,8 @@ enum class MirrorAccess
     Reader,
     Writer,
 };
+
+class View;
 
 class Mirror
 {
@@ -43,14 +52,52 @@ public:
     static Result open(const std::string& folder, MirrorAccess access, JournalRecovery recovery,
                        std::unique_ptr<Mirror>* mirror);
 
+    // The same over any storage that holds a mirror. folder: for messages.
+    static Result openIn(std::unique_ptr<Storage> storage, const std::string& folder,
+                         MirrorAccess access, JournalRecovery recovery,
+                         std::unique_ptr<Mirror>* mirror);
+
     const std::string& folder() const { return m_folder; }
     const MirrorSettings& settings() const { return m_settings; }
 
     // What opening the journal found; its text is empty when all was whole.
     const JournalReport& report() const { return m_journal->report(); }
 
-    // What can be served.
+    // What can be served, as far as this process knows: another one may have applied more since.
     RecoverableWindow window() const;
+
+    // All that lies in the journal, also points that cannot be served any more: for trim.
+    RecoverableWindow journalWindow() const;
+
+    // How far the target was brought, as far as this process knows.
+    ApplyState applyState() const;
+    // Remembers it durably. Writers only.
+    Result setApplyState(const ApplyState& state);
+
+    // Registers that a point is read, so that apply and trim leave it alone until the use is
+    // destroyed; the mirror outlives it. NotFound: the point has been passed meanwhile; InUse: the
+    // journal was trimmed since this mirror was opened, so it has to be opened anew. items:
+    // NO_ITEMS for who reads the journal alone. A mirror on a file system that nobody can write to
+    // needs no registration: *use stays null.
+    Result usePoint(u64 items, const std::string& what, std::unique_ptr<PointUse>* use);
+
+    // Holds a point until it is released. name: a free one is chosen where it is empty. NotFound:
+    // the point has been passed meanwhile; else as addHold().
+    Result hold(Hold* hold, std::string (*freeName)(const std::vector<Hold>&));
+    Result release(const std::string& name);
+
+    // What is held, and what is read, now. Uses: of all processes.
+    Result pins(std::vector<Hold>* holds, std::vector<UseInfo>* uses);
+
+    // The views of this mirror that this process has built. A view adds itself when it is built and
+    // removes itself before it goes; withViews() keeps it from that while it runs.
+    void addView(View* view);
+    void removeView(View* view);
+    template <class Function> void withViews(Function function)
+    {
+        MutexGuard guard(m_viewsMutex);
+        function(m_views);
+    }
 
     // Journal one request; it is one item, however the journal splits it.
     Result write(u64 offsetBlocks, const u8* data, u32 lengthBlocks);
@@ -65,6 +112,9 @@ public:
 
     JournalStore& journal() { return *m_journal; }
     TargetVolume& target() { return *m_target; }
+    // The target, to be written to: apply's alone.
+    Result openTargetForWriting(std::shared_ptr<TargetVolume>* target);
+
     // Knows the target by the mirror's id.
     VolumeDriver& driver() { return m_driver; }
     Storage& storage() { return *m_storage; }
@@ -73,7 +123,8 @@ private:
     Mirror(std::string folder, std::unique_ptr<Storage> storage);
 
     Result openJournal(MirrorAccess access, JournalRecovery recovery);
-    Result openTarget();
+    Result checkPointLatched(u64 items);
+    Result openTargetAs(bool readOnly, std::shared_ptr<TargetVolume>* target);
     Result journaled(RcStatus rc, const std::string& what) const;
 
     std::string m_folder;
@@ -82,4 +133,8 @@ private:
     std::unique_ptr<JournalStore> m_journal;
     std::shared_ptr<TargetVolume> m_target;
     VolumeDriver m_driver;
+    mutable Mutex m_applyMutex;
+    ApplyState m_applyState RL_GUARDED_BY(m_applyMutex);
+    Mutex m_viewsMutex;
+    std::vector<View*> m_views RL_GUARDED_BY(m_viewsMutex);
 };

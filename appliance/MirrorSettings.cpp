@@ -10,7 +10,7 @@ constexpr u64 MAX_FILE_BYTES = 1 << 20;
 
 std::string settingsText(const MirrorSettings& settings)
 {
-    Json json = {{"format_version", MirrorSettings::FORMAT_VERSION},
+    Json json = {{"format_version", settings.m_formatVersion},
                  {"id", settings.m_id},
                  {"size_bytes", settings.m_sizeBytes},
                  {"target", settings.m_target},
@@ -42,9 +42,10 @@ std::string parseSettings(const std::string& text, MirrorSettings* settings)
     u64 version = 0;
     if (!number("format_version", &version))
         return "it names no format version";
-    if (version != MirrorSettings::FORMAT_VERSION)
-        return "its format version is " + std::to_string(version) + ", this program knows " +
+    if (version == 0 || version > MirrorSettings::FORMAT_VERSION)
+        return "its format version is " + std::to_string(version) + ", this program knows 1 to " +
                std::to_string(MirrorSettings::FORMAT_VERSION);
+    settings->m_formatVersion = static_cast<u32>(version);
     std::string compression;
     if (!number("id", &settings->m_id) || !number("size_bytes", &settings->m_sizeBytes) ||
         !word("target", &settings->m_target) || !word("compression", &compression) ||

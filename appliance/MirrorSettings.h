@@ -11,10 +11,12 @@
 
 struct MirrorSettings
 {
-    static constexpr u32 FORMAT_VERSION = 1;
+    // 1: the target was never written to, the journal never trimmed. 2: they may have been.
+    static constexpr u32 FORMAT_VERSION = 2;
     static constexpr const char* FILE_NAME = "mirror.json";
 
-    u64 m_id = 0; // names the mirror in logs and to the driver; random
+    u32 m_formatVersion = FORMAT_VERSION; // of the folder
+    u64 m_id = 0;                         // names the mirror in logs and to the driver; random
     u64 m_sizeBytes = 0;
     std::string m_target; // path of the target volume; empty for the file "target" in the folder
     Compression m_compression = Compression::None;

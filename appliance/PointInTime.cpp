@@ -109,7 +109,7 @@ Result choosePoint(const PointName& name, const RecoverableWindow& window, Chose
     ChosenPoint chosen;
     if (name.m_kind == PointName::Kind::Latest || name.m_kind == PointName::Kind::Item) {
         const u64 items = name.m_kind == PointName::Kind::Latest ? window.m_items : name.m_number;
-        if (items <= window.m_items) {
+        if (items >= window.m_firstItems && items <= window.m_items) {
             chosen.m_items = items;
             *point = chosen;
             return Result();
@@ -132,7 +132,8 @@ Result choosePoint(const PointName& name, const RecoverableWindow& window, Chose
 
 std::string describeWindow(const RecoverableWindow& window)
 {
-    std::string text = "the mirror can serve item:0 to item:" + std::to_string(window.m_items);
+    std::string text = "the mirror can serve item:" + std::to_string(window.m_firstItems) +
+                       " to item:" + std::to_string(window.m_items);
     if (window.m_checkpoints.empty())
         return text + " and has no checkpoints";
     const CheckpointInfo& first = window.m_checkpoints.front();

@@ -41,6 +41,7 @@ struct CheckpointInfo
 // What a mirror can serve.
 struct RecoverableWindow
 {
+    u64 m_firstItems = 0;                      // what the target holds for good
     u64 m_items = 0;                           // all that is journaled
     std::vector<CheckpointInfo> m_checkpoints; // ascending by id
 };
@@ -62,8 +63,9 @@ struct ChosenPoint
 Result parsePoint(const std::string& text, PointName* point);
 Result parseSpan(const std::string& text, std::pair<PointName, PointName>* span);
 
-// The point that a name chooses; the newest checkpoint where several fit a tag or a time. NotFound
-// when nothing fits: the message then states the recoverable window.
+// The point that a name chooses, from the first one that the target allows on; the newest
+// checkpoint where several fit a tag or a time. NotFound when nothing fits: the message then states
+// the recoverable window.
 Result choosePoint(const PointName& name, const RecoverableWindow& window, ChosenPoint* point);
 
 // The window in words.

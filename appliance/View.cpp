@@ -17,12 +17,21 @@ View::View(Mirror& mirror, const ChosenPoint& point)
     : m_mirror(mirror), m_point(point), m_locator(mirror.settings().m_id, RL_MMI_View)
 {}
 
+View::~View()
+{
+    m_mirror.removeView(this);
+}
+
 Result View::build(Mirror& mirror, const ChosenPoint& point, FlowControl& control,
                    std::unique_ptr<View>* view)
 {
     std::unique_ptr<View> built(new View(mirror, point));
+    if (Result result = mirror.usePoint(point.m_items, "a view of " + point.name(), &built->m_use);
+        !result.ok())
+        return result;
     if (Result result = built->scan(control); !result.ok())
         return result;
+    mirror.addView(built.get());
     *view = std::move(built);
     return Result();
 }

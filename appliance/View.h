@@ -2,7 +2,9 @@
 //
 //   journal -> scanner -> the locator's insert feeder -> RegionLocator
 //
-// What the index covers lies in the journal; all other blocks are the target volume's.
+// What the index covers lies in the journal; all other blocks are the target volume's. Neither
+// apply nor trim of any process changes what an open view reads: the one does not pass its point,
+// the other removes from its index what it takes away, or waits until it is closed.
 //
 // Thread safety: any thread, once built; reads through it take locks of the locator (ViewReader.h).
 // Invariants: the content of an open view never changes; only which pieces are locked does, and
@@ -38,6 +40,7 @@ public:
     static Result build(Mirror& mirror, const ChosenPoint& point, FlowControl& control,
                         std::unique_ptr<View>* view);
 
+    ~View();
     View(const View&) = delete;
     View& operator=(const View&) = delete;
 
@@ -51,6 +54,9 @@ public:
     // Of the index as it was built.
     const ViewStatistics& statistics() const { return m_statistics; }
 
+    // Null on a file system that nobody can write to.
+    const PointUse* use() const { return m_use.get(); }
+
     // The pieces of a range, ascending, clipped to it; gaps have no entry. Locks nothing.
     std::vector<SubRegionDescriptor> pieces(u64 offsetBlocks, u32 lengthBlocks);
 
@@ -62,6 +68,7 @@ private:
 
     Mirror& m_mirror;
     ChosenPoint m_point;
+    std::unique_ptr<PointUse> m_use; // before the journal is read, until nothing reads any more
     RegionLocator m_locator;
     LocatorGate m_gate;
     ViewStatistics m_statistics;

@@ -1,0 +1,248 @@
+#include "appliance/Apply.h"
+
+#include <algorithm>
+
+#include "RegionLocator/RegionLocatorMetaDataContainer.h"
+#include "appliance/Drain.h"
+#include "host/infra/Clock.h"
+#include "host/journal/JournalScanner.h"
+
+namespace {
+
+constexpr u64 MEMORY_TIMEOUT_MS = 5000;
+constexpr CpId_t NO_CHECKPOINT = ~CpId_t{0};
+
+class Applier
+{
+public:
+    Applier(Mirror& mirror, TaskEngine& engine, const ChosenPoint& to, const ApplyOptions& options,
+            FlowControl& control, ApplyStatistics* statistics)
+        : m_mirror(mirror), m_engine(engine), m_to(to), m_options(options), m_control(control),
+          m_statistics(*statistics), m_state(mirror.applyState()),
+          m_locator(mirror.settings().m_id, RL_MMI_Apply)
+    {}
+
+    Result run();
+
+private:
+    Result buildIndex();
+    Result dropDone();
+    void measure();
+    Result begin();
+    Result drain();
+    Result note(Drain& drain);
+    Result finish();
+
+    Mirror& m_mirror;
+    TaskEngine& m_engine;
+    const ChosenPoint& m_to;
+    const ApplyOptions& m_options;
+    FlowControl& m_control;
+    ApplyStatistics& m_statistics;
+    ApplyState m_state;
+    JournalPtr m_next = JournalPtr::invalid; // of the first item behind the point
+    RegionLocator m_locator;
+    std::shared_ptr<TargetVolume> m_target;
+    u64 m_notedBlocks = 0; // written when how far it came was noted last
+    u64 m_notedMs = 0;
+};
+
+Result Applier::run()
+{
+    m_statistics.m_fromItems = m_state.m_items;
+    m_statistics.m_toItems = m_to.m_items;
+    if (m_to.m_items < m_state.firstItems())
+        return Result(ResultCode::NotFound,
+                      "no point " + m_to.name() + "; " + describeWindow(m_mirror.window()));
+    m_statistics.m_items = m_to.m_items - m_state.m_items;
+    m_statistics.m_resumed = m_state.underWay() && m_state.m_towardItems == m_to.m_items;
+    if (m_to.m_items == m_state.m_items)
+        return Result();
+    if (m_mirror.report().m_skippedPages > 0)
+        return Result(ResultCode::Damaged, "what is damaged cannot be applied");
+    // What the target is to hold must not be lost from the journal by a crash.
+    if (Result result = m_mirror.flush(); !result.ok())
+        return result;
+    if (const RcStatus rc = m_mirror.journal().syncMetadata(m_state.m_next); rc != RC_SUCCESS)
+        return Result::fromStatus(rc, "cannot make the journal durable");
+    if (Result result = buildIndex(); !result.ok())
+        return result;
+    if (m_statistics.m_resumed) {
+        if (Result result = dropDone(); !result.ok())
+            return result;
+    }
+    if (m_options.m_dryRun) {
+        measure();
+        PinLatch latch;
+        if (Result result = latch.take(m_mirror.storage()); !result.ok())
+            return result;
+        return checkPins(m_mirror.storage(), m_to.m_items);
+    }
+    if (Result result = m_mirror.openTargetForWriting(&m_target); !result.ok())
+        return result;
+    if (Result result = begin(); !result.ok())
+        return result;
+    if (Result result = drain(); !result.ok())
+        return result;
+    return finish();
+}
+
+Result Applier::buildIndex()
+{
+    JournalScanner scanner(m_mirror.journal());
+    ScanOptions options;
+    options.prepareTimeoutMs = MEMORY_TIMEOUT_MS;
+    options.limitItems = m_to.m_items;
+    // A trim may have gone on beyond, where no items were between.
+    if (m_state.m_next.grain != SFS_DEV_ADDR_INVALID &&
+        pageOfJournalPtr(m_state.m_next) >= m_mirror.journal().begin().m_page)
+        options.start = m_state.m_next;
+    options.progress = [&](u64, u64) {
+        if (m_control.stopRequested())
+            scanner.cancel();
+    };
+    RegionLocatorMetaDataContainer_Insert* container = m_locator.getInsertContainer();
+    container->init(NO_CHECKPOINT);
+    const ScanResult scanned = scanner.scan(*container, options);
+    m_next = scanned.next;
+    if (scanned.rc == RC_ABORTED)
+        return Result(ResultCode::Interrupted, "interrupted before anything was applied");
+    if (scanned.rc == RC_TIMED_OUT || scanned.rc == RC_NO_MEMORY)
+        return Result::failed("the memory limit is too small for the index of " +
+                              std::to_string(m_statistics.m_items) +
+                              " items; apply to an earlier point first");
+    if (scanned.rc != RC_SUCCESS)
+        return Result(Result::fromStatus(scanned.rc, "").code(),
+                      "cannot build the index of what is to be applied: " +
+                          (scanned.message.empty() ? rcStatusText(scanned.rc) : scanned.message));
+    if (scanned.itemsBefore != m_to.m_items)
+        return Result(ResultCode::Damaged, "the journal ends before " + m_to.name());
+    return Result();
+}
+
+// What an apply to the same point that was cut off has written, and made durable.
+Result Applier::dropDone()
+{
+    RegionLocatorMemPool* pool = m_locator.getMemPool();
+    RegionLocatorVoucher* voucher = pool->createVoucher();
+    RcStatus rc = RC_SUCCESS;
+    constexpr u64 STEP_BLOCKS = u64{1} << 31;
+    while (rc == RC_SUCCESS && m_locator.getFirstOffest() < m_state.m_doneBlocks) {
+        const u64 offset = m_locator.getFirstOffest();
+        const u64 length = std::min(m_state.m_doneBlocks - offset, STEP_BLOCKS);
+        rc = pool->fillVoucher(
+                     voucher,
+                     RegionLocatorMemPool::getVoucherRequirement(RegionLocatorMemPool::REMOVE, 1),
+                     Clock::instance()->nowMs() + MEMORY_TIMEOUT_MS, this)
+                 .get();
+        if (rc == RC_SUCCESS)
+            m_locator.remove(offset, static_cast<u32>(length), voucher);
+        pool->clearVoucher(voucher);
+    }
+    pool->destroyVoucher(voucher);
+    return Result::fromStatus(rc, "no memory to go on with what was applied before");
+}
+
+// For a dry run, of a locator that is of no other use any more.
+void Applier::measure()
+{
+    const RegionMap::const_iterator end = m_locator.getConstEndIterator();
+    for (auto at = m_locator.getConstBeginIterator(); at != end; ++at)
+        (at->isAllZeroes() ? m_statistics.m_zeroBytes : m_statistics.m_dataBytes) +=
+            u64{at->m_lengthBlocks} * BLOCK_BYTES;
+}
+
+Result Applier::begin()
+{
+    PinLatch latch;
+    if (Result result = latch.take(m_mirror.storage()); !result.ok())
+        return result;
+    if (Result result = checkPins(m_mirror.storage(), m_to.m_items); !result.ok())
+        return result;
+    if (m_statistics.m_resumed)
+        return Result();
+    m_state.m_towardItems = m_to.m_items;
+    m_state.m_doneBlocks = 0;
+    return m_mirror.setApplyState(m_state);
+}
+
+Result Applier::note(Drain& drain)
+{
+    if (Result result = drain.finishWrites(); !result.ok())
+        return result;
+    if (const RcStatus rc = m_target->sync(); rc != RC_SUCCESS)
+        return Result::fromStatus(rc, "cannot make the target volume durable");
+    m_state.m_doneBlocks = std::min(drain.doneBelow(), m_mirror.settings().sizeBlocks());
+    m_notedBlocks = drain.dataBlocks() + drain.zeroBlocks();
+    m_notedMs = Clock::instance()->nowMs();
+    return m_mirror.setApplyState(m_state);
+}
+
+Result Applier::drain()
+{
+    Drain drain(m_mirror, m_engine, m_locator, *m_target, m_options.m_stepBlocks);
+    const u64 allBlocks = m_locator.getTotalRegionBlocks();
+    m_notedMs = Clock::instance()->nowMs();
+    for (bool more = true; more;) {
+        if (Result result = drain.step(&more); !result.ok())
+            return result;
+        const u64 done = drain.dataBlocks() + drain.zeroBlocks();
+        m_statistics.m_dataBytes = drain.dataBlocks() * BLOCK_BYTES;
+        m_statistics.m_zeroBytes = drain.zeroBlocks() * BLOCK_BYTES;
+        m_control.progress(done, std::max<u64>(allBlocks, 1));
+        if (!more)
+            break;
+        const bool stop = m_control.stopRequested();
+        const double seconds = static_cast<double>(Clock::instance()->nowMs() - m_notedMs) / 1e3;
+        if (stop || done - m_notedBlocks >= m_options.m_noteEveryBlocks ||
+            seconds >= m_options.m_noteEverySeconds) {
+            if (Result result = note(drain); !result.ok())
+                return result;
+        }
+        if (stop)
+            return Result(ResultCode::Interrupted, "interrupted; run it again and it goes on");
+    }
+    return Result();
+}
+
+Result Applier::finish()
+{
+    if (const RcStatus rc = m_target->sync(); rc != RC_SUCCESS)
+        return Result::fromStatus(rc, "cannot make the target volume durable");
+    m_state = {m_to.m_items, m_to.m_items, 0, m_next};
+    return m_mirror.setApplyState(m_state);
+}
+
+} // namespace
+
+Result checkPins(Storage& storage, u64 items)
+{
+    std::vector<Hold> holds;
+    if (Result result = listHolds(storage, &holds); !result.ok())
+        return result;
+    for (const Hold& hold : holds) {
+        if (hold.m_items < items)
+            return Result(ResultCode::InUse,
+                          "the hold '" + hold.m_name + "' keeps " + hold.m_point +
+                              ", which lies before item:" + std::to_string(items));
+    }
+    std::vector<UseInfo> uses;
+    if (Result result = listUses(storage, {}, &uses); !result.ok())
+        return result;
+    for (const UseInfo& use : uses) {
+        if (use.m_items < items)
+            return Result(ResultCode::InUse,
+                          use.description() +
+                              " is in use and lies before item:" + std::to_string(items));
+    }
+    return Result();
+}
+
+Result applyMirror(Mirror& mirror, TaskEngine& engine, const ChosenPoint& to,
+                   const ApplyOptions& options, FlowControl& control, ApplyStatistics* statistics)
+{
+    const u64 startedUs = Clock::instance()->nowUs();
+    Result result = Applier(mirror, engine, to, options, control, statistics).run();
+    statistics->m_seconds = static_cast<double>(Clock::instance()->nowUs() - startedUs) / 1e6;
+    return result;
+}

@@ -1,0 +1,174 @@
+#include "appliance/Drain.h"
+
+#include <algorithm>
+
+#include "common/infra/MemoryPoolImpl.h"
+#include "host/infra/Clock.h"
+#include "host/tasks/BlockingTask.h"
+
+namespace {
+
+// Longer runs are written in pieces of this, in flight together.
+constexpr u32 WRITE_BLOCKS = 1024;
+constexpr u64 PATIENCE_MS = 30000;
+
+} // namespace
+
+Drain::Drain(Mirror& mirror, TaskEngine& engine, RegionLocator& locator, TargetVolume& target,
+             u32 stepBlocks)
+    : m_mirror(mirror), m_engine(engine), m_locator(locator), m_target(target),
+      m_stepBlocks(stepBlocks),
+      m_reader(&mirror.journal(), &mirror.driver(), "apply", mirror.settings().m_id),
+      m_memory(Singleton<MemoryPoolImpl, MemoryPoolImpl>::instance()->getMmi("Apply_reads")),
+      m_voucher(locator.getMemPool()->createVoucher())
+{}
+
+Drain::~Drain()
+{
+    if (m_inFlight)
+        m_batches[1 - m_current].m_written.get();
+    m_locator.getMemPool()->destroyVoucher(m_voucher);
+}
+
+Result Drain::reserve(u64 regions)
+{
+    RegionLocatorMemPool* pool = m_locator.getMemPool();
+    pool->clearVoucher(m_voucher);
+    const RcStatus rc =
+        pool->fillVoucher(m_voucher,
+                          RegionLocatorMemPool::getVoucherRequirement(
+                              RegionLocatorMemPool::LOOKUP_LOCKED, static_cast<int>(regions)),
+                          Clock::instance()->nowMs() + PATIENCE_MS, this)
+            .get();
+    return Result::fromStatus(rc, "no memory to apply the journal's pieces");
+}
+
+Result Drain::lockNext(Batch& batch)
+{
+    batch.m_regions.clear();
+    const u64 locked = m_inFlight ? m_batches[1 - m_current].m_regions.size() : 0;
+    const u64 left = m_locator.getItemCount() - locked;
+    if (left == 0)
+        return Result();
+    if (Result result = reserve(std::min<u64>(left, m_stepBlocks)); !result.ok())
+        return result;
+    const RcStatus rc = runAndWait(m_engine, [&](AsyncTask* task) {
+        return m_locator.getFirstBlocksAndLock(task, m_stepBlocks, &batch.m_regions, m_voucher);
+    });
+    return Result::fromStatus(rc, "cannot take the next pieces to apply");
+}
+
+Result Drain::readBatch(Batch& batch)
+{
+    u64 blocks = 0;
+    for (const SubRegionDescriptor& region : batch.m_regions)
+        blocks += region.isAllZeroes() ? 0 : region.m_lengthBlocks;
+    if (blocks == 0)
+        return Result();
+    if (batch.m_bufferBlocks < blocks) {
+        batch.m_buffer.reset(new u8[blocks * BLOCK_BYTES]);
+        batch.m_bufferBlocks = blocks;
+    }
+    std::vector<ScatteredBuf> buffers;
+    buffers.reserve(batch.m_regions.size()); // referred to: they stay where they are
+    std::vector<ActiveApplyIO> pieces;
+    u8* next = batch.m_buffer.get();
+    for (const SubRegionDescriptor& region : batch.m_regions) {
+        if (region.isAllZeroes())
+            continue;
+        const u32 bytes = u32{region.m_lengthBlocks} * BLOCK_BYTES;
+        buffers.emplace_back(next, bytes);
+        pieces.emplace_back(region, &buffers.back());
+        next += bytes;
+    }
+    const RcStatus rc = runAndWait(m_engine, [&](AsyncTask* task) {
+        std::vector<IODescriptorEx> uncompressed;
+        std::vector<IODescriptorExCompressed> compressed;
+        m_reader.fillIoDescriptorVectors(pieces, &uncompressed, &compressed);
+        return m_reader.performReadFromJournalIoDescriptors(
+            task, uncompressed, compressed, AioPriority::Low, m_memory,
+            Clock::instance()->nowMs() + PATIENCE_MS, nullptr, nullptr, nullptr);
+    });
+    const SubRegionDescriptor& first = batch.m_regions.front();
+    const SubRegionDescriptor& last = batch.m_regions.back();
+    return Result::fromStatus(
+        rc, "cannot read the journal's data of blocks " + std::to_string(first.m_viewOffsetBlocks) +
+                " to " + std::to_string(last.m_viewOffsetBlocks + last.m_lengthBlocks - 1));
+}
+
+Result Drain::startWrites(Batch& batch)
+{
+    std::vector<IODescriptor> writes;
+    u8* next = batch.m_buffer.get();
+    u64 end = ~u64{0}; // of the data written last
+    for (const SubRegionDescriptor& region : batch.m_regions) {
+        if (region.isAllZeroes()) {
+            const RcStatus rc =
+                m_target.writeZeroes(region.m_viewOffsetBlocks, region.m_lengthBlocks);
+            if (rc != RC_SUCCESS)
+                return Result::fromStatus(rc, "cannot write zeroes to the target volume");
+            m_zeroBlocks += region.m_lengthBlocks;
+            continue;
+        }
+        u64 offset = region.m_viewOffsetBlocks;
+        u32 left = region.m_lengthBlocks;
+        m_dataBlocks += left;
+        while (left > 0) {
+            const bool joins = offset == end && writes.back().m_lengthBlocks < WRITE_BLOCKS;
+            const u32 room = WRITE_BLOCKS - (joins ? writes.back().m_lengthBlocks : 0);
+            const u32 now = std::min(left, room);
+            if (!joins) {
+                writes.emplace_back();
+                writes.back().m_bRead = false;
+                writes.back().m_offsetBlocks = offset;
+            }
+            IODescriptor& write = writes.back();
+            write.m_lengthBlocks += now;
+            // What lies one behind the other in the view does so in the buffer.
+            next += u64{now} * BLOCK_BYTES;
+            write.m_data = ScatteredBuf(next - u64{write.m_lengthBlocks} * BLOCK_BYTES,
+                                        write.m_lengthBlocks * BLOCK_BYTES);
+            offset += now;
+            left -= now;
+            end = offset;
+        }
+    }
+    batch.m_written =
+        writes.empty() ? makeSetFuture(RC_SUCCESS) : m_target.write(writes, AioPriority::Low);
+    return Result();
+}
+
+Result Drain::finishWrites()
+{
+    if (!m_inFlight)
+        return Result();
+    Batch& batch = m_batches[1 - m_current];
+    m_inFlight = false;
+    const RcStatus rc = batch.m_written.get();
+    if (rc != RC_SUCCESS)
+        return Result::fromStatus(rc, "cannot write to the target volume");
+    if (Result result = reserve(batch.m_regions.size()); !result.ok())
+        return result;
+    m_locator.unlockAndRemove(batch.m_regions, m_voucher);
+    batch.m_regions.clear();
+    return Result();
+}
+
+Result Drain::step(bool* more)
+{
+    Batch& batch = m_batches[m_current];
+    if (Result result = lockNext(batch); !result.ok())
+        return result;
+    if (Result result = readBatch(batch); !result.ok())
+        return result;
+    if (Result result = finishWrites(); !result.ok())
+        return result;
+    *more = !batch.m_regions.empty();
+    if (!*more)
+        return Result();
+    if (Result result = startWrites(batch); !result.ok())
+        return result;
+    m_current = 1 - m_current;
+    m_inFlight = true;
+    return Result();
+}

@@ -1,0 +1,68 @@
+// Takes a locator's regions off in view order, reads them from the journal and writes them to a
+// volume. The next regions are read while the last ones are being written.
+//
+// Thread safety: one plain thread.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "RegionLocator/RegionLocator.h"
+#include "Sfs/JournalIoReader.h"
+#include "appliance/Mirror.h"
+#include "host/tasks/TaskEngine.h"
+
+class Drain
+{
+public:
+    // All outlive it. Nobody else locks regions of the locator. stepBlocks: most that one step
+    // takes; at least the longest region.
+    Drain(Mirror& mirror, TaskEngine& engine, RegionLocator& locator, TargetVolume& target,
+          u32 stepBlocks);
+    // Waits for what is in flight.
+    ~Drain();
+    Drain(const Drain&) = delete;
+    Drain& operator=(const Drain&) = delete;
+
+    // Reads the next regions, waits for the writes of the step before, and starts those of this
+    // one. *more: whether there is anything left to wait for. After a failure only the destructor
+    // may come; what was taken off before is written.
+    Result step(bool* more);
+
+    // Waits for the writes in flight and takes their regions off.
+    Result finishWrites();
+
+    // All below is written, though perhaps not durable. All ones: everything.
+    u64 doneBelow() { return m_locator.getFirstOffest(); }
+
+    u64 dataBlocks() const { return m_dataBlocks; }
+    u64 zeroBlocks() const { return m_zeroBlocks; }
+
+private:
+    struct Batch
+    {
+        std::vector<SubRegionDescriptor> m_regions; // locked
+        std::unique_ptr<u8[]> m_buffer;             // data of those that have any, in order
+        u64 m_bufferBlocks = 0;
+        FutureStatus m_written;
+    };
+
+    Result lockNext(Batch& batch);
+    Result readBatch(Batch& batch);
+    Result startWrites(Batch& batch);
+    Result reserve(u64 regions);
+
+    Mirror& m_mirror;
+    TaskEngine& m_engine;
+    RegionLocator& m_locator;
+    TargetVolume& m_target;
+    const u32 m_stepBlocks;
+    JournalIoReader m_reader;
+    ModuleMemoryInformation* m_memory; // charged with compressed bytes being read
+    RegionLocatorVoucher* m_voucher;
+    Batch m_batches[2];
+    u32 m_current = 0;       // the batch that is read next
+    bool m_inFlight = false; // the other one's writes
+    u64 m_dataBlocks = 0;
+    u64 m_zeroBlocks = 0;
+};

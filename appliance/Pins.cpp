@@ -1,0 +1,228 @@
+#include "appliance/Pins.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <unistd.h>
+
+#include "host/journal/CheckedFile.h"
+
+namespace {
+
+constexpr const char* HOLDS_FOLDER = "holds";
+constexpr const char* USES_FOLDER = "uses";
+constexpr const char* LATCH = "latch";
+constexpr int LATCH_TRIES = 1000;
+constexpr auto LATCH_PAUSE = std::chrono::milliseconds(10);
+constexpr size_t MAX_NAME = 64;
+
+std::string usePath(const std::string& name)
+{
+    return std::string(USES_FOLDER) + "/" + name;
+}
+
+// A number and a text: what a hold and a use are made of.
+template <size_t N> std::vector<u8> packed(const u64 (&numbers)[N], const std::string& text)
+{
+    std::vector<u8> bytes(sizeof numbers + text.size());
+    std::memcpy(bytes.data(), numbers, sizeof numbers);
+    std::copy(text.begin(), text.end(), bytes.begin() + sizeof numbers);
+    return bytes;
+}
+
+template <size_t N> bool unpack(const std::vector<u8>& bytes, u64 (&numbers)[N], std::string* text)
+{
+    if (bytes.size() < sizeof numbers)
+        return false;
+    std::memcpy(numbers, bytes.data(), sizeof numbers);
+    text->assign(bytes.begin() + sizeof numbers, bytes.end());
+    return true;
+}
+
+bool isHoldName(const std::string& name)
+{
+    const auto isWord = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+    };
+    return !name.empty() && name.size() <= MAX_NAME && isWord(name.front()) &&
+           std::all_of(name.begin(), name.end(),
+                       [&](char c) { return isWord(c) || c == '.' || c == '_' || c == '-'; });
+}
+
+constexpr const char* HOLD_SUFFIX = ".hold";
+
+std::string holdFile(const std::string& name)
+{
+    return name + HOLD_SUFFIX;
+}
+
+// The name of a hold's file, or "" for files that are none, as a crash may leave some.
+std::string holdNameOf(const std::string& file)
+{
+    const std::string suffix = HOLD_SUFFIX;
+    const bool fits = file.size() > suffix.size() &&
+                      file.compare(file.size() - suffix.size(), suffix.size(), suffix) == 0;
+    return fits ? file.substr(0, file.size() - suffix.size()) : "";
+}
+
+} // namespace
+
+Result PinLatch::take(Storage& storage)
+{
+    RcStatus rc = storage.makeDir(USES_FOLDER);
+    if (rc == RC_SUCCESS)
+        rc = storage.open(usePath(LATCH), StorageAccess::Create, &m_file);
+    for (int i = 0; rc == RC_SUCCESS; ++i) {
+        rc = m_file->lock();
+        if (rc != RC_IN_USE || i == LATCH_TRIES)
+            break;
+        std::this_thread::sleep_for(LATCH_PAUSE);
+        rc = RC_SUCCESS;
+    }
+    return Result::fromStatus(rc, "cannot look at what is in use");
+}
+
+Result addHold(Storage& storage, const Hold& hold)
+{
+    if (!isHoldName(hold.m_name))
+        return Result::usage("'" + hold.m_name +
+                             "' is no name for a hold; take up to 64 letters, digits, '.', '_', "
+                             "'-', with a letter or digit first");
+    std::vector<Hold> holds;
+    if (Result result = listHolds(storage, &holds); !result.ok())
+        return result;
+    for (const Hold& other : holds) {
+        if (other.m_name == hold.m_name)
+            return Result::usage("there is a hold '" + hold.m_name + "' already, of " +
+                                 other.m_point);
+    }
+    RcStatus rc = storage.makeDir(HOLDS_FOLDER);
+    if (rc == RC_SUCCESS)
+        rc = storage.syncDir("");
+    const std::vector<u8> content = packed({hold.m_items}, hold.m_point);
+    if (rc == RC_SUCCESS)
+        rc = storeCheckedFile(storage, HOLDS_FOLDER, holdFile(hold.m_name), content.data(),
+                              content.size());
+    return Result::fromStatus(rc, "cannot store the hold");
+}
+
+Result removeHold(Storage& storage, const std::string& name)
+{
+    RcStatus rc = isHoldName(name)
+                      ? storage.remove(std::string(HOLDS_FOLDER) + "/" + holdFile(name))
+                      : RC_NOT_FOUND;
+    if (rc == RC_NOT_FOUND)
+        return Result(ResultCode::NotFound, "there is no hold '" + name + "'");
+    if (rc == RC_SUCCESS)
+        rc = storage.syncDir(HOLDS_FOLDER);
+    return Result::fromStatus(rc, "cannot release the hold");
+}
+
+Result listHolds(Storage& storage, std::vector<Hold>* holds)
+{
+    holds->clear();
+    std::vector<std::string> names;
+    const RcStatus listed = storage.list(HOLDS_FOLDER, &names);
+    if (listed != RC_SUCCESS)
+        return listed == RC_NOT_FOUND ? Result() : Result::fromStatus(listed, "cannot list holds");
+    for (const std::string& file : names) {
+        Hold hold;
+        hold.m_name = holdNameOf(file);
+        if (hold.m_name.empty())
+            continue;
+        std::vector<u8> content;
+        const RcStatus rc = loadCheckedFile(storage, HOLDS_FOLDER, file, &content);
+        if (rc == RC_NOT_FOUND) // released meanwhile
+            continue;
+        u64 numbers[1] = {};
+        if (rc == RC_DAMAGED || (rc == RC_SUCCESS && !unpack(content, numbers, &hold.m_point)))
+            return Result(ResultCode::Damaged,
+                          "the hold '" + hold.m_name + "' is damaged; release it and hold again");
+        if (rc != RC_SUCCESS)
+            return Result::fromStatus(rc, "cannot read the hold '" + hold.m_name + "'");
+        hold.m_items = numbers[0];
+        holds->push_back(hold);
+    }
+    return Result();
+}
+
+std::string UseInfo::description() const
+{
+    return m_what + " in process " + std::to_string(m_process);
+}
+
+PointUse::PointUse(Storage& storage, std::string path, std::unique_ptr<StorageFile> file)
+    : m_storage(storage), m_path(std::move(path)), m_file(std::move(file))
+{}
+
+PointUse::~PointUse()
+{
+    m_storage.remove(m_path); // a file that stays has no owner any more and goes at the next look
+}
+
+Result PointUse::add(Storage& storage, const UseInfo& info, std::unique_ptr<PointUse>* use)
+{
+    const u64 process = static_cast<u64>(getpid());
+    for (u32 i = 0;; ++i) {
+        const std::string path = usePath(std::to_string(process) + "-" + std::to_string(i));
+        std::unique_ptr<StorageFile> file;
+        RcStatus rc = storage.open(path, StorageAccess::Create, &file);
+        if (rc == RC_SUCCESS)
+            rc = file->lock();
+        if (rc == RC_IN_USE)
+            continue;
+        const std::vector<u8> content =
+            packed({info.m_items, info.m_firstPage, process}, info.m_what);
+        if (rc == RC_SUCCESS)
+            rc = file->truncate(0);
+        if (rc == RC_SUCCESS)
+            rc = file->pwrite(content.data(), content.size(), 0);
+        if (rc != RC_SUCCESS)
+            return Result::fromStatus(rc, "cannot register what is in use");
+        use->reset(new PointUse(storage, path, std::move(file)));
+        return Result();
+    }
+}
+
+Result listUses(Storage& storage, const std::vector<std::string>& except,
+                std::vector<UseInfo>* uses)
+{
+    uses->clear();
+    std::vector<std::string> names;
+    const RcStatus listed = storage.list(USES_FOLDER, &names);
+    if (listed != RC_SUCCESS)
+        return listed == RC_NOT_FOUND ? Result() : Result::fromStatus(listed, "cannot list uses");
+    for (const std::string& name : names) {
+        const std::string path = usePath(name);
+        if (name == LATCH || std::find(except.begin(), except.end(), path) != except.end())
+            continue;
+        std::unique_ptr<StorageFile> file;
+        RcStatus rc = storage.open(path, StorageAccess::ReadWrite, &file);
+        if (rc == RC_NOT_FOUND)
+            continue;
+        if (rc == RC_SUCCESS && file->lock() == RC_SUCCESS) {
+            storage.remove(path); // its process is gone
+            continue;
+        }
+        u64 size = 0;
+        u64 done = 0;
+        if (rc == RC_SUCCESS)
+            rc = file->size(&size);
+        std::vector<u8> content(size);
+        if (rc == RC_SUCCESS)
+            rc = file->pread(content.data(), size, 0, &done);
+        if (rc != RC_SUCCESS)
+            return Result::fromStatus(rc, "cannot read what is in use");
+        u64 numbers[3] = {};
+        UseInfo info;
+        // Nobody but its owner writes to it, and under the latch it is whole.
+        if (done != size || !unpack(content, numbers, &info.m_what))
+            info.m_what = "something";
+        info.m_items = numbers[0];
+        info.m_firstPage = numbers[1];
+        info.m_process = numbers[2];
+        uses->push_back(info);
+    }
+    return Result();
+}

@@ -1,0 +1,81 @@
+// What apply and trim must not pass: points that people hold, and points that somebody reads.
+//
+// A hold is a file of holds/, until it is released. A use is a file of uses/ that its process keeps
+// locked; when the process has gone, however it went, the lock is gone too, and the file means
+// nothing. Whoever adds a pin, and whoever moves what pins protect, does so under the latch; so
+// neither can slip in between the other's look and its change.
+//
+// Thread safety: any thread, of any process.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "appliance/Result.h"
+#include "common/infra/Types.h"
+#include "host/journal/Storage.h"
+
+// Held for moments only.
+class PinLatch
+{
+public:
+    // Waits some seconds for whoever has it. InUse: still somebody does.
+    Result take(Storage& storage);
+
+private:
+    std::unique_ptr<StorageFile> m_file;
+};
+
+struct Hold
+{
+    std::string m_name;
+    u64 m_items = 0;
+    std::string m_point; // as it was chosen: "cp:7"
+};
+
+// A name is 1 to 64 letters, digits, '.', '_' and '-', and begins with none of the last three.
+// WrongUsage: no such name, or one that is taken.
+// REQUIRES of both: the latch.
+Result addHold(Storage& storage, const Hold& hold);
+Result removeHold(Storage& storage, const std::string& name); // NotFound
+// All holds, by name. Damaged: a hold that cannot be read is a hold still, so nothing may move.
+Result listHolds(Storage& storage, std::vector<Hold>* holds);
+
+// All ones: what is read is of no point, and apply may go anywhere.
+constexpr u64 NO_ITEMS = ~u64{0};
+
+struct UseInfo
+{
+    u64 m_items = 0;     // of the point that is read
+    u64 m_firstPage = 0; // of the journal, that it may read
+    u64 m_process = 0;
+    std::string m_what; // "a view of cp:7"
+
+    std::string description() const;
+};
+
+// One registered use, until it is destroyed.
+class PointUse
+{
+public:
+    // REQUIRES: the latch.
+    static Result add(Storage& storage, const UseInfo& info, std::unique_ptr<PointUse>* use);
+    ~PointUse();
+    PointUse(const PointUse&) = delete;
+    PointUse& operator=(const PointUse&) = delete;
+
+    const std::string& file() const { return m_path; }
+
+private:
+    PointUse(Storage& storage, std::string path, std::unique_ptr<StorageFile> file);
+
+    Storage& m_storage;
+    std::string m_path;
+    std::unique_ptr<StorageFile> m_file;
+};
+
+// All uses whose process lives; the files of those that do not are removed. `except`: files that
+// are left out, by PointUse::file(). REQUIRES: the latch.
+Result listUses(Storage& storage, const std::vector<std::string>& except,
+                std::vector<UseInfo>* uses);

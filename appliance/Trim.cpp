@@ -1,0 +1,195 @@
+#include "appliance/Trim.h"
+
+#include <algorithm>
+
+#include "appliance/View.h"
+#include "host/infra/Clock.h"
+#include "host/journal/JournalTrim.h"
+#include "host/tasks/BlockingTask.h"
+
+namespace {
+
+constexpr u64 MEMORY_TIMEOUT_MS = 5000;
+// Items between two looks at the outside.
+constexpr u64 LOOK_EVERY = 256;
+
+class Trimmer
+{
+public:
+    Trimmer(Mirror& mirror, TaskEngine& engine, const TrimOptions& options, FlowControl& control,
+            TrimStatistics* statistics)
+        : m_mirror(mirror), m_journal(mirror.journal()), m_engine(engine), m_options(options),
+          m_control(control), m_statistics(*statistics)
+    {}
+
+    Result run(const ChosenPoint& to);
+
+private:
+    Result plan(u64 items);
+    Result checkReaders();
+    Result begin();
+    Result removeFromViews(u64 oldPage);
+
+    Mirror& m_mirror;
+    JournalStore& m_journal;
+    TaskEngine& m_engine;
+    const TrimOptions& m_options;
+    FlowControl& m_control;
+    TrimStatistics& m_statistics;
+    JournalTrimPlan m_plan;
+};
+
+Result Trimmer::run(const ChosenPoint& to)
+{
+    const u64 applied = m_mirror.applyState().m_items;
+    if (to.m_items > applied)
+        return Result(ResultCode::InUse,
+                      "the target holds the journal up to item:" + std::to_string(applied) +
+                          " only; apply to " + to.name() + " first");
+    if (m_mirror.report().m_skippedPages > 0)
+        return Result(ResultCode::Damaged, "what is damaged cannot be trimmed");
+    if (Result result = m_mirror.flush(); !result.ok())
+        return result;
+    if (Result result = plan(to.m_items); !result.ok())
+        return result;
+    const JournalBegin old = m_journal.begin();
+    if (m_plan.m_begin.m_page == old.m_page)
+        return Result();
+    m_statistics.m_items = m_plan.m_begin.m_items - old.m_items;
+    m_statistics.m_dataGrains = m_plan.m_dataGrains;
+    m_statistics.m_metaGrains = m_plan.m_metaGrains;
+    const u64 before = m_journal.bytesUsed();
+    m_statistics.m_bytes = m_plan.m_freedBlocks * (BLOCK_BYTES + sizeof(u32)) +
+                           (m_plan.m_begin.m_page - old.m_page) * BLOCK_BYTES;
+    if (m_options.m_dryRun) {
+        PinLatch latch;
+        if (Result result = latch.take(m_mirror.storage()); !result.ok())
+            return result;
+        return checkReaders();
+    }
+    if (m_control.stopRequested())
+        return Result(ResultCode::Interrupted, "interrupted before anything was trimmed");
+    if (Result result = begin(); !result.ok())
+        return result;
+    m_statistics.m_bytes = before - std::min(before, m_journal.bytesUsed());
+    if (Result result = removeFromViews(old.m_page); !result.ok())
+        return result;
+    u64 removed = 0;
+    return Result::fromStatus(m_journal.removeTrimmed(&removed),
+                              "cannot remove the journal's grains");
+}
+
+Result Trimmer::plan(u64 items)
+{
+    // Checkpoints that can be served stay, also those right at the target's point.
+    const u64 applied = m_mirror.applyState().m_items;
+    u64 lastPage = ~u64{0};
+    for (const JournalCheckpoint& one : m_journal.checkpoints()) {
+        if (one.m_itemsBefore >= applied)
+            lastPage = std::min(lastPage, pageOfJournalPtr(one.m_ptr));
+    }
+    m_plan = planJournalTrim(m_journal, items, lastPage);
+    return m_plan.m_rc == RC_SUCCESS
+               ? Result()
+               : Result(Result::fromStatus(m_plan.m_rc, "").code(),
+                        "cannot read what is to be trimmed: " + (m_plan.m_message.empty()
+                                                                     ? rcStatusText(m_plan.m_rc)
+                                                                     : m_plan.m_message));
+}
+
+// Whoever reads what goes and cannot be told. Views of this process can, once they are built.
+Result Trimmer::checkReaders()
+{
+    std::vector<std::string> own;
+    m_mirror.withViews([&](const std::vector<View*>& views) {
+        for (const View* view : views) {
+            if (view->use() != nullptr)
+                own.push_back(view->use()->file());
+        }
+    });
+    std::vector<UseInfo> uses;
+    if (Result result = listUses(m_mirror.storage(), own, &uses); !result.ok())
+        return result;
+    for (const UseInfo& use : uses) {
+        if (use.m_firstPage < m_plan.m_begin.m_page)
+            return Result(ResultCode::InUse, use.description() + " reads what would be trimmed");
+    }
+    return Result();
+}
+
+Result Trimmer::begin()
+{
+    PinLatch latch;
+    if (Result result = latch.take(m_mirror.storage()); !result.ok())
+        return result;
+    if (Result result = checkReaders(); !result.ok())
+        return result;
+    return Result::fromStatus(m_journal.setBegin(m_plan.m_begin, m_plan.m_freedBlocks),
+                              "cannot give the journal a new beginning");
+}
+
+Result Trimmer::removeFromViews(u64 oldPage)
+{
+    RcStatus rc = RC_SUCCESS;
+    m_mirror.withViews([&](const std::vector<View*>& views) {
+        if (views.empty())
+            return;
+        u64 items = 0;
+        rc = visitJournalItems(
+            m_journal, oldPage, m_plan.m_begin.m_page, [&](const SfsDiskMetaItem& item) {
+                RcStatus one = RC_SUCCESS;
+                for (size_t i = 0; i < views.size() && one == RC_SUCCESS; ++i) {
+                    bool removed = false;
+                    if (item.is_io_type_with_ud())
+                        one = removeIoFromView(*views[i], m_engine, item, &removed);
+                    m_statistics.m_removedIos += removed;
+                }
+                if (++items % LOOK_EVERY == 0)
+                    m_control.progress(std::min(items, m_statistics.m_items), m_statistics.m_items);
+                return one;
+            });
+    });
+    return Result::fromStatus(rc, "cannot take what was trimmed out of the open views; its space "
+                                  "is given back when the mirror is opened next");
+}
+
+} // namespace
+
+RcStatus removeIoFromView(View& view, TaskEngine& engine, const SfsDiskMetaItem& item,
+                          bool* removed)
+{
+    *removed = false;
+    const SubRegionDescriptor io(SfsItemDescriptor::genFromSfsDiskMetaItem(item));
+    // Most of what goes was overridden long ago.
+    for (const SubRegionDescriptor& piece : view.pieces(io.m_viewOffsetBlocks, io.m_lengthBlocks))
+        *removed = *removed || (!piece.isAllZeroes() &&
+                                piece.getOrigIoFifoOffsetLbs() == io.getOrigIoFifoOffsetLbs());
+    if (!*removed)
+        return RC_SUCCESS;
+    RegionLocator& locator = view.locator();
+    RegionLocatorMemPool* pool = locator.getMemPool();
+    LocatorGate::Ticket ticket;
+    RcStatus rc = view.gate().enter(&ticket, LocatorGate::Kind::Locker).get();
+    RegionLocatorVoucher* voucher = pool->createVoucher();
+    if (rc == RC_SUCCESS)
+        rc = pool->fillVoucher(voucher,
+                               RegionLocatorMemPool::getVoucherRequirement(
+                                   RegionLocatorMemPool::LOCK_AND_REMOVE, 1),
+                               Clock::instance()->nowMs() + MEMORY_TIMEOUT_MS, &ticket)
+                 .get();
+    if (rc == RC_SUCCESS)
+        rc = runAndWait(engine,
+                        [&](AsyncTask* task) { return locator.lockAndRemove(task, io, voucher); });
+    view.gate().leave(&ticket);
+    pool->destroyVoucher(voucher);
+    return rc;
+}
+
+Result trimMirror(Mirror& mirror, TaskEngine& engine, const ChosenPoint& to,
+                  const TrimOptions& options, FlowControl& control, TrimStatistics* statistics)
+{
+    const u64 startedUs = Clock::instance()->nowUs();
+    Result result = Trimmer(mirror, engine, options, control, statistics).run(to);
+    statistics->m_seconds = static_cast<double>(Clock::instance()->nowUs() - startedUs) / 1e6;
+    return result;
+}

@@ -1,0 +1,43 @@
+// Trim: gives the journal's beginning, which the target volume holds by now, back to the file
+// system.
+//
+//   plan -> look at who reads it -> new beginning, durable -> every IO that goes is taken out of
+//   the open views' locators, exactly -> the grains go
+//
+// A view that had a block from an IO that goes finds it on the target then: what the target holds
+// is what the view found in the journal, as nothing newer may have been applied while it is open.
+#pragma once
+
+#include "appliance/FlowControl.h"
+#include "appliance/Mirror.h"
+#include "host/tasks/TaskEngine.h"
+
+struct TrimOptions
+{
+    bool m_dryRun = false; // find out what would go, and what holds it
+};
+
+struct TrimStatistics
+{
+    u64 m_items = 0; // that leave the journal
+    u64 m_dataGrains = 0;
+    u64 m_metaGrains = 0;
+    u64 m_bytes = 0;      // of journal that they took
+    u64 m_removedIos = 0; // taken out of open views, counted for each
+    double m_seconds = 0;
+};
+
+// The journal begins, at the latest, behind the point's items; at the earliest a grain or so
+// before, as only what is whole can go. Nothing to give back is a success. InUse: the target does
+// not hold the point, or another process reads what would go, nothing was changed. Damaged;
+// NoSpace, Failed: the new beginning may hold already, and the grains are removed when the mirror
+// is opened for writing next. Thread safety: a plain thread; one apply or trim at a time. Writes,
+// views and reads of the mirror may go on beside it. Waits for readers of what goes, while no view
+// may be closed.
+Result trimMirror(Mirror& mirror, TaskEngine& engine, const ChosenPoint& to,
+                  const TrimOptions& options, FlowControl& control, TrimStatistics* statistics);
+
+// Takes one IO out of a view, waiting for readers of its pieces. *removed: whether the view had
+// any. RC_NO_MEMORY, RC_TIMED_OUT: no memory for it.
+RcStatus removeIoFromView(View& view, TaskEngine& engine, const SfsDiskMetaItem& item,
+                          bool* removed);

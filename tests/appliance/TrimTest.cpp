@@ -1,0 +1,280 @@
+#include "appliance/Trim.h"
+
+#include <atomic>
+#include <thread>
+
+#include "appliance/Apply.h"
+#include "host/journal/JournalVerifier.h"
+#include "tests/appliance/MirrorFixture.h"
+
+namespace {
+
+// Items of up to 2048 blocks: a data grain is full after some dozens.
+class TrimTest : public MirrorFixture
+{
+protected:
+    static constexpr u32 LARGE = 2048;
+
+    static ChosenPoint point(u64 items)
+    {
+        ChosenPoint chosen;
+        chosen.m_items = items;
+        return chosen;
+    }
+
+    // Journals large writes, a checkpoint after every tenth.
+    void writeLarge(u32 seed, u32 count)
+    {
+        std::mt19937 random(seed);
+        Image image = m_images.back();
+        for (u32 i = 0; i < count; ++i) {
+            const u32 length = LARGE - random() % 100;
+            const u64 offset = random() % (BLOCKS - length);
+            u8* data = image.data() + offset * BLOCK_BYTES;
+            std::fill_n(data, size_t{length} * BLOCK_BYTES, static_cast<u8>(1 + random() % 255));
+            ASSERT_TRUE(m_mirror->write(offset, data, length).ok());
+            m_images.push_back(image);
+            if (i % 10 == 9) {
+                ASSERT_TRUE(m_mirror->checkpoint("", nullptr).ok());
+            }
+        }
+        ASSERT_TRUE(m_mirror->flush().ok());
+    }
+
+    Result apply(u64 items)
+    {
+        FlowControl control;
+        ApplyStatistics statistics;
+        return applyMirror(*m_mirror, m_host.getEngine(), point(items), ApplyOptions(), control,
+                           &statistics);
+    }
+
+    Result trim(u64 items, bool dryRun = false)
+    {
+        FlowControl control;
+        m_statistics = TrimStatistics();
+        TrimOptions options;
+        options.m_dryRun = dryRun;
+        return trimMirror(*m_mirror, m_host.getEngine(), point(items), options, control,
+                          &m_statistics);
+    }
+
+    u64 bytesOnDisk() const
+    {
+        u64 bytes = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(folder() + "/journal"))
+            bytes += entry.path().filename().string()[1] == '-' ? entry.file_size() : 0;
+        return bytes;
+    }
+
+    void checkPoints(u64 from, const std::string& where)
+    {
+        ASSERT_EQ(m_mirror->window().m_firstItems, from) << where;
+        for (u64 items = from; items < m_images.size(); items += 9)
+            ASSERT_EQ(readAll(*view(items)), m_images[items]) << where << ": " << items;
+        ASSERT_EQ(readAll(*view(m_images.size() - 1)), m_images.back()) << where;
+        const VerifyResult verified = verifyJournal(m_mirror->journal());
+        ASSERT_TRUE(verified.ok()) << where << ": " << verified.message;
+        ASSERT_EQ(verified.items, m_images.size() - 1) << where;
+    }
+
+    TrimStatistics m_statistics;
+};
+
+TEST_F(TrimTest, GivesSpaceBackAndEverythingElseGoesOn)
+{
+    makeMirror();
+    writeLarge(1, 60);
+    openMirror(); // closes it orderly in between
+    const u64 bytesBefore = bytesOnDisk();
+    const u64 usedBefore = m_mirror->journal().bytesUsed();
+    ASSERT_TRUE(apply(50).ok());
+    ASSERT_TRUE(trim(50).ok());
+    EXPECT_GE(m_statistics.m_items, 35u);
+    EXPECT_LE(m_statistics.m_items, 50u);
+    EXPECT_GE(m_statistics.m_dataGrains, 2u);
+    EXPECT_LT(bytesOnDisk(), bytesBefore * 2 / 3);
+    EXPECT_EQ(usedBefore - m_mirror->journal().bytesUsed(), m_statistics.m_bytes);
+    const u64 used = m_mirror->journal().bytesUsed();
+    checkPoints(50, "trimmed");
+    // What recovery finds is what the trim left.
+    openMirror();
+    EXPECT_EQ(m_mirror->journal().bytesUsed(), used);
+    checkPoints(50, "opened anew");
+    EXPECT_EQ(m_mirror->window().m_checkpoints.front().m_id, 5u) << "at the target's very point";
+    EXPECT_EQ(m_mirror->window().m_checkpoints.front().m_items, 50u);
+    // Items and checkpoints go on in their numbers.
+    writeLarge(2, 10);
+    EXPECT_EQ(m_mirror->window().m_checkpoints.back().m_id, 7u);
+    EXPECT_EQ(m_mirror->window().m_checkpoints.back().m_items, 70u);
+    checkPoints(50, "written on");
+    ASSERT_TRUE(apply(70).ok());
+    ASSERT_TRUE(trim(70).ok());
+    checkPoints(70, "all");
+    openMirror();
+    checkPoints(70, "all, opened anew");
+    writeLarge(3, 30);
+    openMirror();
+    EXPECT_EQ(m_mirror->window().m_checkpoints.back().m_id, 10u);
+    checkPoints(70, "written on behind all");
+}
+
+TEST_F(TrimTest, AllButTheLastGrainCanGo)
+{
+    makeMirror();
+    writeLarge(4, 55); // no checkpoint at the end, which would keep its page
+    ASSERT_TRUE(apply(55).ok());
+    openMirror();
+    ASSERT_TRUE(trim(55).ok());
+    std::vector<u64> grains;
+    ASSERT_EQ(m_mirror->journal().grains().list(GrainKind::Data, &grains), RC_SUCCESS);
+    EXPECT_EQ(grains.size(), 1u);
+    ASSERT_TRUE(trim(55).ok()) << "nothing more";
+    EXPECT_EQ(m_statistics.m_items, 0u);
+    for (int i = 0; i < 3; ++i) {
+        openMirror();
+        checkPoints(55, "empty");
+    }
+}
+
+TEST_F(TrimTest, NeverBeyondTheTarget)
+{
+    makeMirror();
+    writeLarge(5, 40);
+    ASSERT_TRUE(apply(20).ok());
+    const Result refused = trim(21);
+    EXPECT_EQ(refused.code(), ResultCode::InUse);
+    EXPECT_NE(refused.message().find("up to item:20 only"), std::string::npos);
+    checkPoints(20, "refused");
+    ASSERT_TRUE(trim(20).ok());
+    checkPoints(20, "trimmed");
+}
+
+TEST_F(TrimTest, DryRunTellsAndChangesNothing)
+{
+    makeMirror();
+    writeLarge(6, 40);
+    ASSERT_TRUE(apply(40).ok());
+    const u64 bytes = bytesOnDisk();
+    ASSERT_TRUE(trim(40, true).ok());
+    const TrimStatistics told = m_statistics;
+    EXPECT_GT(told.m_dataGrains, 0u);
+    EXPECT_EQ(bytesOnDisk(), bytes);
+    EXPECT_EQ(m_mirror->journal().begin().m_page, 0u);
+    ASSERT_TRUE(trim(40).ok());
+    EXPECT_EQ(m_statistics.m_items, told.m_items);
+    EXPECT_EQ(m_statistics.m_bytes, told.m_bytes);
+    EXPECT_EQ(m_statistics.m_dataGrains, told.m_dataGrains);
+}
+
+TEST_F(TrimTest, ViewOfAnotherOwnerHoldsItUntilItIsClosed)
+{
+    makeMirror();
+    writeLarge(7, 40);
+    ASSERT_TRUE(apply(30).ok());
+    // A mirror object of its own, as another process has: its locators cannot be reached.
+    std::unique_ptr<Mirror> other;
+    ASSERT_TRUE(Mirror::open(folder(), MirrorAccess::Reader, JournalRecovery::Tail, &other).ok());
+    FlowControl control;
+    std::unique_ptr<View> open;
+    ASSERT_TRUE(View::build(*other, point(35), control, &open).ok());
+    const Result refused = trim(30);
+    EXPECT_EQ(refused.code(), ResultCode::InUse);
+    EXPECT_NE(refused.message().find("a view of item:35"), std::string::npos);
+    EXPECT_EQ(trim(30, true).code(), ResultCode::InUse);
+    EXPECT_EQ(readAll(*open), m_images[35]);
+    open.reset();
+    ASSERT_TRUE(trim(30).ok());
+    // It has the journal as it was.
+    const Result stale = View::build(*other, point(35), control, &open);
+    EXPECT_EQ(stale.code(), ResultCode::InUse);
+    EXPECT_NE(stale.message().find("trimmed"), std::string::npos);
+    ASSERT_TRUE(Mirror::open(folder(), MirrorAccess::Reader, JournalRecovery::Tail, &other).ok());
+    ASSERT_TRUE(View::build(*other, point(35), control, &open).ok());
+    EXPECT_EQ(readAll(*open), m_images[35]);
+    open.reset();
+}
+
+TEST_F(TrimTest, OwnViewsLoseWhatGoesAndReadTheSame)
+{
+    makeMirror();
+    writeLarge(8, 40);
+    ASSERT_TRUE(apply(30).ok());
+    const auto first = view(30);
+    const auto second = view(40);
+    const u64 covered = first->locator().getTotalRegionBlocks();
+    ASSERT_TRUE(trim(30).ok());
+    EXPECT_GT(m_statistics.m_removedIos, 0u);
+    EXPECT_LT(first->locator().getTotalRegionBlocks(), covered);
+    EXPECT_EQ(readAll(*first), m_images[30]);
+    EXPECT_EQ(readAll(*second), m_images[40]);
+    checkPoints(30, "beside them");
+}
+
+TEST_F(TrimTest, ReadersOfOwnViewsGoOnMeanwhile)
+{
+    makeMirror(Compression::Lz4);
+    writeLarge(9, 60);
+    writeRandomly(9, 300); // small IOs, so that much is taken out piece by piece
+    const u64 points[] = {330, 345, 360};
+    std::vector<std::unique_ptr<View>> views;
+    for (const u64 items : points)
+        views.push_back(view(items));
+    std::atomic<bool> stop{false};
+    std::atomic<u64> reads{0};
+    std::atomic<u64> wrong{0};
+    std::vector<std::thread> threads;
+    for (u32 i = 0; i < 6; ++i) {
+        threads.emplace_back([&, i] {
+            std::mt19937 random(i);
+            Image buffer(256 * BLOCK_BYTES);
+            while (!stop) {
+                const u32 which = random() % 3;
+                const u32 length = 1 + random() % 256;
+                const u64 offset = random() % (BLOCKS - length);
+                ViewReader reader(*views[which]);
+                const RcStatus rc =
+                    reader.readNow(m_host.getEngine(), offset, length, buffer.data());
+                const u8* expected = m_images[points[which]].data() + offset * BLOCK_BYTES;
+                wrong += rc != RC_SUCCESS ||
+                         std::memcmp(buffer.data(), expected, size_t{length} * BLOCK_BYTES) != 0;
+                ++reads;
+            }
+        });
+    }
+    u64 removed = 0;
+    for (const u64 items : {100, 200, 300, 330}) {
+        const Result applied = apply(items);
+        EXPECT_TRUE(applied.ok()) << applied.message();
+        const Result trimmed = trim(items);
+        EXPECT_TRUE(trimmed.ok()) << trimmed.message();
+        removed += m_statistics.m_removedIos;
+    }
+    stop = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong, 0u);
+    EXPECT_GT(reads, 0u);
+    EXPECT_GT(removed, 10u);
+    for (size_t i = 0; i < views.size(); ++i)
+        EXPECT_EQ(readAll(*views[i]), m_images[points[i]]);
+}
+
+TEST_F(TrimTest, MakesRoomUnderTheLimit)
+{
+    MirrorSettings settings;
+    settings.m_sizeBytes = BLOCKS * BLOCK_BYTES;
+    settings.m_journalLimitBytes = u64{40} << 20;
+    ASSERT_TRUE(Mirror::create(folder(), settings).ok());
+    openMirror();
+    const std::vector<u8> data(LARGE * BLOCK_BYTES, 9);
+    u64 items = 0;
+    while (m_mirror->write(0, data.data(), LARGE).ok())
+        ++items;
+    EXPECT_EQ(m_mirror->write(0, data.data(), LARGE).code(), ResultCode::NoSpace);
+    ASSERT_TRUE(apply(items).ok());
+    ASSERT_TRUE(trim(items).ok());
+    EXPECT_TRUE(m_mirror->write(0, data.data(), LARGE).ok());
+}
+
+} // namespace
