@@ -5,6 +5,7 @@
 
 #include "common/Analytics/AnalyticsParcelSender.h"
 #include "host/analytics/JsonLinesSender.h"
+#include "tests/support/OwnPath.h"
 #include "tests/support/ScopedManualClock.h"
 
 namespace {
@@ -20,7 +21,7 @@ TEST(AnalyticsParcelTest, IsStampedWithTheWallTimeInMilliseconds)
 TEST(JsonLinesSenderTest, WritesEveryParcelAsOneLine)
 {
     ScopedManualClock clock;
-    const std::string path = testing::TempDir() + "rl_analytics_test.jsonl";
+    const std::string path = ownPath("analytics_test.jsonl");
     std::remove(path.c_str());
     ASSERT_TRUE(JsonLinesSender::open(path).ok());
     EXPECT_EQ(JsonLinesSender::open(path).m_rc, RC_IN_USE);

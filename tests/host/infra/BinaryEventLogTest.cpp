@@ -6,6 +6,7 @@
 
 #include "common/infra/BinaryLogger.h"
 #include "host/infra/BinaryEventFormat.h"
+#include "tests/support/OwnPath.h"
 #include "tests/support/ScopedManualClock.h"
 
 namespace {
@@ -40,7 +41,7 @@ protected:
     }
 
     ScopedManualClock m_clock;
-    const std::string m_path = testing::TempDir() + "rl_binary_event_log_test.bin";
+    const std::string m_path = ownPath("binary_event_log_test.bin");
     std::string m_bytes;
 };
 

@@ -9,6 +9,7 @@
 #include "host/infra/ManualClock.h"
 #include "host/tasks/BlockingTask.h"
 #include "host/tasks/SeededScheduler.h"
+#include "tests/support/OwnPath.h"
 
 namespace {
 
@@ -31,8 +32,8 @@ TEST(HostTest, TheClockLimitAndFilesAreInForceWhileItRunsOnly)
 {
     ManualClock clock;
     Clock* const before = Clock::instance();
-    const std::string log = testing::TempDir() + "rl_host_test.log";
-    const std::string events = testing::TempDir() + "rl_host_test.bin";
+    const std::string log = ownPath("host_test.log");
+    const std::string events = ownPath("host_test.bin");
     std::remove(log.c_str());
     HostOptions options;
     options.m_clock = &clock;

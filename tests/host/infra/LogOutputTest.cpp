@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "host/infra/LogFormat.h"
+#include "tests/support/OwnPath.h"
 #include "tests/support/ScopedManualClock.h"
 
 namespace {
@@ -27,7 +28,7 @@ protected:
     }
 
     ScopedManualClock m_clock; // wall time 2001-09-09T01:46:40Z
-    const std::string m_path = testing::TempDir() + "rl_log_output_test.log";
+    const std::string m_path = ownPath("log_output_test.log");
 };
 
 TEST_F(LogOutputTest, TextToAFileIsOneLineARecord)

@@ -6,6 +6,7 @@
 
 #include "common/infra/DynamicTweaks.h"
 #include "common/infra/Tweaks.h"
+#include "tests/support/OwnPath.h"
 
 namespace {
 
@@ -27,7 +28,7 @@ protected:
         std::ofstream(m_path) << text;
         return loadTweaksFile(m_path);
     }
-    const std::string m_path = testing::TempDir() + "rl_tweaks_test.json";
+    const std::string m_path = ownPath("tweaks_test.json");
 };
 
 TEST_F(TweaksLoaderTest, AFileSetsBothKinds)
