@@ -32,6 +32,10 @@ Result run(Context& context, const std::string& folder)
             Mirror::open(folder, MirrorAccess::Reader, JournalRecovery::Salvage, &mirror);
         !result.ok())
         return result;
+    // Nothing is trimmed away under it.
+    std::unique_ptr<PointUse> use;
+    if (Result result = mirror->usePoint(NO_ITEMS, "a verification", &use); !result.ok())
+        return result;
     const auto reporter = context.progress("verifying");
     VerifyOptions options;
     options.progress = [&](u64 done, u64 all) { reporter->progress(done, all); };

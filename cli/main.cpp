@@ -38,6 +38,10 @@ int runMain(int argc, char** argv)
     addLookup(app, context);
     addRead(app, context);
     addExport(app, context);
+    addHold(app, context);
+    addRelease(app, context);
+    addApply(app, context);
+    addTrim(app, context);
     addVerify(app, context);
     addEvents(app, context);
     addCompletion(app, context);

@@ -30,7 +30,8 @@ RcStatus JournalStore::Impl::checkWritableLocked() const
 
 u64 JournalStore::Impl::bytesUsedLocked() const
 {
-    const u64 pages = m_endPage - m_begin.m_page + m_group.m_pages.size() + pagesFor(m_pending.size());
+    const u64 pages =
+        m_endPage - m_begin.m_page + m_group.m_pages.size() + pagesFor(m_pending.size());
     return m_storedBlocks * STORED_BLOCK_BYTES + pages * BLOCK_BYTES;
 }
 

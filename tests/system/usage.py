@@ -42,7 +42,8 @@ def test_wrong_usage_is_2():
 
 
 def test_every_command_helps_with_two_examples():
-    commands = ("create", "capture", "record", "checkpoint", "checkpoints", "info", "stats",
+    commands = ("create", "capture", "record", "hold", "release", "apply", "trim", "checkpoint",
+                "checkpoints", "info", "stats",
                 "lookup", "read", "export", "verify", "events", "completion")
     for command in commands:
         text = rlctl(command, "--help").decode()

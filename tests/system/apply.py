@@ -1,0 +1,316 @@
+"""Bringing the target forward and giving the journal back, beside readers and under kill -9."""
+
+import filecmp
+import os
+import random
+import signal
+import subprocess
+import threading
+import time
+
+from support import (BLOCK, RLCTL, Expectation, Failure, Folder, check, compare_image,
+                     generated_trace, payload, read_trace, rlctl, rlctl_json, run)
+
+BLOCKS = 1 << 22
+SIZE = BLOCKS * BLOCK
+
+
+def make(folder, lines=3000, every=250, seed=11, limit=None):
+    mirror = os.path.join(folder, "m")
+    trace = os.path.join(folder, "trace.csv")
+    generated_trace(trace, lines=lines, blocks=BLOCKS, seed=seed)
+    rlctl("create", mirror, "--size", SIZE, *(("--journal-limit", limit) if limit else ()))
+    if every:
+        rlctl("record", mirror, "--trace", trace, "--checkpoint-every", every)
+    return mirror, trace, read_trace(trace)
+
+
+def expectation_at(lines, items):
+    result = Expectation(lines)
+    result.advance(items)
+    return result
+
+
+def journal_bytes_on_disk(mirror):
+    folder = os.path.join(mirror, "journal")
+    return sum(os.stat(os.path.join(folder, name)).st_blocks * 512 for name in os.listdir(folder))
+
+
+def expected_bytes(expectation, first, count):
+    data = bytearray()
+    for block in range(first, first + count):
+        value = expectation.value(block)
+        if 0 < value < Expectation.ZERO:
+            data += payload(value, block, 1)
+        else:
+            data += bytes(BLOCK)
+    return bytes(data)
+
+
+def compare_export(mirror, at, lines, items):
+    image = mirror + ".img"
+    rlctl("export", mirror, "--at", at, image)
+    try:
+        compare_image(image, SIZE, expectation_at(lines, items))
+    finally:
+        os.unlink(image)
+
+
+class Reader(threading.Thread):
+    """Reads random ranges of some points until it is told to end."""
+
+    def __init__(self, mirror, views, seed):
+        super().__init__()
+        self.mirror, self.views, self.chance = mirror, views, random.Random(seed)
+        self.ending = threading.Event()
+        self.reads = 0
+        self.failure = None
+
+    def run(self):
+        while not self.ending.is_set() and self.failure is None:
+            at, expectation = self.chance.choice(self.views)
+            count = self.chance.randrange(1, 600)
+            first = self.chance.choice((self.chance.randrange(2500),
+                                        self.chance.randrange(BLOCKS - count)))
+            done = subprocess.run(
+                [RLCTL, "read", self.mirror, "--at", at, "--offset", str(first * BLOCK),
+                 "--length", str(count * BLOCK), "-q"], capture_output=True, check=False)
+            if done.returncode != 0:
+                self.failure = "read at %s: %d %s" % (at, done.returncode, done.stderr.decode())
+            elif done.stdout != expected_bytes(expectation, first, count):
+                self.failure = "blocks %d to %d at %s are wrong" % (first, first + count - 1, at)
+            self.reads += 1
+
+
+def test_apply_and_trim_beside_readers():
+    with Folder() as folder:
+        mirror, _, lines = make(folder)
+        checkpoints = rlctl_json("checkpoints", mirror)["checkpoints"]
+        middle = len(checkpoints) // 2
+        later = [checkpoints[i] for i in (middle, middle + 2, len(checkpoints) - 1)]
+        views = [("cp:%d" % one["id"], expectation_at(lines, one["items"])) for one in later]
+        readers = [Reader(mirror, views, seed) for seed in range(4)]
+        for reader in readers:
+            reader.start()
+        try:
+            for one in checkpoints[:middle + 1]:
+                applied = rlctl_json("apply", mirror, "--to", "cp:%d" % one["id"], "--yes")
+                check(applied["to_items"] == one["items"], "applied to another point")
+            before = [reader.reads for reader in readers]
+            while any(r.reads < b + 2 and r.failure is None for r, b in zip(readers, before)):
+                time.sleep(0.05)
+        finally:
+            for reader in readers:
+                reader.ending.set()
+            for reader in readers:
+                reader.join()
+        for reader in readers:
+            check(reader.failure is None, reader.failure)
+        print("     %d reads while it applied" % sum(before))
+        compare_image(os.path.join(mirror, "target"), SIZE,
+                      expectation_at(lines, checkpoints[middle]["items"]))
+
+        # The journal shrinks, and every point that is left reads as before.
+        on_disk = journal_bytes_on_disk(mirror)
+        trimmed = rlctl_json("trim", mirror, "--to", "cp:%d" % checkpoints[middle]["id"], "--yes")
+        check(trimmed["data_grains"] > 0, "nothing was trimmed")
+        gone = on_disk - journal_bytes_on_disk(mirror)
+        check(gone > trimmed["data_grains"] * (15 << 20), "%d bytes less on disk" % gone)
+        left = rlctl_json("checkpoints", mirror)["checkpoints"]
+        check(left == checkpoints[middle:], "other checkpoints than before")
+        for one in left:
+            compare_export(mirror, "cp:%d" % one["id"], lines, one["items"])
+        check(rlctl_json("verify", mirror)["ok"], "verify after trim")
+
+        rlctl("apply", mirror, "--to", "latest", "--yes")
+        image = os.path.join(folder, "latest.img")
+        rlctl("export", mirror, "--at", "latest", image)
+        check(filecmp.cmp(image, os.path.join(mirror, "target"), shallow=False),
+              "the target is not the latest view")
+        rlctl("trim", mirror, "--to", "latest", "--yes")
+        compare_export(mirror, "latest", lines, len(lines))
+        check(journal_bytes_on_disk(mirror) < 2 * (17 << 20), "the journal is still large")
+
+
+def test_points_before_the_target_are_gone():
+    with Folder() as folder:
+        mirror, _, lines = make(folder, lines=400, every=50)
+        rlctl("apply", mirror, "--to", "cp:3", "--yes")
+        first = rlctl_json("checkpoints", mirror)["checkpoints"][0]
+        check(first["id"] == 3, "cp:3 is not the first")
+        info = rlctl_json("info", mirror)
+        check(info["first_point"] == "item:%d" % first["items"], "first point")
+        check(info["applied_items"] == first["items"], "applied items")
+        for at in ("cp:2", "item:%d" % (first["items"] - 1), "item:0"):
+            rlctl("export", mirror, "--at", at, os.path.join(folder, "x"), code=10)
+            check("can serve item:%d to" % first["items"] in rlctl.errors, rlctl.errors)
+            rlctl("apply", mirror, "--to", at, "--yes", code=10)
+            rlctl("hold", mirror, "--at", at, code=10)
+        compare_export(mirror, "cp:3", lines, first["items"])
+        check("item:%d only" % first["items"] in
+              (rlctl("trim", mirror, "--to", "cp:4", "--yes", code=11), rlctl.errors)[1],
+              rlctl.errors)
+
+
+def test_it_asks_and_dry_runs_change_nothing():
+    with Folder() as folder:
+        mirror, _, lines = make(folder, lines=300, every=100)
+        target = os.path.join(mirror, "target")
+        rlctl("apply", mirror, "--to", "cp:2", code=2, stdin=subprocess.DEVNULL)
+        check("--yes" in rlctl.errors, rlctl.errors)
+        told = rlctl_json("apply", mirror, "--to", "cp:2", "--dry-run")
+        check(told["dry_run"] and told["data_bytes"] > 0, "a dry run tells nothing")
+        check(os.stat(target).st_blocks == 0, "a dry run wrote to the target")
+        check(rlctl_json("info", mirror)["first_point"] == "item:0", "a dry run moved the window")
+        done = rlctl_json("apply", mirror, "--to", "cp:2", "--yes")
+        check(done["data_bytes"] == told["data_bytes"], "other than the dry run told")
+        rlctl("trim", mirror, "--to", "cp:2", code=2, stdin=subprocess.DEVNULL)
+        compare_export(mirror, "latest", lines, len(lines))
+
+
+def test_holds_and_uses_are_not_passed():
+    with Folder() as folder:
+        mirror, _, lines = make(folder, lines=400, every=50)
+        held = rlctl_json("hold", mirror, "--at", "cp:3", "--name", "audit")
+        check(held["name"] == "audit" and held["point"] == "cp:3", "hold")
+        check(rlctl_json("hold", mirror, "--at", "cp:5")["name"] == "hold-1", "a name of its own")
+        rlctl("hold", mirror, "--at", "cp:4", "--name", "audit", code=2)
+        rlctl("apply", mirror, "--to", "cp:4", "--yes", code=11)
+        check("'audit'" in rlctl.errors and "cp:3" in rlctl.errors, rlctl.errors)
+        info = rlctl_json("info", mirror)
+        check([one["name"] for one in info["holds"]] == ["audit", "hold-1"], "holds")
+        check("audit" in info["trim_held_by"], "trim_held_by")
+        rlctl("apply", mirror, "--to", "cp:3", "--yes")
+        rlctl("release", mirror, "nobody", code=10)
+        rlctl("release", mirror, "audit")
+        rlctl("apply", mirror, "--to", "cp:5", "--yes")
+        rlctl("release", mirror, "hold-1")
+        # An export that nobody reads on stands for a reader that takes its time.
+        with subprocess.Popen([RLCTL, "export", mirror, "--at", "cp:6", "-", "-q"],
+                              stdout=subprocess.PIPE) as slow:
+            check(slow.stdout.read(1) != b"", "no export")
+            rlctl("apply", mirror, "--to", "cp:7", "--yes", code=11)
+            check("a view of cp:6" in rlctl.errors and str(slow.pid) in rlctl.errors, rlctl.errors)
+            check(rlctl_json("info", mirror)["uses"][0]["process"] == slow.pid, "uses")
+            slow.kill()
+            slow.wait()
+            rlctl("apply", mirror, "--to", "cp:7", "--yes")
+        check(rlctl_json("info", mirror)["uses"] == [], "a dead process uses something")
+        compare_export(mirror, "latest", lines, len(lines))
+
+
+def test_an_interrupted_apply_goes_on():
+    with Folder() as folder:
+        mirror, _, lines = make(folder, lines=3000, every=500)
+        interrupted = 0
+        for delay in (0.05, 0.1, 0.15, 0.2, 0.3):
+            with subprocess.Popen([RLCTL, "apply", mirror, "--to", "latest", "--yes", "-q"],
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.PIPE) as process:
+                time.sleep(delay)
+                process.send_signal(signal.SIGINT)
+                errors = process.stderr.read().decode()
+                code = process.wait()
+            # Before it listens, the signal ends it as it does any program.
+            check(code in (0, 130, -signal.SIGINT), "exit code %d: %s" % (code, errors))
+            interrupted += code == 130
+        rlctl("apply", mirror, "--to", "latest", "--yes")
+        compare_image(os.path.join(mirror, "target"), SIZE, expectation_at(lines, len(lines)))
+
+
+class Killing:
+    """One mirror that is recorded, applied and trimmed by processes that are killed."""
+
+    def __init__(self, folder, chance, counts):
+        self.mirror, self.trace, self.lines = make(folder, lines=1500, every=0,
+                                                   seed=chance.randrange(1 << 30))
+        self.chance, self.counts = chance, counts
+        self.acknowledged = 0  # items that a checkpoint held
+        self.recorded = False
+
+    def start(self):
+        info = rlctl_json("info", self.mirror)
+        items = info["items"]
+        first = int(info["first_point"].split(":")[1])
+        kinds = ["apply"] if items > first else []
+        kinds += ["trim"] if info["applied_items"] > info["trimmed_items"] else []
+        kinds += [] if self.recorded else ["record"] * 2
+        if not kinds:
+            return None
+        kind = self.chance.choice(kinds)
+        if kind == "record":
+            arguments = ["record", self.mirror, "--trace", self.trace, "--checkpoint-every", "40"]
+            arguments += ["--resume"] if os.path.exists(
+                os.path.join(self.mirror, "recording")) and items > 0 else []
+        elif kind == "apply":
+            to = self.chance.choice((items, self.chance.randrange(first, items + 1)))
+            arguments = ["apply", self.mirror, "--to", "item:%d" % to, "--yes"]
+        else:
+            arguments = ["trim", self.mirror, "--to", "item:%d" % info["applied_items"], "--yes"]
+        process = subprocess.Popen([RLCTL, *arguments, "-q"], stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.PIPE)
+        return kind, arguments, process
+
+    def step(self):
+        started = self.start()
+        if started is None:
+            return False
+        kind, arguments, process = started
+        with process:
+            try:
+                code = process.wait(timeout=self.chance.choice((0.01, 0.03, 0.06, 0.1, 0.2, 0.5))
+                                    * self.chance.random() * 2)
+            except subprocess.TimeoutExpired:
+                process.send_signal(signal.SIGKILL)
+                code = process.wait()
+            errors = process.stderr.read().decode()
+        check(code in (0, -signal.SIGKILL), "%s: %d %s" % (" ".join(arguments), code, errors))
+        self.counts[kind, code] = self.counts.get((kind, code), 0) + 1
+        if kind == "record" and code == 0:
+            self.recorded = True
+            self.acknowledged = len(self.lines)
+        self.compare(" ".join(arguments))
+        return True
+
+    def compare(self, after):
+        check(rlctl_json("verify", self.mirror)["ok"], "verify after " + after)
+        info = rlctl_json("info", self.mirror)
+        check(info["items"] >= self.acknowledged, "items were lost after " + after)
+        checkpoints = rlctl_json("checkpoints", self.mirror)["checkpoints"]
+        if checkpoints:
+            self.acknowledged = max(self.acknowledged, checkpoints[-1]["items"])
+        first = int(info["first_point"].split(":")[1])
+        points = {first, info["items"]}
+        if checkpoints:
+            points.add(self.chance.choice(checkpoints)["items"])
+        for items in points:
+            try:
+                compare_export(self.mirror, "item:%d" % items, self.lines, items)
+            except Failure as failure:
+                raise Failure("item:%d after %s: %s" % (items, after, failure)) from None
+        if info["applied_items"] == info["apply_toward_items"]:
+            compare_image(os.path.join(self.mirror, "target"), SIZE,
+                          expectation_at(self.lines, info["applied_items"]))
+
+
+def test_kill_at_random_moments():
+    seed = int(os.environ.get("RL_SEED", random.randrange(1 << 30)))
+    seconds = float(os.environ.get("RL_KILL_SECONDS", 30))
+    print("     RL_SEED=%d" % seed, flush=True)
+    chance = random.Random(seed)
+    counts = {}
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        with Folder() as folder:
+            killing = Killing(folder, chance, counts)
+            while time.monotonic() < end and killing.step():
+                pass
+    killed = sum(count for (_, code), count in counts.items() if code == -signal.SIGKILL)
+    print("     %d killed: %s" % (killed, ", ".join(
+        "%s %s %d" % (kind, "killed" if code else "done", count)
+        for (kind, code), count in sorted(counts.items()))))
+    check(killed > 0, "nothing was killed")
+
+
+run(test_apply_and_trim_beside_readers, test_points_before_the_target_are_gone,
+    test_it_asks_and_dry_runs_change_nothing, test_holds_and_uses_are_not_passed,
+    test_an_interrupted_apply_goes_on, test_kill_at_random_moments)
