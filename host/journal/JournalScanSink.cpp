@@ -55,6 +55,8 @@ bool JournalScanSink::takeItem(const JournalPage& page, u32 slot, u64 logicalInd
         return false;
     --m_batchLeft;
     m_inGrain.entryNum = ptr.entryNum;
+    if (m_options.itemNumber != nullptr)
+        *m_options.itemNumber = logicalIndex + (begins ? 1 : 0);
     const RcStatus rc = m_container.addMetaData(item, ptr);
     if (rc != RC_SUCCESS && rc != RC_STOP_INCLUDE_CURRENT)
         return stop(rc);

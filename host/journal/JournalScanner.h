@@ -23,6 +23,10 @@ struct ScanOptions
     u64 prepareTimeoutMs = ~u64{0}; // for each batch, from its beginning; all ones: no limit
     std::function<u64()> nowMs;     // the monotonic clock; empty: the process-wide one
 
+    // Set before each item is handed over to the number of its request, from 1 at the journal's
+    // beginning, by the thread that hands over; a checkpoint has that of the request before it.
+    u64* itemNumber = nullptr;
+
     // Called about once a megabyte of metadata with pages done and pages in all.
     std::function<void(u64 donePages, u64 allPages)> progress;
 };
@@ -30,7 +34,7 @@ struct ScanOptions
 struct ScanResult
 {
     // RC_SUCCESS (also when the container stopped it), RC_ABORTED (cancelled), RC_DAMAGED,
-    // RC_IO_ERROR, RC_BAD_ARGUMENT (a start beyond the end), or the container's failure.
+    // RC_IO_ERROR, RC_BAD_ARGUMENT (a start outside of the journal), or the container's failure.
     RcStatus rc = RC_SUCCESS;
     std::string message;                   // for people, when rc is a failure of the journal
     u64 logicalItems = 0;                  // requests handed over of which the first piece was
