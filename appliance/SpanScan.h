@@ -1,0 +1,29 @@
+// Scans of a part of the journal: what was written between two points in time, at the cost of the
+// items between them.
+//
+// Thread safety: a plain thread.
+#pragma once
+
+#include <string>
+
+#include "RegionLocator/RegionLocator.h"
+#include "appliance/FlowControl.h"
+#include "appliance/Mirror.h"
+#include "host/journal/JournalScanner.h"
+
+// WrongUsage when the first point comes after the second.
+Result checkSpan(const ChosenPoint& from, const ChosenPoint& to);
+
+// Where a scan of all that came after the point starts. Damaged.
+Result startAfter(Mirror& mirror, const ChosenPoint& point, JournalPtr* start);
+
+// Hands the journal's items to the container, from options.start on. Interrupted when control says
+// so; Failed when the container got no memory in time, the message says how much `items` items may
+// need; Damaged. what: names the work for messages, as in "index cp:3".
+Result scanJournal(Mirror& mirror, SfsMetaDataContainer& container, ScanOptions options, u64 items,
+                   const std::string& what, FlowControl& control, ScanResult* scanned);
+
+// Fills an empty locator with what was written after `from` and up to `to`: for each block that
+// was, the newest write of these. Results as scanJournal().
+Result indexSpan(Mirror& mirror, const ChosenPoint& from, const ChosenPoint& to,
+                 RegionLocator& locator, FlowControl& control, ScanResult* scanned);
