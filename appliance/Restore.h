@@ -1,0 +1,28 @@
+// Restore: an image of the volume, out of a full backup and its increments.
+//
+// Thread safety: a plain thread.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "appliance/FlowControl.h"
+#include "appliance/Result.h"
+#include "common/infra/Types.h"
+
+struct RestoreStatistics
+{
+    std::string m_point; // the name of the point that the image shows
+    u64 m_sizeBytes = 0;
+    u64 m_dataBytes = 0; // written, by all files together
+    double m_seconds = 0;
+};
+
+// Applies the backups in their order and writes the image, sparse, under another name in the same
+// folder; it takes its own name only when all of it is there and durable.
+//
+// Failed: the first is no full backup, one does not start where the one before ends, they are of
+// different mirrors or sizes; told before anything is written. Damaged: a file that is not exactly
+// one whole backup. Interrupted, NoSpace. On any failure nothing is left, and what was there stays.
+Result restoreImage(const std::vector<std::string>& files, const std::string& path,
+                    FlowControl& control, RestoreStatistics* statistics);
