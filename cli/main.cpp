@@ -38,6 +38,10 @@ int runMain(int argc, char** argv)
     addLookup(app, context);
     addRead(app, context);
     addExport(app, context);
+    addDiff(app, context);
+    addHistory(app, context);
+    addBackup(app, context);
+    addRestore(app, context);
     addHold(app, context);
     addRelease(app, context);
     addApply(app, context);

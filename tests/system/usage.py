@@ -44,7 +44,8 @@ def test_wrong_usage_is_2():
 def test_every_command_helps_with_two_examples():
     commands = ("create", "capture", "record", "hold", "release", "apply", "trim", "checkpoint",
                 "checkpoints", "info", "stats",
-                "lookup", "read", "export", "verify", "events", "completion")
+                "lookup", "read", "export", "diff", "history", "backup", "restore", "verify", "events",
+                "completion")
     for command in commands:
         text = rlctl(command, "--help").decode()
         check(text.count("\n  rlctl " + command) == 2, "examples of " + command)
