@@ -16,8 +16,7 @@ constexpr u64 PATIENCE_MS = 30000;
 
 Drain::Drain(Mirror& mirror, TaskEngine& engine, RegionLocator& locator, TargetVolume& target,
              u32 stepBlocks)
-    : m_mirror(mirror), m_engine(engine), m_locator(locator), m_target(target),
-      m_stepBlocks(stepBlocks),
+    : m_engine(engine), m_locator(locator), m_target(target), m_stepBlocks(stepBlocks),
       m_reader(&mirror.journal(), &mirror.driver(), "apply", mirror.settings().m_id),
       m_memory(Singleton<MemoryPoolImpl, MemoryPoolImpl>::instance()->getMmi("Apply_reads")),
       m_voucher(locator.getMemPool()->createVoucher())

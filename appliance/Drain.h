@@ -52,7 +52,6 @@ private:
     Result startWrites(Batch& batch);
     Result reserve(u64 regions);
 
-    Mirror& m_mirror;
     TaskEngine& m_engine;
     RegionLocator& m_locator;
     TargetVolume& m_target;
