@@ -45,6 +45,10 @@ function(rl_tests NAME FOLDER)
   endif()
   add_executable(${NAME} ${sources})
   target_link_libraries(${NAME} PRIVATE ${ARGN} rl_test_support GTest::gmock GTest::gtest_main)
+  if(RL_SANITIZE)
+    # What is watched is the code under test; optimising the tests costs more than it saves.
+    target_compile_options(${NAME} PRIVATE -O0)
+  endif()
   gtest_discover_tests(${NAME} TEST_PREFIX "${FOLDER}/" PROPERTIES TIMEOUT 600
     DISCOVERY_TIMEOUT 60)
 endfunction()
