@@ -8,7 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "appliance/Retention.h"
 #include "appliance/Sizes.h"
+#include "common/infra/LogItem.h"
 #include "host/journal/FileStorage.h"
 
 namespace fs = std::filesystem;
@@ -365,16 +367,44 @@ Result Mirror::journaled(RcStatus rc, const std::string& what) const
     return Result::fromStatus(rc, what);
 }
 
+// Nearly full is told before full is a failure, once for each time that it comes to that.
+Result Mirror::accepted(RcStatus rc, const char* what, u64 offsetBlocks)
+{
+    if (rc != RC_SUCCESS)
+        return journaled(rc, std::string(what) + std::to_string(offsetBlocks));
+    if (m_journal->limitBytes() == 0)
+        return Result();
+    const u64 used = m_journal->bytesUsed();
+    const bool nearlyFull = isNearlyFull(used, m_journal->limitBytes());
+    if (m_toldNearlyFull.exchange(nearlyFull) < nearlyFull)
+        LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
+            << "the journal of " << m_folder << " is nearly full: " << formatSize(used) << " of "
+            << formatSize(m_journal->limitBytes()) << "; apply and trim make room" << std::endl;
+    return Result();
+}
+
 Result Mirror::write(u64 offsetBlocks, const u8* data, u32 lengthBlocks)
 {
-    return journaled(m_journal->append(offsetBlocks, data, lengthBlocks),
-                     "cannot journal the write at block " + std::to_string(offsetBlocks));
+    return accepted(m_journal->append(offsetBlocks, data, lengthBlocks),
+                    "cannot journal the write at block ", offsetBlocks);
 }
 
 Result Mirror::writeZeroes(u64 offsetBlocks, u64 lengthBlocks)
 {
-    return journaled(m_journal->appendZeroes(offsetBlocks, lengthBlocks),
-                     "cannot journal the zeroes at block " + std::to_string(offsetBlocks));
+    return accepted(m_journal->appendZeroes(offsetBlocks, lengthBlocks),
+                    "cannot journal the zeroes at block ", offsetBlocks);
+}
+
+Result Mirror::changeSettings(u64 keepCheckpoints, u64 keepForSeconds, u64 journalLimitBytes)
+{
+    MirrorSettings changed = m_settings;
+    changed.m_keepCheckpoints = keepCheckpoints;
+    changed.m_keepForSeconds = keepForSeconds;
+    changed.m_journalLimitBytes = journalLimitBytes;
+    if (Result result = storeSettings(*m_storage, changed); !result.ok())
+        return result;
+    m_settings = changed;
+    return Result();
 }
 
 Result Mirror::checkpoint(const std::string& tag, CpId_t* id)

@@ -15,6 +15,7 @@
 //             3. a point that is used or held stays readable until it is let go.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -99,6 +100,10 @@ public:
         function(m_views);
     }
 
+    // Changes what retention and limit are, durably; they hold from the next opening on. Writers
+    // only.
+    Result changeSettings(u64 keepCheckpoints, u64 keepForSeconds, u64 journalLimitBytes);
+
     // Journal one request; it is one item, however the journal splits it.
     Result write(u64 offsetBlocks, const u8* data, u32 lengthBlocks);
     Result writeZeroes(u64 offsetBlocks, u64 lengthBlocks);
@@ -126,6 +131,7 @@ private:
     Result checkPointLatched(u64 items);
     Result openTargetAs(bool readOnly, std::shared_ptr<TargetVolume>* target);
     Result journaled(RcStatus rc, const std::string& what) const;
+    Result accepted(RcStatus rc, const char* what, u64 offsetBlocks);
 
     std::string m_folder;
     std::unique_ptr<Storage> m_storage;
@@ -133,6 +139,7 @@ private:
     std::unique_ptr<JournalStore> m_journal;
     std::shared_ptr<TargetVolume> m_target;
     VolumeDriver m_driver;
+    std::atomic<bool> m_toldNearlyFull{false};
     mutable Mutex m_applyMutex;
     ApplyState m_applyState RL_GUARDED_BY(m_applyMutex);
     Mutex m_viewsMutex;

@@ -15,7 +15,9 @@ std::string settingsText(const MirrorSettings& settings)
                  {"size_bytes", settings.m_sizeBytes},
                  {"target", settings.m_target},
                  {"compression", compressionName(settings.m_compression)},
-                 {"journal_limit_bytes", settings.m_journalLimitBytes}};
+                 {"journal_limit_bytes", settings.m_journalLimitBytes},
+                 {"keep_checkpoints", settings.m_keepCheckpoints},
+                 {"keep_for_seconds", settings.m_keepForSeconds}};
     return json.dump(2) + "\n";
 }
 
@@ -51,6 +53,12 @@ std::string parseSettings(const std::string& text, MirrorSettings* settings)
         !word("target", &settings->m_target) || !word("compression", &compression) ||
         !number("journal_limit_bytes", &settings->m_journalLimitBytes))
         return "a field is missing or of the wrong type";
+    // Mirrors that were made before there was retention do not have these.
+    for (const auto& [name, value] : {std::pair{"keep_checkpoints", &settings->m_keepCheckpoints},
+                                      std::pair{"keep_for_seconds", &settings->m_keepForSeconds}}) {
+        if (json.contains(name) && !number(name, value))
+            return std::string("the field ") + name + " is of the wrong type";
+    }
     if (settings->m_sizeBytes == 0 || settings->m_sizeBytes % BLOCK_BYTES != 0)
         return "its size is no number of blocks";
     if (!compressionFromName(compression, &settings->m_compression))

@@ -21,6 +21,8 @@ struct MirrorSettings
     std::string m_target; // path of the target volume; empty for the file "target" in the folder
     Compression m_compression = Compression::None;
     u64 m_journalLimitBytes = 0; // 0 for none
+    u64 m_keepCheckpoints = 0;   // retention keeps so many of the newest; 0: no such rule
+    u64 m_keepForSeconds = 0;    // and those that are younger; 0: no such rule
 
     u64 sizeBlocks() const { return m_sizeBytes / BLOCK_BYTES; }
 };

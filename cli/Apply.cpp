@@ -4,9 +4,11 @@
 
 #include <fmt/format.h>
 
+#include "appliance/Retention.h"
 #include "appliance/Sizes.h"
 #include "cli/Commands.h"
 #include "cli/Confirm.h"
+#include "host/infra/Clock.h"
 
 namespace {
 
@@ -14,6 +16,7 @@ struct Arguments
 {
     std::string m_mirror;
     std::string m_to;
+    bool m_retention = false;
     bool m_dryRun = false;
     bool m_yes = false;
 };
@@ -31,6 +34,33 @@ Json toJson(const ApplyStatistics& statistics, const ChosenPoint& to, bool dryRu
                 {"seconds", statistics.m_seconds}};
 }
 
+// The point that was asked for; with --retention the one that the settings want, or else the one
+// that the target holds already.
+Result chooseEnd(Context& context, Mirror& mirror, const Arguments& arguments, ChosenPoint* to)
+{
+    if (arguments.m_retention == !arguments.m_to.empty())
+        return Result::usage("say either --to POINT or --retention");
+    if (!arguments.m_retention) {
+        PointName name;
+        if (Result result = parsePoint(arguments.m_to, &name); !result.ok())
+            return result;
+        return choosePoint(name, mirror.window(), to);
+    }
+    // One that was cut off comes first: its points are gone already.
+    to->m_items = mirror.applyState().firstItems();
+    RetentionPoint wanted;
+    if (Result result = findRetentionPoint(mirror, Clock::instance()->wallTimeUs(), &wanted);
+        !result.ok())
+        return result;
+    if (!wanted.m_any) {
+        context.say("everything that is there is to be kept");
+        return Result();
+    }
+    context.say(wanted.m_why);
+    *to = wanted.m_point;
+    return Result();
+}
+
 Result run(Context& context, const Arguments& arguments)
 {
     // Also for a dry run, which so sees what an apply would.
@@ -38,11 +68,8 @@ Result run(Context& context, const Arguments& arguments)
     if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Writer, &mirror);
         !result.ok())
         return result;
-    PointName name;
-    if (Result result = parsePoint(arguments.m_to, &name); !result.ok())
-        return result;
     ChosenPoint to;
-    if (Result result = choosePoint(name, mirror->window(), &to); !result.ok())
+    if (Result result = chooseEnd(context, *mirror, arguments, &to); !result.ok())
         return result;
     context.say("to " + to.description());
     const bool changes = to.m_items != mirror->applyState().m_items;
@@ -83,7 +110,9 @@ void addApply(CLI::App& app, Context& context)
                    "rlctl apply backup.mirror --to time:2026-03-01T00:00:00Z --yes");
     auto arguments = std::make_shared<Arguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
-    command->add_option("--to", arguments->m_to, "The point in time")->required();
+    command->add_option("--to", arguments->m_to, "The point in time");
+    command->add_flag("--retention", arguments->m_retention,
+                      "To where the mirror's settings keep everything from; see rlctl set");
     command->add_flag("--dry-run", arguments->m_dryRun, "Only tell what there is to do");
     command->add_flag("--yes", arguments->m_yes, "Do not ask");
     command->callback([&context, arguments] {

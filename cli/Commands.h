@@ -17,6 +17,7 @@ void addDiff(CLI::App& app, Context& context);
 void addHistory(CLI::App& app, Context& context);
 void addBackup(CLI::App& app, Context& context);
 void addRestore(CLI::App& app, Context& context);
+void addSet(CLI::App& app, Context& context);
 void addHold(CLI::App& app, Context& context);
 void addRelease(CLI::App& app, Context& context);
 void addApply(CLI::App& app, Context& context);

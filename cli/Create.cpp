@@ -2,6 +2,7 @@
 
 #include <filesystem>
 
+#include "appliance/Retention.h"
 #include "appliance/Sizes.h"
 #include "cli/Commands.h"
 
@@ -14,6 +15,8 @@ struct Arguments
     std::string m_target;
     std::string m_compression = "none";
     std::string m_journalLimit;
+    u64 m_keepCheckpoints = 0;
+    std::string m_keepFor;
 };
 
 Result run(Context& context, const Arguments& arguments)
@@ -28,6 +31,12 @@ Result run(Context& context, const Arguments& arguments)
         return Result::usage("--size has to be at most 512T");
     if (!arguments.m_journalLimit.empty()) {
         if (Result result = parseSize(arguments.m_journalLimit, &settings.m_journalLimitBytes);
+            !result.ok())
+            return result;
+    }
+    settings.m_keepCheckpoints = arguments.m_keepCheckpoints;
+    if (!arguments.m_keepFor.empty()) {
+        if (Result result = parseDuration(arguments.m_keepFor, &settings.m_keepForSeconds);
             !result.ok())
             return result;
     }
@@ -69,6 +78,14 @@ void addCreate(CLI::App& app, Context& context)
         ->envname("RL_COMPRESS");
     command->add_option("--journal-limit", arguments->m_journalLimit, "Most the journal may take")
         ->envname("RL_JOURNAL_LIMIT");
+    command
+        ->add_option("--keep-checkpoints", arguments->m_keepCheckpoints,
+                     "Retention keeps so many of the newest checkpoints")
+        ->envname("RL_KEEP_CHECKPOINTS");
+    command
+        ->add_option("--keep-for", arguments->m_keepFor,
+                     "And those younger than this: 45s, 30m, 12h, 7d, 2w")
+        ->envname("RL_KEEP_FOR");
     command->callback([&context, arguments] {
         context.setAction([&, arguments] { return run(context, *arguments); });
     });

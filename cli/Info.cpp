@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "appliance/Retention.h"
 #include "appliance/Sizes.h"
 #include "cli/Commands.h"
 
@@ -23,6 +24,17 @@ std::string trimHolder(const ApplyState& applied, const RecoverableWindow& windo
     if (applied.m_items < window.m_items)
         return "the target, which holds item:" + std::to_string(applied.m_items);
     return "";
+}
+
+std::string keepsText(const MirrorSettings& settings)
+{
+    std::string text;
+    if (settings.m_keepCheckpoints != 0)
+        text = fmt::format("the newest {} checkpoints", settings.m_keepCheckpoints);
+    if (settings.m_keepForSeconds != 0)
+        text += (text.empty() ? "the last " : ", and the last ") +
+                formatDuration(settings.m_keepForSeconds);
+    return text.empty() ? "everything" : text;
 }
 
 std::string appliedText(const ApplyState& applied)
@@ -76,6 +88,8 @@ Result run(Context& context, const std::string& folder)
     std::vector<UseInfo> uses;
     if (Result result = mirror->pins(&holds, &uses); !result.ok())
         return result;
+    const bool nearlyFull =
+        isNearlyFull(mirror->journal().bytesUsed(), settings.m_journalLimitBytes);
     const std::string heldBy = trimHolder(applied, window, holds, uses);
     const std::string first = "item:" + std::to_string(window.m_firstItems);
     const u64 used = mirror->journal().bytesUsed();
@@ -88,6 +102,9 @@ Result run(Context& context, const std::string& folder)
                             {"compression", compressionName(settings.m_compression)},
                             {"journal_bytes", used},
                             {"journal_limit_bytes", settings.m_journalLimitBytes},
+                            {"journal_nearly_full", nearlyFull},
+                            {"keep_checkpoints", settings.m_keepCheckpoints},
+                            {"keep_for_seconds", settings.m_keepForSeconds},
                             {"items", window.m_items},
                             {"checkpoints", window.m_checkpoints.size()},
                             {"first_point", first},
@@ -103,12 +120,14 @@ Result run(Context& context, const std::string& folder)
     }
     const std::string limit = settings.m_journalLimitBytes == 0
                                   ? "no limit"
-                                  : "of " + formatSize(settings.m_journalLimitBytes);
+                                  : "of " + formatSize(settings.m_journalLimitBytes) +
+                                        (nearlyFull ? ", nearly full" : "");
     context.result(fmt::format("mirror       {}\n"
                                "volume       {}\n"
                                "target       {}\n"
                                "compression  {}\n"
                                "journal      {} used, {}\n"
+                               "keeps        {}\n"
                                "items        {}\n"
                                "checkpoints  {}\n"
                                "can serve    {}\n"
@@ -118,8 +137,8 @@ Result run(Context& context, const std::string& folder)
                                folder, formatSize(settings.m_sizeBytes),
                                settings.m_target.empty() ? "its own file" : settings.m_target,
                                compressionName(settings.m_compression), formatSize(used), limit,
-                               window.m_items, window.m_checkpoints.size(), describeWindow(window),
-                               appliedText(applied), toText(holds, uses),
+                               keepsText(settings), window.m_items, window.m_checkpoints.size(),
+                               describeWindow(window), appliedText(applied), toText(holds, uses),
                                heldBy.empty() ? "nothing holds it" : "held by " + heldBy));
     return Result();
 }

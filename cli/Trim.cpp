@@ -14,6 +14,7 @@ struct Arguments
 {
     std::string m_mirror;
     std::string m_to;
+    bool m_retention = false;
     bool m_dryRun = false;
     bool m_yes = false;
 };
@@ -35,12 +36,19 @@ Result run(Context& context, const Arguments& arguments)
     if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Writer, &mirror);
         !result.ok())
         return result;
-    PointName name;
-    if (Result result = parsePoint(arguments.m_to, &name); !result.ok())
-        return result;
+    if (arguments.m_retention == !arguments.m_to.empty())
+        return Result::usage("say either --to POINT or --retention");
     ChosenPoint to;
-    if (Result result = choosePoint(name, mirror->journalWindow(), &to); !result.ok())
-        return result;
+    if (arguments.m_retention) {
+        // What the target holds is served from there: none of it need stay in the journal.
+        to.m_items = mirror->applyState().m_items;
+    } else {
+        PointName name;
+        if (Result result = parsePoint(arguments.m_to, &name); !result.ok())
+            return result;
+        if (Result result = choosePoint(name, mirror->journalWindow(), &to); !result.ok())
+            return result;
+    }
     context.say("to " + to.description());
     if (!arguments.m_dryRun && !arguments.m_yes) {
         if (Result result = confirm("The journal before " + to.name() + " will be removed.");
@@ -77,8 +85,8 @@ void addTrim(CLI::App& app, Context& context)
         "rlctl trim backup.mirror --to cp:3 --dry-run", "rlctl trim backup.mirror --to cp:3 --yes");
     auto arguments = std::make_shared<Arguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
-    command->add_option("--to", arguments->m_to, "The point in time; the target has to hold it")
-        ->required();
+    command->add_option("--to", arguments->m_to, "The point in time; the target has to hold it");
+    command->add_flag("--retention", arguments->m_retention, "All that the target holds");
     command->add_flag("--dry-run", arguments->m_dryRun, "Only tell what would go");
     command->add_flag("--yes", arguments->m_yes, "Do not ask");
     command->callback([&context, arguments] {

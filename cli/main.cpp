@@ -42,6 +42,7 @@ int runMain(int argc, char** argv)
     addHistory(app, context);
     addBackup(app, context);
     addRestore(app, context);
+    addSet(app, context);
     addHold(app, context);
     addRelease(app, context);
     addApply(app, context);

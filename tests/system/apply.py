@@ -217,6 +217,54 @@ def test_an_interrupted_apply_goes_on():
         compare_image(os.path.join(mirror, "target"), SIZE, expectation_at(lines, len(lines)))
 
 
+def test_retention_keeps_what_is_set():
+    with Folder() as folder:
+        mirror, trace, lines = make(folder, lines=1500, every=100)
+        count = len(rlctl_json("checkpoints", mirror)["checkpoints"])
+        rlctl("set", mirror, "--keep-for", "soon", code=2)
+        rlctl("set", mirror, "--keep-checkpoints", "few", code=2)
+        rlctl("apply", mirror, "--yes", code=2)
+        done = rlctl_json("apply", mirror, "--retention", "--yes")
+        check(done["items"] == 0, "applied something though everything is to be kept")
+        told = rlctl_json("set", mirror, "--keep-checkpoints", "4", "--keep-for", "0s")
+        check(told["keep_checkpoints"] == 4, "set")
+        rlctl("apply", mirror, "--retention", "--yes")
+        rlctl("trim", mirror, "--retention", "--yes")
+        left = rlctl_json("checkpoints", mirror)["checkpoints"]
+        check([one["id"] for one in left] == list(range(count - 3, count + 1)), "others are left")
+        for one in left:
+            compare_export(mirror, "cp:%d" % one["id"], lines, one["items"])
+        rlctl("set", mirror, "--keep-checkpoints", "0", "--keep-for", "7d")
+        info = rlctl_json("info", mirror)
+        check(info["keep_for_seconds"] == 7 * 86400 and info["keep_checkpoints"] == 0, "info")
+        check("the last 7d" in rlctl("info", mirror).decode(), "info in words")
+
+
+def test_nearly_full_is_told_before_full():
+    with Folder() as folder:
+        mirror, trace, lines = make(folder, lines=3000, every=0, limit="40M")
+        rlctl("record", mirror, "--trace", trace, "--checkpoint-every", 50, code=13)
+        check("nearly full" in rlctl.errors, rlctl.errors)
+        check(rlctl.errors.index("nearly full") < rlctl.errors.index("is reached"), rlctl.errors)
+        info = rlctl_json("info", mirror)
+        check(info["journal_nearly_full"], "info says nothing of it")
+        before = info["items"]
+        # What was accepted is there, and with room made the recording goes on where it stopped.
+        compare_export(mirror, "latest", lines, before)
+        for _ in range(50):
+            rlctl("apply", mirror, "--retention", "--yes")
+            rlctl("trim", mirror, "--retention", "--yes")
+            info = rlctl_json("info", mirror)
+            check(not info["journal_nearly_full"], "no room was made")
+            done = subprocess.run([RLCTL, "record", mirror, "--trace", trace, "--checkpoint-every",
+                                   "50", "--resume", "-q"], capture_output=True, check=False)
+            if done.returncode == 0:
+                break
+            check(done.returncode == 13, done.stderr.decode())
+        compare_export(mirror, "latest", lines, len(lines))
+        check(rlctl_json("verify", mirror)["ok"], "verify")
+
+
 class Killing:
     """One mirror that is recorded, applied and trimmed by processes that are killed."""
 
@@ -226,13 +274,14 @@ class Killing:
         self.chance, self.counts = chance, counts
         self.acknowledged = 0  # items that a checkpoint held
         self.recorded = False
+        self.trimmed_to = 0  # applied items at the last trim that was not killed
 
     def start(self):
         info = rlctl_json("info", self.mirror)
         items = info["items"]
         first = int(info["first_point"].split(":")[1])
         kinds = ["apply"] if items > first else []
-        kinds += ["trim"] if info["applied_items"] > info["trimmed_items"] else []
+        kinds += ["trim"] if info["applied_items"] > self.trimmed_to else []
         kinds += [] if self.recorded else ["record"] * 2
         if not kinds:
             return None
@@ -265,6 +314,8 @@ class Killing:
             errors = process.stderr.read().decode()
         check(code in (0, -signal.SIGKILL), "%s: %d %s" % (" ".join(arguments), code, errors))
         self.counts[kind, code] = self.counts.get((kind, code), 0) + 1
+        if kind == "trim" and code == 0:
+            self.trimmed_to = int(arguments[3].split(":")[1])
         if kind == "record" and code == 0:
             self.recorded = True
             self.acknowledged = len(self.lines)
@@ -313,4 +364,5 @@ def test_kill_at_random_moments():
 
 run(test_apply_and_trim_beside_readers, test_points_before_the_target_are_gone,
     test_it_asks_and_dry_runs_change_nothing, test_holds_and_uses_are_not_passed,
-    test_an_interrupted_apply_goes_on, test_kill_at_random_moments)
+    test_an_interrupted_apply_goes_on, test_retention_keeps_what_is_set,
+    test_nearly_full_is_told_before_full, test_kill_at_random_moments)

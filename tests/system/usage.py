@@ -42,10 +42,10 @@ def test_wrong_usage_is_2():
 
 
 def test_every_command_helps_with_two_examples():
-    commands = ("create", "capture", "record", "hold", "release", "apply", "trim", "checkpoint",
-                "checkpoints", "info", "stats",
-                "lookup", "read", "export", "diff", "history", "backup", "restore", "verify", "events",
-                "completion")
+    commands = ("create", "capture", "record", "set", "hold", "release", "apply", "trim",
+                "checkpoint", "checkpoints", "info", "stats",
+                "lookup", "read", "export", "diff", "history", "backup", "restore", "verify",
+                "events", "completion")
     for command in commands:
         text = rlctl(command, "--help").decode()
         check(text.count("\n  rlctl " + command) == 2, "examples of " + command)
@@ -152,7 +152,9 @@ def test_journal_limit_is_13_and_keeps_what_was_acknowledged():
                 file.write("%d,W,%d,100\n" % (i, i * 100))
         rlctl("create", mirror, "--size", "1G", "--journal-limit", "4M")
         rlctl("record", mirror, "--trace", trace, "--checkpoint-every", "10", code=13)
-        one_line("limit")
+        lines = rlctl.errors.splitlines()
+        check(len(lines) == 2 and "nearly full" in lines[0] and "limit" in lines[1],
+              "not a warning and then the error: %r" % rlctl.errors)
         items = rlctl_json("info", mirror)["items"]
         check(0 < items < 400, "items: %d" % items)
         check(rlctl_json("verify", mirror)["ok"], "verify")
