@@ -23,15 +23,15 @@ namespace {
 thread_local bool t_counting = false;
 thread_local u64 t_allocations = 0;
 
-void noteAllocation()
+} // namespace
+
+#if COUNTS_ALLOCATIONS
+
+static void noteAllocation()
 {
     if (t_counting)
         ++t_allocations;
 }
-
-} // namespace
-
-#if COUNTS_ALLOCATIONS
 
 extern "C" void* __libc_malloc(size_t size);
 extern "C" void* __libc_calloc(size_t count, size_t size);
