@@ -78,6 +78,14 @@ u64 PoolCore::mostChunks()
     return mostChunksLocked();
 }
 
+// Whether a fill is so large that the list of its segments alone should not be made before it is
+// known to have a chance.
+bool PoolCore::isBeyondReach(u32 chunks)
+{
+    constexpr u32 LARGE_FILL_CHUNKS = 1 << 16;
+    return chunks > LARGE_FILL_CHUNKS && chunks > mostChunks();
+}
+
 u64 PoolCore::mostChunksLocked()
 {
     u64 blocks = m_maxBytes / m_blocks.blockBytes();
@@ -108,6 +116,8 @@ FutureStatus PoolCore::fill(const PoolFill& request)
     const u32 blockBytes = m_hooks.maxBlockBytes();
     if (blockBytes < m_chunkBytes)
         return makeSetFuture(RC_NO_MEMORY); // the blocks to be had hold no chunk
+    if (isBeyondReach(chunks))
+        return makeSetFuture(RC_NO_MEMORY);
     // Here, so that a fill which is served later needs no heap then.
     request.m_buf->reserveSegments(request.m_buf->getSegmentsCount() + chunks);
 
@@ -189,6 +199,8 @@ RcStatus PoolCore::fillNoWait(ScatteredBuf* buf, u32 sizeBytes, ModuleMemoryInfo
     const u32 chunks = chunksOf(sizeBytes);
     const u32 blockBytes = m_hooks.maxBlockBytes();
     if (blockBytes < m_chunkBytes)
+        return RC_NO_MEMORY;
+    if (isBeyondReach(chunks))
         return RC_NO_MEMORY;
     buf->reserveSegments(buf->getSegmentsCount() + chunks);
     for (;;) {

@@ -113,6 +113,7 @@ private:
 
     u32 chunksOf(u32 sizeBytes) const;
     void configure(u32 blockBytes) RL_REQUIRES(m_mutex);
+    bool isBeyondReach(u32 chunks) RL_EXCLUDES(m_mutex);
     u64 mostChunksLocked() RL_REQUIRES(m_mutex);
     bool hasRoomForBlock() const RL_REQUIRES(m_mutex);
     void take(const PoolFill& request, u32 chunks) RL_REQUIRES(m_mutex);
