@@ -17,7 +17,7 @@ struct Arguments
 std::string freeName(const std::vector<Hold>& holds)
 {
     for (u64 i = 1;; ++i) {
-        const std::string name = "hold-" + std::to_string(i);
+        std::string name = "hold-" + std::to_string(i);
         bool taken = false;
         for (const Hold& hold : holds)
             taken = taken || hold.m_name == name;

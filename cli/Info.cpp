@@ -39,7 +39,7 @@ std::string keepsText(const MirrorSettings& settings)
 
 std::string appliedText(const ApplyState& applied)
 {
-    const std::string text = "item:" + std::to_string(applied.m_items);
+    std::string text = "item:" + std::to_string(applied.m_items);
     if (!applied.underWay())
         return text;
     return text + ", on its way to item:" + std::to_string(applied.m_towardItems) +
