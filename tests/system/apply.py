@@ -1,4 +1,4 @@
-"""Bringing the target forward and giving the journal back, beside readers and under kill -9."""
+"""Bringing the target forward and giving the journal back, beside readers."""
 
 import filecmp
 import os
@@ -8,8 +8,8 @@ import subprocess
 import threading
 import time
 
-from support import (BLOCK, RLCTL, Expectation, Failure, Folder, check, compare_image,
-                     generated_trace, payload, read_trace, rlctl, rlctl_json, run)
+from support import (BLOCK, RLCTL, Expectation, Folder, check, compare_image, generated_trace,
+                     payload, read_trace, rlctl, rlctl_json, run)
 
 BLOCKS = 1 << 22
 SIZE = BLOCKS * BLOCK
@@ -265,104 +265,7 @@ def test_nearly_full_is_told_before_full():
         check(rlctl_json("verify", mirror)["ok"], "verify")
 
 
-class Killing:
-    """One mirror that is recorded, applied and trimmed by processes that are killed."""
-
-    def __init__(self, folder, chance, counts):
-        self.mirror, self.trace, self.lines = make(folder, lines=1500, every=0,
-                                                   seed=chance.randrange(1 << 30))
-        self.chance, self.counts = chance, counts
-        self.acknowledged = 0  # items that a checkpoint held
-        self.recorded = False
-        self.trimmed_to = 0  # applied items at the last trim that was not killed
-
-    def start(self):
-        info = rlctl_json("info", self.mirror)
-        items = info["items"]
-        first = int(info["first_point"].split(":")[1])
-        kinds = ["apply"] if items > first else []
-        kinds += ["trim"] if info["applied_items"] > self.trimmed_to else []
-        kinds += [] if self.recorded else ["record"] * 2
-        if not kinds:
-            return None
-        kind = self.chance.choice(kinds)
-        if kind == "record":
-            arguments = ["record", self.mirror, "--trace", self.trace, "--checkpoint-every", "40"]
-            arguments += ["--resume"] if os.path.exists(
-                os.path.join(self.mirror, "recording")) and items > 0 else []
-        elif kind == "apply":
-            to = self.chance.choice((items, self.chance.randrange(first, items + 1)))
-            arguments = ["apply", self.mirror, "--to", "item:%d" % to, "--yes"]
-        else:
-            arguments = ["trim", self.mirror, "--to", "item:%d" % info["applied_items"], "--yes"]
-        process = subprocess.Popen([RLCTL, *arguments, "-q"], stdout=subprocess.DEVNULL,
-                                   stderr=subprocess.PIPE)
-        return kind, arguments, process
-
-    def step(self):
-        started = self.start()
-        if started is None:
-            return False
-        kind, arguments, process = started
-        with process:
-            try:
-                code = process.wait(timeout=self.chance.choice((0.01, 0.03, 0.06, 0.1, 0.2, 0.5))
-                                    * self.chance.random() * 2)
-            except subprocess.TimeoutExpired:
-                process.send_signal(signal.SIGKILL)
-                code = process.wait()
-            errors = process.stderr.read().decode()
-        check(code in (0, -signal.SIGKILL), "%s: %d %s" % (" ".join(arguments), code, errors))
-        self.counts[kind, code] = self.counts.get((kind, code), 0) + 1
-        if kind == "trim" and code == 0:
-            self.trimmed_to = int(arguments[3].split(":")[1])
-        if kind == "record" and code == 0:
-            self.recorded = True
-            self.acknowledged = len(self.lines)
-        self.compare(" ".join(arguments))
-        return True
-
-    def compare(self, after):
-        check(rlctl_json("verify", self.mirror)["ok"], "verify after " + after)
-        info = rlctl_json("info", self.mirror)
-        check(info["items"] >= self.acknowledged, "items were lost after " + after)
-        checkpoints = rlctl_json("checkpoints", self.mirror)["checkpoints"]
-        if checkpoints:
-            self.acknowledged = max(self.acknowledged, checkpoints[-1]["items"])
-        first = int(info["first_point"].split(":")[1])
-        points = {first, info["items"]}
-        if checkpoints:
-            points.add(self.chance.choice(checkpoints)["items"])
-        for items in points:
-            try:
-                compare_export(self.mirror, "item:%d" % items, self.lines, items)
-            except Failure as failure:
-                raise Failure("item:%d after %s: %s" % (items, after, failure)) from None
-        if info["applied_items"] == info["apply_toward_items"]:
-            compare_image(os.path.join(self.mirror, "target"), SIZE,
-                          expectation_at(self.lines, info["applied_items"]))
-
-
-def test_kill_at_random_moments():
-    seed = int(os.environ.get("RL_SEED", random.randrange(1 << 30)))
-    seconds = float(os.environ.get("RL_KILL_SECONDS", 30))
-    print("     RL_SEED=%d" % seed, flush=True)
-    chance = random.Random(seed)
-    counts = {}
-    end = time.monotonic() + seconds
-    while time.monotonic() < end:
-        with Folder() as folder:
-            killing = Killing(folder, chance, counts)
-            while time.monotonic() < end and killing.step():
-                pass
-    killed = sum(count for (_, code), count in counts.items() if code == -signal.SIGKILL)
-    print("     %d killed: %s" % (killed, ", ".join(
-        "%s %s %d" % (kind, "killed" if code else "done", count)
-        for (kind, code), count in sorted(counts.items()))))
-    check(killed > 0, "nothing was killed")
-
-
 run(test_apply_and_trim_beside_readers, test_points_before_the_target_are_gone,
     test_it_asks_and_dry_runs_change_nothing, test_holds_and_uses_are_not_passed,
     test_an_interrupted_apply_goes_on, test_retention_keeps_what_is_set,
-    test_nearly_full_is_told_before_full, test_kill_at_random_moments)
+    test_nearly_full_is_told_before_full)
