@@ -89,7 +89,7 @@ class Pace:
             rlctl(*plan.arguments)
             self.whole[kind] = time.monotonic() - started
             if kind == "backup":
-                mirror.backups.append((plan.file, plan.items))
+                mirror.backups.append((plan.file, plan.checkpoint))
 
     def draw(self, chance, plan):
         share = max(0.0, min(1.0, plan.share))
@@ -101,8 +101,9 @@ class Pace:
 
 
 class Plan:
-    def __init__(self, kind, share, arguments, items=0, file=None):
+    def __init__(self, kind, share, arguments, items=0, file=None, checkpoint=None):
         self.kind, self.share, self.items, self.file = kind, share, items, file
+        self.checkpoint = checkpoint
         self.arguments = [kind, *arguments]
 
     def text(self):
@@ -122,7 +123,7 @@ class Mirror:
         self.checkpoints = []  # acknowledged: (id, items, tag), ascending
         self.items = self.first = self.applied = self.trimmed = 0
         self.recorded = False
-        self.backups = []  # (file, items): a full one and the increments behind it
+        self.backups = []  # (file, checkpoint): a full one and the increments behind it
         self.files = 0
         rlctl("create", self.path, "--size", SIZE)
 
@@ -155,26 +156,25 @@ class Mirror:
             return Plan(kind, (to - self.trimmed) / count,
                         [self.path, "--to", "item:%d" % to, "--yes"], to)
         if kind == "backup":
-            since = self.backups[-1][1] if self.backups else 0
+            since = self.backups[-1][1][1] if self.backups else 0
             later = [one for one in self.usable() if one[1] > since]
             if not later:
                 return None
             at = later[-1] if whole else self.chance.choice(later)
             arguments = ["--at", "cp:%d" % at[0]]
             # An increment starts where the last backup ended, as long as that can be had.
-            base = [one for one in self.usable() if self.backups and one[1] == since]
-            if base:
-                arguments += ["--since", "cp:%d" % base[0][0]]
+            if self.backups and self.backups[-1][1] in self.usable():
+                arguments += ["--since", "cp:%d" % self.backups[-1][1][0]]
             elif self.backups:
                 self.backups = []
             self.files += 1
             file = os.path.join(self.folder, "backup-%d" % self.files)
-            return Plan(kind, (at[1] - since) / count, [self.path, *arguments, file], at[1], file)
+            return Plan(kind, (at[1] - since) / count, [self.path, *arguments, file], at[1], file, at)
         if not self.backups:
             return None
         file = os.path.join(self.folder, "restored")
-        return Plan(kind, self.backups[-1][1] / count,
-                    [*(one[0] for one in self.backups), file], self.backups[-1][1], file)
+        items = self.backups[-1][1][1]
+        return Plan(kind, items / count, [*(one[0] for one in self.backups), file], items, file)
 
     def look(self):
         """Takes in what the mirror tells of itself, and that it lost nothing since the last time."""
@@ -272,7 +272,7 @@ class Mirror:
             rlctl(*plan.arguments)
         image = plan.file
         if plan.kind == "backup":
-            self.backups.append((plan.file, plan.items))
+            self.backups.append((plan.file, plan.checkpoint))
             image = os.path.join(self.folder, "restored")
             rlctl("restore", *(one[0] for one in self.backups), image)
         compare_file(image, expected, "what restores at item:%d" % plan.items)
@@ -288,7 +288,7 @@ class Mirror:
         if plan.kind == "record":
             self.recorded = True
         if plan.kind == "backup":
-            self.backups.append((plan.file, plan.items))
+            self.backups.append((plan.file, plan.checkpoint))
         self.look()
         return True
 
