@@ -34,6 +34,16 @@ function(rl_library NAME)
   target_link_libraries(${NAME} PUBLIC rl_contracts)
 endfunction()
 
+# rl_compile_quickly(NAME): for code whose own speed matters to nobody: optimising it, or watching
+# it the faster way, would cost more than it saves.
+function(rl_compile_quickly NAME)
+  if(RL_SANITIZE)
+    target_compile_options(${NAME} PRIVATE -O0)
+  elseif(CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
+    target_compile_options(${NAME} PRIVATE -O1)
+  endif()
+endfunction()
+
 # rl_tests(NAME FOLDER LIBRARIES...): one test program of all *Test.cpp right in that folder of
 # tests/, each of its cases registered with ctest. Every test file belongs to a program: the tests'
 # own CMakeLists.txt fails the configure step over one that does not.
@@ -45,10 +55,7 @@ function(rl_tests NAME FOLDER)
   endif()
   add_executable(${NAME} ${sources})
   target_link_libraries(${NAME} PRIVATE ${ARGN} rl_test_support GTest::gmock GTest::gtest_main)
-  if(RL_SANITIZE)
-    # What is watched is the code under test; optimising the tests costs more than it saves.
-    target_compile_options(${NAME} PRIVATE -O0)
-  endif()
+  rl_compile_quickly(${NAME})
   gtest_discover_tests(${NAME} TEST_PREFIX "${FOLDER}/" PROPERTIES TIMEOUT 600
     DISCOVERY_TIMEOUT 60)
 endfunction()
