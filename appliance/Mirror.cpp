@@ -343,16 +343,16 @@ Result Mirror::usePoint(u64 items, const std::string& what, std::unique_ptr<Poin
     return PointUse::add(*m_storage, {items, begin.m_page, 0, what}, use);
 }
 
-void Mirror::addView(View* view)
+void Mirror::addIndex(JournalIndex* index)
 {
-    MutexGuard guard(m_viewsMutex);
-    m_views.push_back(view);
+    MutexGuard guard(m_indexesMutex);
+    m_indexes.push_back(index);
 }
 
-void Mirror::removeView(View* view)
+void Mirror::removeIndex(JournalIndex* index)
 {
-    MutexGuard guard(m_viewsMutex);
-    std::erase(m_views, view);
+    MutexGuard guard(m_indexesMutex);
+    std::erase(m_indexes, index);
 }
 
 Result Mirror::journaled(RcStatus rc, const std::string& what) const
@@ -372,15 +372,20 @@ Result Mirror::accepted(RcStatus rc, const char* what, u64 offsetBlocks)
 {
     if (rc != RC_SUCCESS)
         return journaled(rc, std::string(what) + std::to_string(offsetBlocks));
+    tellNearlyFull();
+    return Result();
+}
+
+void Mirror::tellNearlyFull()
+{
     if (m_journal->limitBytes() == 0)
-        return Result();
+        return;
     const u64 used = m_journal->bytesUsed();
     const bool nearlyFull = isNearlyFull(used, m_journal->limitBytes());
     if (m_toldNearlyFull.exchange(nearlyFull) < nearlyFull)
         LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
             << "the journal of " << m_folder << " is nearly full: " << formatSize(used) << " of "
             << formatSize(m_journal->limitBytes()) << "; apply and trim make room" << std::endl;
-    return Result();
 }
 
 Result Mirror::write(u64 offsetBlocks, const u8* data, u32 lengthBlocks)

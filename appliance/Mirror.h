@@ -21,6 +21,8 @@
 #include <vector>
 
 #include "appliance/ApplyState.h"
+#include "appliance/GracePeriod.h"
+#include "appliance/JournalIndex.h"
 #include "appliance/MirrorSettings.h"
 #include "appliance/Pins.h"
 #include "appliance/PointInTime.h"
@@ -33,8 +35,6 @@ enum class MirrorAccess
     Reader,
     Writer,
 };
-
-class View;
 
 class Mirror
 {
@@ -90,15 +90,18 @@ public:
     // What is held, and what is read, now. Uses: of all processes.
     Result pins(std::vector<Hold>* holds, std::vector<UseInfo>* uses);
 
-    // The views of this mirror that this process has built. A view adds itself when it is built and
-    // removes itself before it goes; withViews() keeps it from that while it runs.
-    void addView(View* view);
-    void removeView(View* view);
-    template <class Function> void withViews(Function function)
+    // The indexes of this mirror's journal that this process has built. One adds itself when it is
+    // built and removes itself before it goes; withIndexes() keeps it from that while it runs.
+    void addIndex(JournalIndex* index);
+    void removeIndex(JournalIndex* index);
+    template <class Function> void withIndexes(Function function)
     {
-        MutexGuard guard(m_viewsMutex);
-        function(m_views);
+        MutexGuard guard(m_indexesMutex);
+        function(m_indexes);
     }
+
+    // Who reads the journal by an index without locks in it does so as a reader of this period.
+    GracePeriod& gracePeriod() { return m_gracePeriod; }
 
     // Changes what retention and limit are, durably; they hold from the next opening on. Writers
     // only.
@@ -107,6 +110,9 @@ public:
     // Journal one request; it is one item, however the journal splits it.
     Result write(u64 offsetBlocks, const u8* data, u32 lengthBlocks);
     Result writeZeroes(u64 offsetBlocks, u64 lengthBlocks);
+
+    // Tells, once, that the journal has become nearly full. For who appends to it directly.
+    void tellNearlyFull();
 
     // Sets a checkpoint behind all items journaled so far. Durable, with all of them, when done.
     Result checkpoint(const std::string& tag, CpId_t* id);
@@ -142,6 +148,7 @@ private:
     std::atomic<bool> m_toldNearlyFull{false};
     mutable Mutex m_applyMutex;
     ApplyState m_applyState RL_GUARDED_BY(m_applyMutex);
-    Mutex m_viewsMutex;
-    std::vector<View*> m_views RL_GUARDED_BY(m_viewsMutex);
+    Mutex m_indexesMutex;
+    std::vector<JournalIndex*> m_indexes RL_GUARDED_BY(m_indexesMutex);
+    GracePeriod m_gracePeriod;
 };

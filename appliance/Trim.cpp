@@ -26,9 +26,11 @@ public:
 
 private:
     Result plan(u64 items);
-    Result checkReaders();
-    Result begin();
-    Result removeFromViews(u64 oldPage);
+    using Indexes = std::vector<JournalIndex*>;
+
+    Result checkReaders(const Indexes& indexes);
+    Result begin(const Indexes& indexes);
+    Result removeFrom(const Indexes& indexes, u64 oldPage);
 
     Mirror& m_mirror;
     JournalStore& m_journal;
@@ -61,19 +63,20 @@ Result Trimmer::run(const ChosenPoint& to)
     const u64 before = m_journal.bytesUsed();
     m_statistics.m_bytes = m_plan.m_freedBlocks * (BLOCK_BYTES + sizeof(u32)) +
                            (m_plan.m_begin.m_page - old.m_page) * BLOCK_BYTES;
-    if (m_options.m_dryRun) {
-        PinLatch latch;
-        if (Result result = latch.take(m_mirror.storage()); !result.ok())
-            return result;
-        return checkReaders();
-    }
-    if (m_control.stopRequested())
+    if (!m_options.m_dryRun && m_control.stopRequested())
         return Result(ResultCode::Interrupted, "interrupted before anything was trimmed");
-    if (Result result = begin(); !result.ok())
+    Result result;
+    // Nobody builds an index from another one between the new beginning and the removal.
+    m_mirror.withIndexes([&](const Indexes& indexes) {
+        result = begin(indexes);
+        if (!result.ok() || m_options.m_dryRun)
+            return;
+        m_statistics.m_bytes = before - std::min(before, m_journal.bytesUsed());
+        result = removeFrom(indexes, old.m_page);
+    });
+    if (!result.ok() || m_options.m_dryRun)
         return result;
-    m_statistics.m_bytes = before - std::min(before, m_journal.bytesUsed());
-    if (Result result = removeFromViews(old.m_page); !result.ok())
-        return result;
+    m_mirror.gracePeriod().wait();
     u64 removed = 0;
     return Result::fromStatus(m_journal.removeTrimmed(&removed),
                               "cannot remove the journal's grains");
@@ -97,16 +100,14 @@ Result Trimmer::plan(u64 items)
                                                                      : m_plan.m_message));
 }
 
-// Whoever reads what goes and cannot be told. Views of this process can, once they are built.
-Result Trimmer::checkReaders()
+// Whoever reads what goes and cannot be told. Indexes of this process can, once they are built.
+Result Trimmer::checkReaders(const Indexes& indexes)
 {
     std::vector<std::string> own;
-    m_mirror.withViews([&](const std::vector<View*>& views) {
-        for (const View* view : views) {
-            if (view->use() != nullptr)
-                own.push_back(view->use()->file());
-        }
-    });
+    for (const JournalIndex* index : indexes) {
+        if (index->use() != nullptr)
+            own.push_back(index->use()->file());
+    }
     std::vector<UseInfo> uses;
     if (Result result = listUses(m_mirror.storage(), own, &uses); !result.ok())
         return result;
@@ -117,59 +118,56 @@ Result Trimmer::checkReaders()
     return Result();
 }
 
-Result Trimmer::begin()
+Result Trimmer::begin(const Indexes& indexes)
 {
     PinLatch latch;
     if (Result result = latch.take(m_mirror.storage()); !result.ok())
         return result;
-    if (Result result = checkReaders(); !result.ok())
+    if (Result result = checkReaders(indexes); !result.ok() || m_options.m_dryRun)
         return result;
     return Result::fromStatus(m_journal.setBegin(m_plan.m_begin, m_plan.m_freedBlocks),
                               "cannot give the journal a new beginning");
 }
 
-Result Trimmer::removeFromViews(u64 oldPage)
+Result Trimmer::removeFrom(const Indexes& indexes, u64 oldPage)
 {
-    RcStatus rc = RC_SUCCESS;
-    m_mirror.withViews([&](const std::vector<View*>& views) {
-        if (views.empty())
-            return;
-        u64 items = 0;
-        rc = visitJournalItems(
-            m_journal, oldPage, m_plan.m_begin.m_page, [&](const SfsDiskMetaItem& item) {
-                RcStatus one = RC_SUCCESS;
-                for (size_t i = 0; i < views.size() && one == RC_SUCCESS; ++i) {
-                    bool removed = false;
-                    if (item.is_io_type_with_ud())
-                        one = removeIoFromView(*views[i], m_engine, item, &removed);
-                    m_statistics.m_removedIos += removed;
-                }
-                if (++items % LOOK_EVERY == 0)
-                    m_control.progress(std::min(items, m_statistics.m_items), m_statistics.m_items);
-                return one;
-            });
-    });
-    return Result::fromStatus(rc, "cannot take what was trimmed out of the open views; its space "
+    if (indexes.empty())
+        return Result();
+    u64 items = 0;
+    const RcStatus rc = visitJournalItems(
+        m_journal, oldPage, m_plan.m_begin.m_page, [&](const SfsDiskMetaItem& item) {
+            RcStatus one = RC_SUCCESS;
+            for (size_t i = 0; i < indexes.size() && one == RC_SUCCESS; ++i) {
+                bool removed = false;
+                if (item.is_io_type_with_ud())
+                    one = removeIoFromIndex(*indexes[i], m_engine, item, &removed);
+                m_statistics.m_removedIos += removed;
+            }
+            if (++items % LOOK_EVERY == 0)
+                m_control.progress(std::min(items, m_statistics.m_items), m_statistics.m_items);
+            return one;
+        });
+    return Result::fromStatus(rc, "cannot take what was trimmed out of the open indexes; its space "
                                   "is given back when the mirror is opened next");
 }
 
 } // namespace
 
-RcStatus removeIoFromView(View& view, TaskEngine& engine, const SfsDiskMetaItem& item,
-                          bool* removed)
+RcStatus removeIoFromIndex(JournalIndex& index, TaskEngine& engine, const SfsDiskMetaItem& item,
+                           bool* removed)
 {
     *removed = false;
     const SubRegionDescriptor io(SfsItemDescriptor::genFromSfsDiskMetaItem(item));
     // Most of what goes was overridden long ago.
-    for (const SubRegionDescriptor& piece : view.pieces(io.m_viewOffsetBlocks, io.m_lengthBlocks))
+    for (const SubRegionDescriptor& piece : index.pieces(io.m_viewOffsetBlocks, io.m_lengthBlocks))
         *removed = *removed || (!piece.isAllZeroes() &&
                                 piece.getOrigIoFifoOffsetLbs() == io.getOrigIoFifoOffsetLbs());
     if (!*removed)
         return RC_SUCCESS;
-    RegionLocator& locator = view.locator();
+    RegionLocator& locator = index.locator();
     RegionLocatorMemPool* pool = locator.getMemPool();
     LocatorGate::Ticket ticket;
-    RcStatus rc = view.gate().enter(&ticket, LocatorGate::Kind::Locker).get();
+    RcStatus rc = index.gate().enter(&ticket, LocatorGate::Kind::Locker).get();
     RegionLocatorVoucher* voucher = pool->createVoucher();
     if (rc == RC_SUCCESS)
         rc = pool->fillVoucher(voucher,
@@ -180,7 +178,7 @@ RcStatus removeIoFromView(View& view, TaskEngine& engine, const SfsDiskMetaItem&
     if (rc == RC_SUCCESS)
         rc = runAndWait(engine,
                         [&](AsyncTask* task) { return locator.lockAndRemove(task, io, voucher); });
-    view.gate().leave(&ticket);
+    index.gate().leave(&ticket);
     pool->destroyVoucher(voucher);
     return rc;
 }

@@ -2,10 +2,11 @@
 // system.
 //
 //   plan -> look at who reads it -> new beginning, durable -> every IO that goes is taken out of
-//   the open views' locators, exactly -> the grains go
+//   the open indexes, exactly -> readers that found it there finish -> the grains go
 //
 // A view that had a block from an IO that goes finds it on the target then: what the target holds
 // is what the view found in the journal, as nothing newer may have been applied while it is open.
+// So does the live volume, where the IO was the newest one.
 #pragma once
 
 #include "appliance/FlowControl.h"
@@ -23,7 +24,7 @@ struct TrimStatistics
     u64 m_dataGrains = 0;
     u64 m_metaGrains = 0;
     u64 m_bytes = 0;      // of journal that they took
-    u64 m_removedIos = 0; // taken out of open views, counted for each
+    u64 m_removedIos = 0; // taken out of open indexes, counted for each
     double m_seconds = 0;
 };
 
@@ -37,7 +38,7 @@ struct TrimStatistics
 Result trimMirror(Mirror& mirror, TaskEngine& engine, const ChosenPoint& to,
                   const TrimOptions& options, FlowControl& control, TrimStatistics* statistics);
 
-// Takes one IO out of a view, waiting for readers of its pieces. *removed: whether the view had
-// any. RC_NO_MEMORY, RC_TIMED_OUT: no memory for it.
-RcStatus removeIoFromView(View& view, TaskEngine& engine, const SfsDiskMetaItem& item,
-                          bool* removed);
+// Takes one IO out of an index, waiting for those who hold its pieces locked. *removed: whether the
+// index had any. RC_NO_MEMORY, RC_TIMED_OUT: no memory for it.
+RcStatus removeIoFromIndex(JournalIndex& index, TaskEngine& engine, const SfsDiskMetaItem& item,
+                           bool* removed);

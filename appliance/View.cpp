@@ -2,6 +2,8 @@
 
 #include "RegionLocator/RegionLocatorMetaDataContainer.h"
 #include "appliance/Sizes.h"
+#include "appliance/SpanScan.h"
+#include "appliance/TokenReserve.h"
 #include "host/infra/Clock.h"
 #include "host/journal/JournalScanner.h"
 
@@ -10,6 +12,8 @@ namespace {
 // Nobody else gives memory back while a view is built, so waiting long for some is of no use.
 constexpr u64 MEMORY_TIMEOUT_MS = 5000;
 constexpr u64 TOKEN_BYTES = 64;
+// A region that two windows meet in is copied as two.
+constexpr u64 COPY_WINDOW_BLOCKS = u64{1} << 24;
 
 } // namespace
 
@@ -19,24 +23,44 @@ View::View(Mirror& mirror, const ChosenPoint& point)
 
 View::~View()
 {
-    m_mirror.removeView(this);
+    m_mirror.removeIndex(this);
 }
 
 Result View::build(Mirror& mirror, const ChosenPoint& point, FlowControl& control,
-                   std::unique_ptr<View>* view)
+                   std::unique_ptr<View>* view, const ViewBuildOptions& options)
 {
     std::unique_ptr<View> built(new View(mirror, point));
     if (Result result = mirror.usePoint(point.m_items, "a view of " + point.name(), &built->m_use);
         !result.ok())
         return result;
-    if (Result result = built->scan(control); !result.ok())
+    if (Result result = built->scan(control, options); !result.ok())
         return result;
-    mirror.addView(built.get());
+    mirror.addIndex(built.get());
     *view = std::move(built);
     return Result();
 }
 
-Result View::scan(FlowControl& control)
+RcStatus View::copyRegions(View& from)
+{
+    TokenReserve reserve(m_locator);
+    std::vector<SubRegionDescriptor> regions;
+    RcStatus rc = RC_SUCCESS;
+    // Nothing is trimmed meanwhile: what is copied here would not be found where it is removed.
+    m_mirror.withIndexes([&](const std::vector<JournalIndex*>&) {
+        for (u64 block = 0; block < sizeBlocks() && rc == RC_SUCCESS; block += COPY_WINDOW_BLOCKS) {
+            const u64 length = std::min(sizeBlocks() - block, COPY_WINDOW_BLOCKS);
+            regions = from.pieces(block, static_cast<u32>(length));
+            for (size_t i = 0; i < regions.size() && rc == RC_SUCCESS; ++i) {
+                rc = reserve.prepare(1);
+                if (rc == RC_SUCCESS)
+                    reserve.insert(regions[i]);
+            }
+        }
+    });
+    return rc;
+}
+
+Result View::scan(FlowControl& control, const ViewBuildOptions& building)
 {
     const u64 startedUs = Clock::instance()->nowUs();
     JournalScanner scanner(m_mirror.journal());
@@ -45,7 +69,7 @@ Result View::scan(FlowControl& control)
     options.nowMs = [] { return Clock::instance()->nowMs(); };
     options.progress = [&](u64 donePages, u64 allPages) {
         control.progress(donePages, allPages);
-        if (control.stopRequested())
+        if (control.stopRequested() || (building.m_admits && !building.m_admits(memoryBytes())))
             scanner.cancel();
     };
     RegionLocatorMetaDataContainer_Insert* container = m_locator.getInsertContainer();
@@ -54,6 +78,13 @@ Result View::scan(FlowControl& control)
     else
         options.limitItems = m_point.m_items;
 
+    if (building.m_from != nullptr) {
+        if (Result result = startAfter(m_mirror, building.m_from->point(), &options.start);
+            !result.ok())
+            return result;
+        if (const RcStatus rc = copyRegions(*building.m_from); rc != RC_SUCCESS)
+            return memoryResult(rc, building.m_from->point().m_items);
+    }
     const ScanResult scanned = scanner.scan(*container, options);
     if (scanned.rc == RC_TIMED_OUT || scanned.rc == RC_NO_MEMORY)
         return memoryResult(scanned.rc, scanned.logicalItems);
@@ -88,12 +119,4 @@ Result View::memoryResult(RcStatus rc, u64 items)
                           ": it had " + formatSize(have) + " after " + std::to_string(items) +
                           " of " + std::to_string(m_point.m_items) + " items and may need " +
                           formatSize(need) + " (" + rcStatusText(rc) + ")");
-}
-
-std::vector<SubRegionDescriptor> View::pieces(u64 offsetBlocks, u32 lengthBlocks)
-{
-    std::vector<SubRegionDescriptor> found;
-    // A lookup that locks nothing neither waits nor needs a task or a voucher.
-    m_locator.lookup(nullptr, offsetBlocks, lengthBlocks, &found, false, nullptr);
-    return found;
 }

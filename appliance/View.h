@@ -11,12 +11,12 @@
 // how finely its regions are cut.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <vector>
 
-#include "RegionLocator/RegionLocator.h"
 #include "appliance/FlowControl.h"
-#include "appliance/LocatorGate.h"
+#include "appliance/JournalIndex.h"
 #include "appliance/Mirror.h"
 
 struct ViewStatistics
@@ -31,39 +31,52 @@ struct ViewStatistics
     double m_indexSeconds = 0;   // that the scan took
 };
 
-class View
+class View;
+
+struct ViewBuildOptions
+{
+    // A view of an earlier point that stays open meanwhile: its regions are copied, and only the
+    // items between the two are scanned. Null: the scan begins where the journal does.
+    View* m_from = nullptr;
+
+    // Asked now and then with the memory that the index takes by then; false ends the building,
+    // which is then Interrupted. Empty: nobody asks.
+    std::function<bool(u64 bytes)> m_admits;
+};
+
+class View : public JournalIndex
 {
 public:
     // Scans the journal up to the point. Interrupted when control says so; Failed when the index
     // does not fit the memory limit, the message says how much it may need; Damaged. The mirror
     // outlives the view.
     static Result build(Mirror& mirror, const ChosenPoint& point, FlowControl& control,
-                        std::unique_ptr<View>* view);
+                        std::unique_ptr<View>* view, const ViewBuildOptions& options = {});
 
-    ~View();
+    ~View() override;
     View(const View&) = delete;
     View& operator=(const View&) = delete;
 
     Mirror& mirror() { return m_mirror; }
     const ChosenPoint& point() const { return m_point; }
     u64 sizeBlocks() const { return m_mirror.settings().sizeBlocks(); }
-    RegionLocator& locator() { return m_locator; }
-    // In front of the locator: everyone who locks passes it.
-    LocatorGate& gate() { return m_gate; }
+    RegionLocator& locator() override { return m_locator; }
+    LocatorGate& gate() override { return m_gate; }
 
     // Of the index as it was built.
     const ViewStatistics& statistics() const { return m_statistics; }
 
-    // Null on a file system that nobody can write to.
-    const PointUse* use() const { return m_use.get(); }
+    // That the index takes now.
+    u64 memoryBytes() { return m_locator.getMemPool()->getMemoryStats().totalBytes; }
 
-    // The pieces of a range, ascending, clipped to it; gaps have no entry. Locks nothing.
-    std::vector<SubRegionDescriptor> pieces(u64 offsetBlocks, u32 lengthBlocks);
+    // Null on a file system that nobody can write to.
+    const PointUse* use() const override { return m_use.get(); }
 
 private:
     View(Mirror& mirror, const ChosenPoint& point);
 
-    Result scan(FlowControl& control);
+    Result scan(FlowControl& control, const ViewBuildOptions& options);
+    RcStatus copyRegions(View& from);
     Result memoryResult(RcStatus rc, u64 items);
 
     Mirror& m_mirror;

@@ -1,6 +1,7 @@
 #include "host/journal/FileGrainStore.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 
@@ -204,6 +205,39 @@ FutureStatus FileGrainStore::readData(std::vector<GrainRead> reads, AioPriority)
     }
     m_io.submit(std::move(ops), [state](std::vector<FileOp>& done) { state->finish(done); });
     return future;
+}
+
+RcStatus FileGrainStore::readDataNow(u64 grain, u32 firstBlock, u32 blocks, u8* data, u32* badBlock)
+{
+    FilePtr source;
+    RcStatus rc = file(GrainKind::Data, grain, &source);
+    if (rc != RC_SUCCESS)
+        return rc == RC_NOT_FOUND ? RC_DAMAGED : rc;
+    std::array<u32, 512> checksums;
+    for (u32 done = 0; done < blocks;) {
+        const u32 step = std::min(blocks - done, static_cast<u32>(checksums.size()));
+        const u64 dataBytes = u64{step} * BLOCK_BYTES;
+        const u64 tableBytes = u64{step} * sizeof(u32);
+        u64 dataDone = 0;
+        u64 tableDone = 0;
+        rc = source->pread(data, dataBytes, u64{firstBlock + done} * BLOCK_BYTES, &dataDone);
+        if (rc == RC_SUCCESS)
+            rc = source->pread(checksums.data(), tableBytes,
+                               TABLE_OFFSET_BYTES + u64{firstBlock + done} * sizeof(u32),
+                               &tableDone);
+        if (rc != RC_SUCCESS)
+            return rc;
+        if (dataDone < dataBytes || tableDone < tableBytes)
+            return RC_DAMAGED;
+        for (u32 i = 0; i < step; ++i, data += BLOCK_BYTES) {
+            if (crc32c(data, BLOCK_BYTES) == checksums[i])
+                continue;
+            *badBlock = firstBlock + done + i;
+            return RC_BAD_CHECKSUM;
+        }
+        done += step;
+    }
+    return RC_SUCCESS;
 }
 
 RcStatus FileGrainStore::list(GrainKind kind, std::vector<u64>* grains)

@@ -29,6 +29,7 @@ public:
     RcStatus sync(GrainKind kind, u64 grain) override;
     RcStatus readMeta(u64 grain, u32 firstBlock, u32 blocks, void* data, u32* doneBlocks) override;
     FutureStatus readData(std::vector<GrainRead> reads, AioPriority priority) override;
+    RcStatus readDataNow(u64 grain, u32 firstBlock, u32 blocks, u8* data, u32* badBlock) override;
     RcStatus list(GrainKind kind, std::vector<u64>* grains) override;
     RcStatus metaBlocks(u64 grain, u32* blocks) override;
     RcStatus cutMeta(u64 grain, u32 firstBlock) override;

@@ -60,6 +60,11 @@ public:
     // once; the memory that the buffers refer to lives until the future is set.
     virtual FutureStatus readData(std::vector<GrainRead> reads, AioPriority priority) = 0;
 
+    // Reads data blocks of one grain here and now, on the caller's thread. Statuses as readData().
+    // *badBlock: with RC_BAD_CHECKSUM, the first block that is not what was appended.
+    virtual RcStatus readDataNow(u64 grain, u32 firstBlock, u32 blocks, u8* data,
+                                 u32* badBlock) = 0;
+
     // The numbers of the grains of a kind, ascending.
     virtual RcStatus list(GrainKind kind, std::vector<u64>* grains) = 0;
 

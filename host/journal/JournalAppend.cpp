@@ -47,9 +47,9 @@ RcStatus JournalStore::Impl::failLocked(RcStatus rc, const char* what)
     return m_failed;
 }
 
-RcStatus JournalStore::Impl::appendPieces(std::vector<JournalPiece>& pieces)
+RcStatus JournalStore::Impl::appendPiecesLocked(std::vector<JournalPiece>& pieces,
+                                                std::vector<SfsDiskMetaItem>* placed)
 {
-    MutexGuard guard(m_mutex);
     RcStatus rc = checkWritableLocked();
     // Before anything changes, so that a flush that finds no space leaves the request unaccepted.
     if (rc == RC_SUCCESS && m_pending.size() >= m_options.autoFlushItems)
@@ -75,8 +75,11 @@ RcStatus JournalStore::Impl::appendPieces(std::vector<JournalPiece>& pieces)
         m_dataBlock = blockBefore;
         return failLocked(rc, "writing data");
     }
-    for (const PendingItem& one : items)
+    for (const PendingItem& one : items) {
         m_storedBlocks += storedBlocks(one.m_item);
+        if (placed != nullptr)
+            placed->push_back(one.m_item);
+    }
     m_pending.insert(m_pending.end(), items.begin(), items.end());
     m_accepted += items.size();
     ++m_items;

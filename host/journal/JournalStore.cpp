@@ -4,6 +4,7 @@
 
 #include "common/infra/LogItem.h"
 #include "host/infra/Clock.h"
+#include "host/journal/JournalRequest.h"
 #include "host/journal/JournalStoreImpl.h"
 #include "host/volume/AsyncFileIo.h"
 
@@ -14,6 +15,13 @@ JournalOptions completed(JournalOptions options)
     if (!options.nowUs)
         options.nowUs = [] { return Clock::instance()->wallTimeUs(); };
     return options;
+}
+
+// volumeBlocks: 0 for no check.
+bool isInVolume(u64 offsetBlocks, u64 lengthBlocks, u64 volumeBlocks)
+{
+    return lengthBlocks > 0 && offsetBlocks + lengthBlocks > offsetBlocks &&
+           (volumeBlocks == 0 || offsetBlocks + lengthBlocks <= volumeBlocks);
 }
 
 bool fail(JournalStore::Opened& opened, RcStatus rc, const std::string& message)
@@ -144,25 +152,50 @@ JournalStore::~JournalStore()
 
 RcStatus JournalStore::append(u64 offsetBlocks, const void* data, u32 lengthBlocks)
 {
-    const u64 volume = m_impl->m_options.volumeBlocks;
-    if (lengthBlocks == 0 || offsetBlocks + lengthBlocks < offsetBlocks ||
-        (volume != 0 && offsetBlocks + lengthBlocks > volume))
-        return RC_BAD_ARGUMENT;
-    std::vector<JournalPiece> pieces;
-    encodeWrite(offsetBlocks, static_cast<const u8*>(data), lengthBlocks,
-                m_impl->m_options.compression, &pieces);
-    return m_impl->appendPieces(pieces);
+    JournalRequest request;
+    const RcStatus rc = prepareWrite(offsetBlocks, data, lengthBlocks, &request);
+    if (rc != RC_SUCCESS)
+        return rc;
+    MutexGuard guard(m_impl->m_mutex);
+    return m_impl->appendPiecesLocked(request.m_pieces, nullptr);
 }
 
 RcStatus JournalStore::appendZeroes(u64 offsetBlocks, u64 lengthBlocks)
 {
-    const u64 volume = m_impl->m_options.volumeBlocks;
-    if (lengthBlocks == 0 || offsetBlocks + lengthBlocks < offsetBlocks ||
-        (volume != 0 && offsetBlocks + lengthBlocks > volume))
+    JournalRequest request;
+    const RcStatus rc = prepareZeroes(offsetBlocks, lengthBlocks, &request);
+    if (rc != RC_SUCCESS)
+        return rc;
+    MutexGuard guard(m_impl->m_mutex);
+    return m_impl->appendPiecesLocked(request.m_pieces, nullptr);
+}
+
+RcStatus JournalStore::prepareWrite(u64 offsetBlocks, const void* data, u32 lengthBlocks,
+                                    JournalRequest* request) const
+{
+    *request = JournalRequest();
+    if (!isInVolume(offsetBlocks, lengthBlocks, m_impl->m_options.volumeBlocks))
         return RC_BAD_ARGUMENT;
-    std::vector<JournalPiece> pieces;
-    encodeZeroes(offsetBlocks, lengthBlocks, &pieces);
-    return m_impl->appendPieces(pieces);
+    encodeWrite(offsetBlocks, static_cast<const u8*>(data), lengthBlocks,
+                m_impl->m_options.compression, &request->m_pieces);
+    return RC_SUCCESS;
+}
+
+RcStatus JournalStore::prepareZeroes(u64 offsetBlocks, u64 lengthBlocks,
+                                     JournalRequest* request) const
+{
+    *request = JournalRequest();
+    if (!isInVolume(offsetBlocks, lengthBlocks, m_impl->m_options.volumeBlocks))
+        return RC_BAD_ARGUMENT;
+    encodeZeroes(offsetBlocks, lengthBlocks, &request->m_pieces);
+    return RC_SUCCESS;
+}
+
+void JournalStore::appendGroup(const std::vector<JournalRequest*>& requests)
+{
+    MutexGuard guard(m_impl->m_mutex);
+    for (JournalRequest* request : requests)
+        request->m_rc = m_impl->appendPiecesLocked(request->m_pieces, &request->m_items);
 }
 
 RcStatus JournalStore::appendCheckpoint(const std::string& tag, CpId_t* id)
@@ -321,4 +354,16 @@ FutureStatus JournalStore::readStored(const std::vector<IODescriptorEx>& ios, Ai
         reads.push_back({address / SFS_GRAIN_BLOCKS, block, io.m_lengthBlocks, io.m_data});
     }
     return m_impl->m_grains.readData(std::move(reads), priority);
+}
+
+RcStatus JournalStore::readStoredNow(u64 address, u32 blocks, u8* data, u64* badAddress)
+{
+    const u64 grain = SFS_GRAIN_OF(address);
+    const u32 block = static_cast<u32>(address % SFS_GRAIN_BLOCKS);
+    if (address == SFS_DEV_ADDR_INVALID || blocks == 0 || blocks > SFS_GRAIN_BLOCKS - block)
+        return RC_BAD_ARGUMENT;
+    u32 badBlock = 0;
+    const RcStatus rc = m_impl->m_grains.readDataNow(grain, block, blocks, data, &badBlock);
+    *badAddress = address - block + badBlock;
+    return rc;
 }

@@ -30,6 +30,7 @@
 #include "host/journal/Storage.h"
 
 class AsyncFileIo;
+class JournalRequest;
 
 enum class JournalMode
 {
@@ -111,6 +112,14 @@ public:
     RcStatus append(u64 offsetBlocks, const void* data, u32 lengthBlocks);
     RcStatus appendZeroes(u64 offsetBlocks, u64 lengthBlocks);
 
+    // The same in two steps, for who needs the items' places: prepare without a lock, then append a
+    // group in its order, in one go; each request says how it ended. The data of a write lives
+    // until it is appended. Statuses as append(); a request that fails leaves the others be.
+    RcStatus prepareWrite(u64 offsetBlocks, const void* data, u32 lengthBlocks,
+                          JournalRequest* request) const;
+    RcStatus prepareZeroes(u64 offsetBlocks, u64 lengthBlocks, JournalRequest* request) const;
+    void appendGroup(const std::vector<JournalRequest*>& requests);
+
     // Appends a checkpoint and flushes: durable when it returns RC_SUCCESS. tag: at most 255 bytes
     // without control characters; empty for none. *id: its id, from 1 upwards.
     RcStatus appendCheckpoint(const std::string& tag, CpId_t* id);
@@ -166,6 +175,11 @@ public:
     // Beside those of the interface: RC_BAD_ARGUMENT (a read across grains, or a buffer of another
     // size), RC_DAMAGED (a grain that is missing or ends before the blocks).
     FutureStatus readStored(const std::vector<IODescriptorEx>& ios, AioPriority priority) override;
+
+    // The same here and now, on the caller's thread: stored blocks from a journal address on.
+    // *badAddress: with RC_BAD_CHECKSUM, the address of the first block that is not what was
+    // written.
+    RcStatus readStoredNow(u64 address, u32 blocks, u8* data, u64* badAddress);
 
 private:
     struct Impl;

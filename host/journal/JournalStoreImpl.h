@@ -25,8 +25,9 @@ struct JournalStore::Impl
     bool recover(Opened& opened);
     bool prepareWriting(Opened& opened);
 
-    // Appends the pieces of one request as one step.
-    RcStatus appendPieces(std::vector<JournalPiece>& pieces) RL_EXCLUDES(m_mutex);
+    // Appends the pieces of one request as one step. placed: for its items, null for nobody.
+    RcStatus appendPiecesLocked(std::vector<JournalPiece>& pieces,
+                                std::vector<SfsDiskMetaItem>* placed) RL_REQUIRES(m_mutex);
     RcStatus appendCheckpoint(const std::string& tag, CpId_t* id) RL_EXCLUDES(m_mutex);
     RcStatus flush() RL_EXCLUDES(m_mutex);
     RcStatus setBegin(const JournalBegin& begin, u64 freedBlocks) RL_EXCLUDES(m_mutex);

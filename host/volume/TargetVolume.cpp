@@ -92,6 +92,18 @@ FutureStatus TargetVolume::start(const std::vector<IODescriptor>& ios, bool writ
     return future;
 }
 
+RcStatus TargetVolume::readNow(u64 offsetBlocks, u64 lengthBlocks, u8* data)
+{
+    if (offsetBlocks > m_lengthBlocks || lengthBlocks > m_lengthBlocks - offsetBlocks)
+        return RC_BAD_ARGUMENT;
+    const u64 bytes = lengthBlocks * BLOCK_BYTES;
+    u64 done = 0;
+    const RcStatus rc = m_file->pread(data, bytes, offsetBlocks * BLOCK_BYTES, &done);
+    if (rc == RC_SUCCESS)
+        std::memset(data + done, 0, bytes - done);
+    return rc;
+}
+
 RcStatus TargetVolume::writeZeroes(u64 offsetBlocks, u64 lengthBlocks)
 {
     if (offsetBlocks > m_lengthBlocks || lengthBlocks > m_lengthBlocks - offsetBlocks)

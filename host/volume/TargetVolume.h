@@ -34,6 +34,9 @@ public:
     // another size. The descriptors are copied; the buffers' memory lives until the future is set.
     FutureStatus read(const std::vector<IODescriptor>& ios, AioPriority priority);
 
+    // The same here and now, on the caller's thread, into lengthBlocks * 512 bytes.
+    RcStatus readNow(u64 offsetBlocks, u64 lengthBlocks, u8* data);
+
     // Starts the writes of descriptors with m_bRead false, likewise.
     FutureStatus write(const std::vector<IODescriptor>& ios, AioPriority priority);
 

@@ -1,0 +1,139 @@
+#include "appliance/LiveVolume.h"
+
+#include "RegionLocator/RegionLocatorMetaDataContainer.h"
+#include "appliance/SpanScan.h"
+
+namespace {
+
+constexpr CpId_t NO_CHECKPOINT = ~CpId_t{0};
+
+} // namespace
+
+LiveVolume::LiveVolume(Mirror& mirror)
+    : m_mirror(mirror), m_locator(mirror.settings().m_id, RL_MMI_View),
+      m_reader(mirror, m_locator, "live", m_sources), m_reserve(m_locator)
+{}
+
+LiveVolume::~LiveVolume()
+{
+    m_mirror.removeIndex(this);
+}
+
+Result LiveVolume::open(Mirror& mirror, FlowControl& control, std::unique_ptr<LiveVolume>* volume)
+{
+    std::unique_ptr<LiveVolume> opened(new LiveVolume(mirror));
+    if (Result result = opened->build(control); !result.ok())
+        return result;
+    mirror.addIndex(opened.get());
+    *volume = std::move(opened);
+    return Result();
+}
+
+Result LiveVolume::build(FlowControl& control)
+{
+    // What was appended before and not flushed is no part of a scan.
+    if (Result result = m_mirror.flush(); !result.ok())
+        return result;
+    RegionLocatorMetaDataContainer_Insert* container = m_locator.getInsertContainer();
+    container->init(NO_CHECKPOINT);
+    ScanResult scanned;
+    return scanJournal(m_mirror, *container, ScanOptions(), m_mirror.journal().itemCount(),
+                       "index the live volume", control, &scanned);
+}
+
+RcStatus LiveVolume::write(u64 offsetBlocks, const u8* data, u32 lengthBlocks)
+{
+    Waiting waiting;
+    const RcStatus rc =
+        m_mirror.journal().prepareWrite(offsetBlocks, data, lengthBlocks, &waiting.m_request);
+    return rc == RC_SUCCESS ? append(waiting) : rc;
+}
+
+RcStatus LiveVolume::writeZeroes(u64 offsetBlocks, u64 lengthBlocks)
+{
+    Waiting waiting;
+    const RcStatus rc =
+        m_mirror.journal().prepareZeroes(offsetBlocks, lengthBlocks, &waiting.m_request);
+    return rc == RC_SUCCESS ? append(waiting) : rc;
+}
+
+RcStatus LiveVolume::append(Waiting& waiting)
+{
+    bool leads = false;
+    {
+        MutexGuard guard(m_queueMutex);
+        (m_last != nullptr ? m_last->m_next : m_first) = &waiting;
+        m_last = &waiting;
+        leads = !m_isLed;
+        m_isLed = true;
+    }
+    if (!leads) {
+        waiting.m_state.wait(Waiting::Queued, std::memory_order_acquire);
+        leads = waiting.m_state.load(std::memory_order_acquire) == Waiting::Leads;
+    }
+    if (leads)
+        lead(waiting);
+    return waiting.m_rc;
+}
+
+// Takes what queues, the leader's own request first, and hands the lead over.
+void LiveVolume::lead(Waiting& leader)
+{
+    m_group.clear();
+    {
+        MutexGuard guard(m_queueMutex);
+        for (Waiting* one = m_first; one != nullptr; one = one->m_next)
+            m_group.push_back(one);
+        m_first = m_last = nullptr;
+    }
+    appendGroup(m_group);
+    m_groups.fetch_add(1, std::memory_order_relaxed);
+    const auto wake = [](Waiting* one, Waiting::State state) {
+        // It may be gone as soon as the state is set; waking takes its address alone.
+        one->m_state.store(state, std::memory_order_release);
+        one->m_state.notify_one();
+    };
+    for (Waiting* one : m_group) {
+        if (one != &leader)
+            wake(one, Waiting::Done);
+    }
+    Waiting* next = nullptr;
+    {
+        MutexGuard guard(m_queueMutex);
+        next = m_first;
+        m_isLed = next != nullptr;
+    }
+    if (next != nullptr)
+        wake(next, Waiting::Leads);
+}
+
+void LiveVolume::appendGroup(const std::vector<Waiting*>& group)
+{
+    u64 insertions = 0;
+    for (const Waiting* one : group)
+        insertions += one->m_request.maxItems();
+    if (m_reserve.prepare(insertions) == RC_SUCCESS) {
+        appendPrepared(group);
+    } else {
+        // There may be memory for some of them.
+        for (Waiting* one : group) {
+            one->m_rc = m_reserve.prepare(one->m_request.maxItems());
+            if (one->m_rc == RC_SUCCESS)
+                appendPrepared({one});
+        }
+    }
+    m_mirror.tellNearlyFull();
+}
+
+void LiveVolume::appendPrepared(const std::vector<Waiting*>& group)
+{
+    m_requests.clear();
+    for (Waiting* one : group)
+        m_requests.push_back(&one->m_request);
+    m_mirror.journal().appendGroup(m_requests);
+    for (Waiting* one : group) {
+        one->m_rc = one->m_request.rc();
+        for (const SfsDiskMetaItem& item : one->m_request.items())
+            m_reserve.insert(SfsItemDescriptor::genFromSfsDiskMetaItem(item));
+    }
+}

@@ -1,0 +1,112 @@
+// The live volume of a mirror: what its clients write and read while it is protected.
+//
+//   write -> prepared (compressed, checksummed) -> queue -> the one that leads appends the group to
+//            the journal and inserts it into the index, in one order -> answered
+//   read  -> DirectReader over the index
+//
+// Requests that come while a group is being appended queue; whoever led hands over to the first of
+// them, which takes all that queue by then. So the index follows the journal's order, never that in
+// which requests happened to complete, and a restart rebuilds the very same index; and thirty
+// writers at once cost few hand-overs.
+//
+// A write is in the journal and in the index when it is answered, and durable after the next
+// flush(). What is read while a write to the same blocks is under way is either content.
+//
+// Thread safety: any thread.
+// Invariants: 1. nothing of the index is ever locked, so no operation on it waits, or stops the
+//                process over what it meets;
+//             2. the memory that a group's insertions take is reserved before it is appended.
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include "appliance/DirectReader.h"
+#include "appliance/FlowControl.h"
+#include "appliance/JournalIndex.h"
+#include "appliance/Mirror.h"
+#include "appliance/TokenReserve.h"
+#include "host/journal/JournalRequest.h"
+
+class LiveVolume : public JournalIndex
+{
+public:
+    // Builds the index from the journal. mirror: opened as writer, by which nobody else appends as
+    // long as this is open; it outlives the volume. Interrupted when control says so; Failed when
+    // the index does not fit the memory limit; Damaged.
+    static Result open(Mirror& mirror, FlowControl& control, std::unique_ptr<LiveVolume>* volume);
+
+    // REQUIRES: no request is under way. Flushes nothing: closing the mirror does.
+    ~LiveVolume() override;
+    LiveVolume(const LiveVolume&) = delete;
+    LiveVolume& operator=(const LiveVolume&) = delete;
+
+    u64 sizeBlocks() const { return m_mirror.settings().sizeBlocks(); }
+
+    // One request each. RC_BAD_ARGUMENT: no length, or beyond the volume; RC_NO_SPACE: the
+    // journal's limit is reached or the disk is full; RC_NO_MEMORY: no memory for the index;
+    // RC_IO_ERROR: the journal accepts nothing more. After a failure nothing has changed.
+    // Zeroes take no data, whatever their length.
+    RcStatus write(u64 offsetBlocks, const u8* data, u32 lengthBlocks);
+    RcStatus writeZeroes(u64 offsetBlocks, u64 lengthBlocks);
+
+    // Makes all that was answered before durable. As JournalStore::flush().
+    RcStatus flush() { return m_mirror.journal().flush(); }
+
+    // As DirectReader::read().
+    RcStatus read(u64 offsetBlocks, u32 lengthBlocks, u8* data)
+    {
+        return m_reader.read(offsetBlocks, lengthBlocks, data);
+    }
+
+    const ReadSources& sources() const { return m_sources; }
+    u64 memoryBytes() { return m_locator.getMemPool()->getMemoryStats().totalBytes; }
+
+    // Groups appended so far: how many requests share one tells how well they combine.
+    u64 groups() const { return m_groups.load(std::memory_order_relaxed); }
+
+    RegionLocator& locator() override { return m_locator; }
+    LocatorGate& gate() override { return m_gate; }
+    const PointUse* use() const override { return nullptr; }
+
+private:
+    // A request on its way through the queue; lives on its thread's stack.
+    struct Waiting
+    {
+        enum State : int
+        {
+            Queued,
+            Leads, // to append the queue
+            Done,
+        };
+        JournalRequest m_request;
+        RcStatus m_rc = RC_FAILURE;
+        Waiting* m_next = nullptr;
+        std::atomic<int> m_state{Queued};
+    };
+
+    explicit LiveVolume(Mirror& mirror);
+
+    Result build(FlowControl& control);
+    RcStatus append(Waiting& waiting);
+    void lead(Waiting& leader);
+    void appendGroup(const std::vector<Waiting*>& group);
+    void appendPrepared(const std::vector<Waiting*>& group);
+
+    Mirror& m_mirror;
+    RegionLocator m_locator;
+    LocatorGate m_gate;
+    ReadSources m_sources;
+    DirectReader m_reader;
+    std::atomic<u64> m_groups{0};
+
+    Mutex m_queueMutex;
+    bool m_isLed RL_GUARDED_BY(m_queueMutex) = false;
+    Waiting* m_first RL_GUARDED_BY(m_queueMutex) = nullptr;
+    Waiting* m_last RL_GUARDED_BY(m_queueMutex) = nullptr;
+
+    // Of the one that leads.
+    TokenReserve m_reserve;
+    std::vector<Waiting*> m_group;
+    std::vector<JournalRequest*> m_requests;
+};

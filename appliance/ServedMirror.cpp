@@ -1,0 +1,57 @@
+#include "appliance/ServedMirror.h"
+
+const char* servedOpName(ServedOp op)
+{
+    switch (op) {
+    case ServedOp::Read: return "read";
+    case ServedOp::Write: return "write";
+    case ServedOp::Zero: return "zero";
+    case ServedOp::Trim: return "trim";
+    case ServedOp::Flush: return "flush";
+    case ServedOp::Extents: return "extents";
+    }
+    return "";
+}
+
+ServedMirror::ServedMirror(TaskEngine& engine, ServedOptions options)
+    : m_engine(engine), m_options(std::move(options))
+{}
+
+ServedMirror::~ServedMirror()
+{
+    const Result ignored = stop(0);
+}
+
+Result ServedMirror::start()
+{
+    const MirrorAccess access = m_options.m_readOnly ? MirrorAccess::Reader : MirrorAccess::Writer;
+    if (Result result = Mirror::open(m_options.m_folder, access, m_options.m_recovery, &m_mirror);
+        !result.ok())
+        return result;
+    if (!m_options.m_readOnly) {
+        FlowControl control;
+        if (Result result = LiveVolume::open(*m_mirror, control, &m_live); !result.ok()) {
+            m_mirror.reset();
+            return result;
+        }
+    }
+    // Only the owner of the mirror can see to it that a view which nobody has open is in nobody's
+    // way.
+    m_views =
+        std::make_unique<ViewShelf>(*m_mirror, m_options.m_viewsBudgetBytes, !m_options.m_readOnly);
+    m_diffs = std::make_unique<DiffMaps>(*m_mirror, *m_views);
+    return Result();
+}
+
+Result ServedMirror::stop(u64 /*deadlineMs*/)
+{
+    if (m_mirror == nullptr)
+        return Result();
+    m_views->stop();
+    m_diffs.reset();
+    m_views.reset();
+    m_live.reset();
+    Result result = m_mirror->close();
+    m_mirror.reset();
+    return result;
+}

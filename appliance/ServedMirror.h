@@ -1,0 +1,68 @@
+// A mirror while a process serves it: its live volume, the views that its clients have open, and
+// what they asked for.
+//
+//   start: mirror -> live volume (of a writer) -> services      stop: the other way round
+//
+// Thread safety: start() and stop() from the thread that owns it; all else from any thread between
+// the two.
+// Invariants: one process owns a mirror that is served for writing.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "appliance/DiffMaps.h"
+#include "appliance/LiveVolume.h"
+#include "appliance/Mirror.h"
+#include "appliance/ServedCounters.h"
+#include "appliance/ViewShelf.h"
+#include "host/tasks/TaskEngine.h"
+
+struct ServedOptions
+{
+    std::string m_folder;
+    bool m_readOnly = false; // no live volume; takes no lock on the folder
+    JournalRecovery m_recovery = JournalRecovery::Tail;
+    u64 m_viewsBudgetBytes = u64{1} << 30;
+    u64 m_checkpointEverySeconds = 0; // 0: none are set by time
+    u64 m_checkpointEveryBytes = 0;   // written by clients; 0: none are set by amount
+};
+
+class ServedMirror
+{
+public:
+    // engine: outlives it.
+    ServedMirror(TaskEngine& engine, ServedOptions options);
+    ~ServedMirror(); // stops
+    ServedMirror(const ServedMirror&) = delete;
+    ServedMirror& operator=(const ServedMirror&) = delete;
+
+    // Opens all. As Mirror::open() and LiveVolume::open(); nothing is left open after a failure.
+    Result start();
+
+    // Ends what is under way, and closes the mirror: all that was answered is durable after that.
+    // TimedOut is not among the outcomes: who cannot be waited for is left behind, and the mirror
+    // is closed nevertheless. REQUIRES: no client has anything open. Failures of the journal's
+    // close. deadlineMs: absolute monotonic milliseconds for what may be waited for.
+    Result stop(u64 deadlineMs);
+
+    const ServedOptions& options() const { return m_options; }
+    TaskEngine& engine() { return m_engine; }
+
+    // REQUIRES of these: started.
+    Mirror& mirror() { return *m_mirror; }
+    LiveVolume* live() { return m_live.get(); } // null when read-only
+    ViewShelf& views() { return *m_views; }
+    DiffMaps& diffs() { return *m_diffs; }
+
+    ServedCounters& counters() { return m_counters; }
+
+private:
+    TaskEngine& m_engine;
+    const ServedOptions m_options;
+    ServedCounters m_counters;
+    std::unique_ptr<Mirror> m_mirror;
+    std::unique_ptr<LiveVolume> m_live;
+    std::unique_ptr<ViewShelf> m_views;
+    std::unique_ptr<DiffMaps> m_diffs;
+};

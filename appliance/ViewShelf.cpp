@@ -1,0 +1,224 @@
+#include "appliance/ViewShelf.h"
+
+#include "appliance/Sizes.h"
+
+namespace {
+
+// Ends a build when the shelf is stopped.
+class StopControl : public FlowControl
+{
+public:
+    explicit StopControl(const std::atomic<bool>& stopped) : m_stopped(stopped) {}
+    bool stopRequested() override { return m_stopped; }
+
+private:
+    const std::atomic<bool>& m_stopped;
+};
+
+} // namespace
+
+ViewShelf::Lease::~Lease()
+{
+    m_shared.reset();
+    if (m_shelf != nullptr)
+        m_shelf->giveBack(m_items);
+}
+
+ViewShelf::ViewShelf(Mirror& mirror, u64 budgetBytes, bool keepsUnused)
+    : m_mirror(mirror), m_budgetBytes(budgetBytes), m_keepsUnused(keepsUnused)
+{}
+
+ViewShelf::~ViewShelf()
+{
+    MutexGuard guard(m_mutex);
+    for (const auto& [items, slot] : m_slots)
+        SOFT_CHECK(slot.m_leases == 0, << " items=" << items);
+}
+
+void ViewShelf::stop()
+{
+    m_stopped = true;
+}
+
+u64 ViewShelf::bytesLocked() const
+{
+    u64 bytes = 0;
+    for (const auto& [items, slot] : m_slots)
+        bytes += slot.m_bytes;
+    return bytes;
+}
+
+// Lets unused views go until the rest fits; what goes is destroyed without the lock.
+bool ViewShelf::makeRoomLocked(Gone* gone)
+{
+    u64 bytes = bytesLocked();
+    while (bytes > m_budgetBytes) {
+        auto oldest = m_slots.end();
+        for (auto at = m_slots.begin(); at != m_slots.end(); ++at) {
+            const bool isUnused = at->second.m_leases == 0 && at->second.m_shared != nullptr;
+            if (isUnused &&
+                (oldest == m_slots.end() || at->second.m_lastUse < oldest->second.m_lastUse))
+                oldest = at;
+        }
+        if (oldest == m_slots.end())
+            return false;
+        bytes -= oldest->second.m_bytes;
+        gone->push_back(std::move(oldest->second.m_shared));
+        m_slots.erase(oldest);
+        ++m_dropped;
+    }
+    return true;
+}
+
+void ViewShelf::leaseLocked(u64 items, Slot& slot, Lease* lease)
+{
+    ++slot.m_leases;
+    slot.m_lastUse = ++m_uses;
+    Lease leased;
+    leased.m_shelf = this;
+    leased.m_items = items;
+    leased.m_shared = slot.m_shared;
+    *lease = std::move(leased);
+}
+
+Result ViewShelf::open(const ChosenPoint& point, Lease* lease)
+{
+    {
+        MutexGuard guard(m_mutex);
+        for (;;) {
+            const auto found = m_slots.find(point.m_items);
+            if (found == m_slots.end())
+                break;
+            if (found->second.m_shared != nullptr) {
+                leaseLocked(point.m_items, found->second, lease);
+                return Result();
+            }
+            m_settled.wait(m_mutex);
+        }
+        m_slots[point.m_items].m_lastUse = ++m_uses;
+    }
+    std::shared_ptr<Shared> built;
+    Result result = build(point, &built);
+    Gone gone;
+    MutexGuard guard(m_mutex);
+    if (result.ok()) {
+        Slot& slot = m_slots[point.m_items];
+        slot.m_bytes = built->view().memoryBytes();
+        if (makeRoomLocked(&gone)) {
+            slot.m_shared = std::move(built);
+            ++m_built;
+            leaseLocked(point.m_items, slot, lease);
+        } else {
+            gone.push_back(std::move(built));
+            result = Result(ResultCode::Interrupted, "");
+        }
+    }
+    if (result.code() == ResultCode::Interrupted && !m_stopped)
+        result =
+            Result(ResultCode::NoSpace, "no room for a view of " + point.name() +
+                                            ": the budget of " + formatSize(m_budgetBytes) +
+                                            " for all views is used up by those that are open");
+    if (!result.ok())
+        m_slots.erase(point.m_items);
+    m_settled.notify_all();
+    return result;
+}
+
+Result ViewShelf::build(const ChosenPoint& point, std::shared_ptr<Shared>* built)
+{
+    if (m_stopped)
+        return Result(ResultCode::Interrupted, "the server is stopping");
+    // A scan sees what is flushed.
+    if (m_mirror.journal().durableItemCount() < point.m_items)
+        if (Result result = m_mirror.flush(); !result.ok())
+            return result;
+    const std::shared_ptr<Shared> from = nearest(point);
+    ViewBuildOptions options;
+    options.m_from = from != nullptr ? &from->view() : nullptr;
+    options.m_admits = [&](u64 bytes) { return admits(point.m_items, bytes); };
+    StopControl control(m_stopped);
+    std::unique_ptr<View> view;
+    if (Result result = View::build(m_mirror, point, control, &view, options); !result.ok())
+        return result;
+    *built = std::make_shared<Shared>(std::move(view), m_sources);
+    if (from != nullptr) {
+        MutexGuard guard(m_mutex);
+        ++m_continued;
+    }
+    return Result();
+}
+
+// The latest view before the point, where going on from it is cheaper than from the beginning: a
+// region that is copied costs about as much as an item that is scanned.
+std::shared_ptr<ViewShelf::Shared> ViewShelf::nearest(const ChosenPoint& point)
+{
+    const u64 begin = m_mirror.journal().begin().m_items;
+    MutexGuard guard(m_mutex);
+    std::shared_ptr<Shared> best;
+    u64 bestCost = point.m_items - std::min(begin, point.m_items);
+    for (auto& [items, slot] : m_slots) {
+        if (items >= point.m_items)
+            break;
+        if (slot.m_shared == nullptr)
+            continue;
+        const u64 cost = slot.m_shared->view().locator().getItemCount() + (point.m_items - items);
+        if (cost < bestCost) {
+            best = slot.m_shared;
+            bestCost = cost;
+        }
+    }
+    return best;
+}
+
+bool ViewShelf::admits(u64 items, u64 bytes)
+{
+    Gone gone;
+    MutexGuard guard(m_mutex);
+    m_slots[items].m_bytes = bytes;
+    return makeRoomLocked(&gone);
+}
+
+void ViewShelf::giveBack(u64 items)
+{
+    Gone gone;
+    MutexGuard guard(m_mutex);
+    const auto found = m_slots.find(items);
+    --found->second.m_leases;
+    found->second.m_lastUse = ++m_uses;
+    if (found->second.m_leases == 0 && !m_keepsUnused) {
+        gone.push_back(std::move(found->second.m_shared));
+        m_slots.erase(found);
+    }
+}
+
+u64 ViewShelf::dropUnused(u64 beforeItems)
+{
+    Gone gone;
+    MutexGuard guard(m_mutex);
+    for (auto at = m_slots.begin(); at != m_slots.end() && at->first < beforeItems;) {
+        if (at->second.m_leases == 0 && at->second.m_shared != nullptr) {
+            gone.push_back(std::move(at->second.m_shared));
+            at = m_slots.erase(at);
+            ++m_dropped;
+        } else {
+            ++at;
+        }
+    }
+    return gone.size();
+}
+
+ViewShelfReport ViewShelf::report()
+{
+    MutexGuard guard(m_mutex);
+    ViewShelfReport report;
+    for (const auto& [items, slot] : m_slots) {
+        ++report.m_views;
+        report.m_open += slot.m_leases > 0;
+        report.m_bytes += slot.m_bytes;
+    }
+    report.m_budgetBytes = m_budgetBytes;
+    report.m_built = m_built;
+    report.m_continued = m_continued;
+    report.m_dropped = m_dropped;
+    return report;
+}

@@ -1,0 +1,144 @@
+// The views that the connections to a mirror share: each is built when it is first opened, found by
+// its point, and kept for the next one as long as the budget over all of them allows.
+//
+//   open(point): ready -> shared; being built by another thread -> waited for; else built here,
+//   from the nearest earlier view where copying its regions and scanning the items between costs
+//   less than a scan from the journal's beginning
+//
+// When the budget is used up, views that nobody has open go, the least recently used one first; if
+// that does not suffice the one that is being built is refused, never one that is open.
+//
+// Thread safety: any thread.
+// Invariants: 1. two connections to one point have one view; points that hold the same items are
+//                one point here;
+//             2. what the views take together, those being built too, exceeds the budget by no more
+//                than what one step of a build adds.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <map>
+#include <memory>
+
+#include "appliance/DirectReader.h"
+#include "appliance/View.h"
+
+struct ViewShelfReport
+{
+    u64 m_views = 0; // that are kept, open or not
+    u64 m_open = 0;  // of these, in use
+    u64 m_bytes = 0; // of their indexes, those being built too
+    u64 m_budgetBytes = 0;
+    u64 m_built = 0;     // since the beginning
+    u64 m_continued = 0; // of these, from an earlier view
+    u64 m_dropped = 0;   // least recently used ones, and those in apply's way
+};
+
+class ViewShelf
+{
+public:
+    // One view and its reader.
+    class Shared
+    {
+    public:
+        Shared(std::unique_ptr<View> view, ReadSources& sources)
+            : m_view(std::move(view)), m_reader(m_view->mirror(), m_view->locator(),
+                                                "view " + m_view->point().name(), sources)
+        {}
+        View& view() { return *m_view; }
+        DirectReader& reader() { return m_reader; }
+
+    private:
+        std::unique_ptr<View> m_view;
+        DirectReader m_reader;
+    };
+
+    // Keeps a view open while it lives.
+    class Lease
+    {
+    public:
+        Lease() = default;
+        Lease(Lease&& other) noexcept { swap(other); }
+        Lease& operator=(Lease&& other) noexcept
+        {
+            swap(other);
+            return *this;
+        }
+        ~Lease();
+        Lease(const Lease&) = delete;
+        Lease& operator=(const Lease&) = delete;
+
+        Shared* operator->() const { return m_shared.get(); }
+        explicit operator bool() const { return m_shared != nullptr; }
+
+    private:
+        friend class ViewShelf;
+        void swap(Lease& other) noexcept
+        {
+            std::swap(m_shelf, other.m_shelf);
+            std::swap(m_items, other.m_items);
+            m_shared.swap(other.m_shared);
+        }
+
+        ViewShelf* m_shelf = nullptr;
+        u64 m_items = 0;
+        std::shared_ptr<Shared> m_shared;
+    };
+
+    // keepsUnused: whether a view that nobody has open any more stays for the next one; it keeps
+    // its point from being passed meanwhile (dropUnused()). mirror: outlives the shelf.
+    ViewShelf(Mirror& mirror, u64 budgetBytes, bool keepsUnused);
+    // REQUIRES: no lease is left.
+    ~ViewShelf();
+    ViewShelf(const ViewShelf&) = delete;
+    ViewShelf& operator=(const ViewShelf&) = delete;
+
+    // NoSpace: the budget is used up by views that are open; Interrupted: stopped; else as
+    // View::build(). What a writer has journaled before the call is part of what is found.
+    Result open(const ChosenPoint& point, Lease* lease);
+
+    // Closes the views that nobody has open and that are of points before this one: for who wants
+    // to pass them. Returns how many.
+    u64 dropUnused(u64 beforeItems);
+
+    // Builds that are under way end, and none begins any more.
+    void stop();
+
+    ViewShelfReport report();
+    const ReadSources& sources() const { return m_sources; }
+
+    u64 budgetBytes() const { return m_budgetBytes; }
+
+private:
+    struct Slot
+    {
+        std::shared_ptr<Shared> m_shared; // null while it is built
+        u64 m_leases = 0;
+        u64 m_lastUse = 0;
+        u64 m_bytes = 0; // as it was built, or is by now
+    };
+    using Slots = std::map<u64, Slot>; // by items
+    using Gone = std::vector<std::shared_ptr<Shared>>;
+
+    Result build(const ChosenPoint& point, std::shared_ptr<Shared>* built);
+    std::shared_ptr<Shared> nearest(const ChosenPoint& point);
+    bool admits(u64 items, u64 bytes);
+    bool makeRoomLocked(Gone* gone) RL_REQUIRES(m_mutex);
+    u64 bytesLocked() const RL_REQUIRES(m_mutex);
+    void leaseLocked(u64 items, Slot& slot, Lease* lease) RL_REQUIRES(m_mutex);
+    void giveBack(u64 items);
+
+    Mirror& m_mirror;
+    const u64 m_budgetBytes;
+    const bool m_keepsUnused;
+    ReadSources m_sources;
+    std::atomic<bool> m_stopped{false};
+
+    Mutex m_mutex;
+    std::condition_variable_any m_settled; // a build has ended
+    Slots m_slots RL_GUARDED_BY(m_mutex);
+    u64 m_uses RL_GUARDED_BY(m_mutex) = 0;
+    u64 m_built RL_GUARDED_BY(m_mutex) = 0;
+    u64 m_continued RL_GUARDED_BY(m_mutex) = 0;
+    u64 m_dropped RL_GUARDED_BY(m_mutex) = 0;
+};
