@@ -1,7 +1,6 @@
 """Backups of recorded traces: every prefix restores to what export gives, and the streams hold
 exactly the blocks that changed, as a reader finds that knows nothing but the format."""
 
-import glob
 import os
 import shutil
 import signal
@@ -9,8 +8,9 @@ import struct
 import subprocess
 import time
 
-from support import (BLOCK, RLCTL, Expectation, Folder, Failure, check, compare_image, data_extents,
-                     generated_trace, payload, read_trace, rlctl, rlctl_json, run)
+from support import (BLOCK, RLCTL, Expectation, Folder, Failure, check, compare_image,
+                     generated_trace, payload, read_trace, recorded_traces, rlctl, rlctl_json, run,
+                     same_image)
 
 SIZE = 40 << 30
 INCREMENTS = 10
@@ -100,27 +100,6 @@ def check_diff(mirror, span, expected):
                   "diff %s: block %d" % (span, block))
         seen += end - first
     check(seen == len(expected), "diff %s has %d blocks, not %d" % (span, seen, len(expected)))
-
-
-def same_image(one, other):
-    """Whether two sparse files read the same."""
-    size = os.path.getsize(one)
-    if size != os.path.getsize(other):
-        return False
-    with open(one, "rb") as a, open(other, "rb") as b:
-        runs = sorted(list(data_extents(a, size)) + list(data_extents(b, size)))
-        done = 0
-        for start, end in runs:
-            start = max(start, done)
-            while start < end:
-                count = min(end - start, 1 << 20)
-                a.seek(start)
-                b.seek(start)
-                if a.read(count) != b.read(count):
-                    return False
-                start += count
-            done = max(done, end)
-    return True
 
 
 def points_after(lines, every):
@@ -361,11 +340,7 @@ def test_empty_increment_of_a_large_volume():
 
 
 def test_recorded_traces():
-    folder = os.environ.get("RL_TRACES", "")
-    traces = sorted(glob.glob(os.path.join(folder, "*.csv*"))) if folder else []
-    if not traces:
-        print("RL_TRACES names no traces: only generated streams are tested")
-    for trace in traces:
+    for trace in recorded_traces():
         # Each prefix of a large trace is half a gigabyte to write twice and to read twice.
         large = os.path.getsize(trace) > 100000 and not os.environ.get("RL_LONG_TESTS")
         prefixes = (0, INCREMENTS) if large else range(INCREMENTS + 1)

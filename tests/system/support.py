@@ -5,6 +5,7 @@ recorded line that wrote it, 0 for zeroes. It shares no code with the program.
 """
 
 import array
+import glob
 import json
 import os
 import random
@@ -173,6 +174,27 @@ def compare_image(path, size, expectation):
                 position += len(part)
 
 
+def same_image(one, other):
+    """Whether two sparse files read the same."""
+    size = os.path.getsize(one)
+    if size != os.path.getsize(other):
+        return False
+    with open(one, "rb") as a, open(other, "rb") as b:
+        runs = sorted(list(data_extents(a, size)) + list(data_extents(b, size)))
+        done = 0
+        for start, end in runs:
+            start = max(start, done)
+            while start < end:
+                count = min(end - start, 1 << 20)
+                a.seek(start)
+                b.seek(start)
+                if a.read(count) != b.read(count):
+                    return False
+                start += count
+            done = max(done, end)
+    return True
+
+
 def check_lookup(mirror, at, offset, length, expectation):
     """The pieces cover the range exactly and name what the expectation does."""
     pieces = rlctl_json("lookup", mirror, "--at", at, "--offset", offset * BLOCK,
@@ -226,6 +248,15 @@ def generated_trace(path, lines=4000, blocks=1 << 22, seed=7):
             if op == "F":
                 offset = length = 0
             file.write("%d,%s,%d,%d\n" % (i * 10, op, offset, length))
+
+
+def recorded_traces():
+    """The traces that RL_TRACES names; says so when there are none."""
+    folder = os.environ.get("RL_TRACES", "")
+    traces = sorted(glob.glob(os.path.join(folder, "*.csv*"))) if folder else []
+    if not traces:
+        print("RL_TRACES names no traces: only generated streams are tested")
+    return traces
 
 
 class Folder:

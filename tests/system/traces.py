@@ -1,11 +1,10 @@
 """Records each trace, and compares exports, lookups and statistics with an expectation."""
 
-import glob
 import os
 import random
 
 from support import (BLOCK, Expectation, Folder, check, check_lookup, compare_image,
-                     generated_trace, read_trace, rlctl, rlctl_json, run)
+                     generated_trace, read_trace, recorded_traces, rlctl, rlctl_json, run)
 
 SIZE = 40 << 30
 
@@ -86,11 +85,7 @@ def test_generated_stream_compressed():
 
 
 def test_recorded_traces():
-    folder = os.environ.get("RL_TRACES", "")
-    traces = sorted(glob.glob(os.path.join(folder, "*.csv*"))) if folder else []
-    if not traces:
-        print("RL_TRACES names no traces: only generated streams are tested")
-    for trace in traces:
+    for trace in recorded_traces():
         print("   " + os.path.basename(trace), flush=True)
         # The last checkpoint is the latest point: a second export of it would cost time for nothing.
         check_trace(trace, 10000, with_latest=False)
