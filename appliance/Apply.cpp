@@ -117,6 +117,7 @@ Result Applier::buildIndex()
                           (scanned.message.empty() ? rcStatusText(scanned.rc) : scanned.message));
     if (scanned.itemsBefore != m_to.m_items)
         return Result(ResultCode::Damaged, "the journal ends before " + m_to.name());
+    m_statistics.m_itemBytes = m_locator.getStatistics().m_bytesInserted;
     return Result();
 }
 

@@ -29,6 +29,7 @@ struct ApplyStatistics
     u64 m_fromItems = 0; // where the target was
     u64 m_toItems = 0;
     u64 m_items = 0;        // that lie between
+    u64 m_itemBytes = 0;    // of the volume, that these cover; of one block twice where two do
     u64 m_dataBytes = 0;    // written, or to be written
     u64 m_zeroBytes = 0;    // made holes
     bool m_resumed = false; // an apply to the same point that was cut off

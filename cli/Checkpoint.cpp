@@ -2,8 +2,8 @@
 
 #include <fmt/format.h>
 
-#include "appliance/Rfc3339.h"
 #include "cli/Commands.h"
+#include "cli/Session.h"
 
 namespace {
 
@@ -13,58 +13,43 @@ struct Arguments
     std::string m_tag;
 };
 
-Json toJson(const CheckpointInfo& checkpoint)
+std::string toText(const Json& checkpoint)
 {
-    return Json{{"id", checkpoint.m_id},
-                {"tag", checkpoint.m_tag},
-                {"time", formatRfc3339(checkpoint.m_timeMicros)},
-                {"items", checkpoint.m_items}};
-}
-
-std::string toText(const CheckpointInfo& checkpoint)
-{
-    return fmt::format("{:>8}  {}  {:>12} items  {}\n", fmt::format("cp:{}", checkpoint.m_id),
-                       formatRfc3339(checkpoint.m_timeMicros), checkpoint.m_items,
-                       checkpoint.m_tag);
+    return fmt::format("{:>8}  {}  {:>12} items  {}\n",
+                       fmt::format("cp:{}", checkpoint["id"].get<u64>()),
+                       checkpoint["time"].get<std::string>(), checkpoint["items"].get<u64>(),
+                       checkpoint["tag"].get<std::string>());
 }
 
 Result setOne(Context& context, const Arguments& arguments)
 {
-    std::unique_ptr<Mirror> mirror;
-    if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Writer, &mirror);
+    Json made;
+    if (Result result = runCommand(context, arguments.m_mirror, MirrorAccess::Writer, "checkpoint",
+                                   Json{{"tag", arguments.m_tag}}, nullptr, &made);
         !result.ok())
         return result;
-    CpId_t id = 0;
-    if (Result result = mirror->checkpoint(arguments.m_tag, &id); !result.ok())
-        return result;
-    const CheckpointInfo checkpoint = mirror->window().m_checkpoints.back();
-    if (Result result = mirror->close(); !result.ok())
-        return result;
     if (context.json())
-        context.result(toJson(checkpoint));
+        context.result(made);
     else
-        context.result(toText(checkpoint));
+        context.result(toText(made));
     return Result();
 }
 
 Result list(Context& context, const Arguments& arguments)
 {
-    std::unique_ptr<Mirror> mirror;
-    if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Reader, &mirror);
+    Json found;
+    if (Result result = runCommand(context, arguments.m_mirror, MirrorAccess::Reader, "checkpoints",
+                                   Json(), nullptr, &found);
         !result.ok())
         return result;
-    const RecoverableWindow window = mirror->window();
     if (context.json()) {
-        Json checkpoints = Json::array();
-        for (const CheckpointInfo& checkpoint : window.m_checkpoints)
-            checkpoints.push_back(toJson(checkpoint));
-        context.result(Json{{"checkpoints", checkpoints}});
+        context.result(found);
         return Result();
     }
-    if (window.m_checkpoints.empty())
+    if (found["checkpoints"].empty())
         context.say("no checkpoints");
     std::string text;
-    for (const CheckpointInfo& checkpoint : window.m_checkpoints)
+    for (const Json& checkpoint : found["checkpoints"])
         text += toText(checkpoint);
     context.result(text);
     return Result();

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "appliance/ControlClient.h"
 #include "appliance/Sizes.h"
 #include "host/infra/TweaksLoader.h"
 
@@ -128,12 +129,26 @@ int Context::run()
     return tell(result);
 }
 
+// What was written to a served mirror before this command came is in what it reads.
+void Context::flushServed(const std::string& folder) const
+{
+    std::unique_ptr<ControlClient> client;
+    if (!ControlClient::connect(folder, &client).ok())
+        return;
+    CommandControl control;
+    Json nothing;
+    if (Result result = client->run("flush", Json(), control, &nothing); !result.ok())
+        say("what was written last may be missing: " + result.message());
+}
+
 Result Context::openMirror(const std::string& folder, MirrorAccess access,
                            std::unique_ptr<Mirror>* mirror)
 {
     JournalRecovery recovery = JournalRecovery::Tail;
     if (Result result = parseRecovery(m_options.m_recovery, &recovery); !result.ok())
         return result;
+    if (access == MirrorAccess::Reader)
+        flushServed(folder);
     if (Result result = Mirror::open(folder, access, recovery, mirror); !result.ok())
         return result;
     const JournalReport& report = (*mirror)->report();

@@ -72,6 +72,7 @@ public:
     int tell(const Result& result) const;
 
 private:
+    void flushServed(const std::string& folder) const;
     Result startHost();
     Result applyTweaks();
     bool color() const;

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "cli/Commands.h"
+#include "cli/Session.h"
 
 namespace {
 
@@ -13,52 +14,32 @@ struct Arguments
     std::string m_name;
 };
 
-// The first of hold-1, hold-2... that is free.
-std::string freeName(const std::vector<Hold>& holds)
-{
-    for (u64 i = 1;; ++i) {
-        std::string name = "hold-" + std::to_string(i);
-        bool taken = false;
-        for (const Hold& hold : holds)
-            taken = taken || hold.m_name == name;
-        if (!taken)
-            return name;
-    }
-}
-
 Result hold(Context& context, const Arguments& arguments)
 {
-    std::unique_ptr<Mirror> mirror;
-    if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Reader, &mirror);
+    Json added;
+    if (Result result =
+            runCommand(context, arguments.m_mirror, MirrorAccess::Reader, "hold",
+                       Json{{"at", arguments.m_at}, {"name", arguments.m_name}}, nullptr, &added);
         !result.ok())
         return result;
-    PointName name;
-    if (Result result = parsePoint(arguments.m_at, &name); !result.ok())
-        return result;
-    ChosenPoint point;
-    if (Result result = choosePoint(name, mirror->window(), &point); !result.ok())
-        return result;
-    Hold added{arguments.m_name, point.m_items, point.name()};
-    if (Result result = mirror->hold(&added, freeName); !result.ok())
-        return result;
+    const std::string point = added["description"].get<std::string>();
+    added.erase("description");
     if (context.json())
-        context.result(
-            Json{{"name", added.m_name}, {"point", added.m_point}, {"items", added.m_items}});
+        context.result(added);
     else
-        context.result(fmt::format("'{}' holds {}\n", added.m_name, point.description()));
+        context.result(fmt::format("'{}' holds {}\n", added["name"].get<std::string>(), point));
     return Result();
 }
 
 Result release(Context& context, const Arguments& arguments)
 {
-    std::unique_ptr<Mirror> mirror;
-    if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Reader, &mirror);
+    Json released;
+    if (Result result = runCommand(context, arguments.m_mirror, MirrorAccess::Reader, "release",
+                                   Json{{"name", arguments.m_name}}, nullptr, &released);
         !result.ok())
         return result;
-    if (Result result = mirror->release(arguments.m_name); !result.ok())
-        return result;
     if (context.json())
-        context.result(Json{{"name", arguments.m_name}});
+        context.result(released);
     else
         context.say("released '" + arguments.m_name + "'");
     return Result();

@@ -3,6 +3,7 @@
 #include "appliance/Retention.h"
 #include "appliance/Sizes.h"
 #include "cli/Commands.h"
+#include "cli/Session.h"
 
 namespace {
 
@@ -29,33 +30,30 @@ Result parseCount(const std::string& text, u64* count)
 
 Result run(Context& context, const Arguments& arguments)
 {
-    std::unique_ptr<Mirror> mirror;
-    if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Writer, &mirror);
-        !result.ok())
-        return result;
-    u64 checkpoints = mirror->settings().m_keepCheckpoints;
-    u64 seconds = mirror->settings().m_keepForSeconds;
-    u64 limit = mirror->settings().m_journalLimitBytes;
+    Json changes = Json::object();
+    u64 value = 0;
     if (!arguments.m_keepCheckpoints.empty()) {
-        if (Result result = parseCount(arguments.m_keepCheckpoints, &checkpoints); !result.ok())
+        if (Result result = parseCount(arguments.m_keepCheckpoints, &value); !result.ok())
             return result;
+        changes["keep_checkpoints"] = value;
     }
     if (!arguments.m_keepFor.empty()) {
-        if (Result result = parseDuration(arguments.m_keepFor, &seconds); !result.ok())
+        if (Result result = parseDuration(arguments.m_keepFor, &value); !result.ok())
             return result;
+        changes["keep_for_seconds"] = value;
     }
     if (!arguments.m_journalLimit.empty()) {
-        if (Result result = parseSize(arguments.m_journalLimit, &limit); !result.ok())
+        if (Result result = parseSize(arguments.m_journalLimit, &value); !result.ok())
             return result;
+        changes["journal_limit_bytes"] = value;
     }
-    if (Result result = mirror->changeSettings(checkpoints, seconds, limit); !result.ok())
-        return result;
-    if (Result result = mirror->close(); !result.ok())
+    Json now;
+    if (Result result = runCommand(context, arguments.m_mirror, MirrorAccess::Writer, "set",
+                                   changes, nullptr, &now);
+        !result.ok())
         return result;
     if (context.json())
-        context.result(Json{{"keep_checkpoints", checkpoints},
-                            {"keep_for_seconds", seconds},
-                            {"journal_limit_bytes", limit}});
+        context.result(now);
     else
         context.say("set");
     return Result();

@@ -4,6 +4,7 @@
 
 #include "appliance/Sizes.h"
 #include "cli/Commands.h"
+#include "cli/Session.h"
 
 namespace {
 
@@ -15,36 +16,27 @@ struct Arguments
 
 Result run(Context& context, const Arguments& arguments)
 {
-    std::unique_ptr<Mirror> mirror;
-    if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Reader, &mirror);
+    Json s;
+    const auto reporter = context.progress("indexing");
+    if (Result result = runCommand(context, arguments.m_mirror, MirrorAccess::Reader, "stats",
+                                   Json{{"at", arguments.m_at}}, reporter.get(), &s);
         !result.ok())
         return result;
-    std::unique_ptr<View> view;
-    const auto reporter = context.progress("indexing");
-    if (Result result = context.openView(*mirror, arguments.m_at, *reporter, &view); !result.ok())
-        return result;
     reporter->finish();
-    const ViewStatistics& s = view->statistics();
     if (context.json()) {
-        context.result(Json{{"at", view->point().name()},
-                            {"ios_inserted", s.m_iosInserted},
-                            {"bytes_inserted", s.m_bytesInserted},
-                            {"unique_bytes", s.m_uniqueBytes},
-                            {"regions", s.m_regions},
-                            {"merges", s.m_merges},
-                            {"bytes_per_region", s.m_bytesPerRegion},
-                            {"items_scanned", s.m_itemsScanned},
-                            {"index_seconds", s.m_indexSeconds}});
+        context.result(s);
         return Result();
     }
-    const double rate =
-        s.m_indexSeconds > 0 ? static_cast<double>(s.m_itemsScanned) / s.m_indexSeconds : 0;
+    const auto number = [&](const char* name) { return s[name].get<u64>(); };
+    const double seconds = s["index_seconds"].get<double>();
+    const double rate = seconds > 0 ? s["items_scanned"].get<double>() / seconds : 0;
     context.result(fmt::format("{} IOs inserted, {}; {} unique in {} regions; {} merges\n"
                                "{:.1f} bytes of memory per region\n"
                                "{} items scanned in {:.3f} s ({:.0f} a second)\n",
-                               s.m_iosInserted, formatSize(s.m_bytesInserted),
-                               formatSize(s.m_uniqueBytes), s.m_regions, s.m_merges,
-                               s.m_bytesPerRegion, s.m_itemsScanned, s.m_indexSeconds, rate));
+                               number("ios_inserted"), formatSize(number("bytes_inserted")),
+                               formatSize(number("unique_bytes")), number("regions"),
+                               number("merges"), s["bytes_per_region"].get<double>(),
+                               number("items_scanned"), seconds, rate));
     return Result();
 }
 

@@ -1,12 +1,11 @@
 // rlctl trim
 
-#include "appliance/Trim.h"
-
 #include <fmt/format.h>
 
 #include "appliance/Sizes.h"
 #include "cli/Commands.h"
 #include "cli/Confirm.h"
+#include "cli/Session.h"
 
 namespace {
 
@@ -19,60 +18,41 @@ struct Arguments
     bool m_yes = false;
 };
 
-Json toJson(const TrimStatistics& statistics, const ChosenPoint& to, bool dryRun)
-{
-    return Json{{"to", to.name()},
-                {"dry_run", dryRun},
-                {"items", statistics.m_items},
-                {"data_grains", statistics.m_dataGrains},
-                {"metadata_grains", statistics.m_metaGrains},
-                {"journal_bytes", statistics.m_bytes},
-                {"seconds", statistics.m_seconds}};
-}
-
 Result run(Context& context, const Arguments& arguments)
 {
-    std::unique_ptr<Mirror> mirror;
-    if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Writer, &mirror);
+    std::unique_ptr<Session> session;
+    if (Result result = Session::open(context, arguments.m_mirror, MirrorAccess::Writer, &session);
         !result.ok())
         return result;
-    if (arguments.m_retention == !arguments.m_to.empty())
-        return Result::usage("say either --to POINT or --retention");
-    ChosenPoint to;
-    if (arguments.m_retention) {
-        // What the target holds is served from there: none of it need stay in the journal.
-        to.m_items = mirror->applyState().m_items;
-    } else {
-        PointName name;
-        if (Result result = parsePoint(arguments.m_to, &name); !result.ok())
-            return result;
-        if (Result result = choosePoint(name, mirror->journalWindow(), &to); !result.ok())
-            return result;
-    }
-    context.say("to " + to.description());
+    Json point;
+    Json asked = {{"retention", arguments.m_retention}};
+    if (!arguments.m_to.empty())
+        asked["to"] = arguments.m_to;
+    if (Result result = session->run("trim-point", asked, nullptr, &point); !result.ok())
+        return result;
+    const std::string to = point["to"].get<std::string>();
     if (!arguments.m_dryRun && !arguments.m_yes) {
-        if (Result result = confirm("The journal before " + to.name() + " will be removed.");
-            !result.ok())
+        if (Result result = confirm("The journal before " + to + " will be removed."); !result.ok())
             return result;
     }
-    TrimOptions options;
-    options.m_dryRun = arguments.m_dryRun;
-    TrimStatistics statistics;
+    Json done;
     const auto reporter = context.progress("trimming");
-    Result trimmed = trimMirror(*mirror, context.engine(), to, options, *reporter, &statistics);
-    Result closed = mirror->close();
+    Result trimmed = session->run("trim", Json{{"to", to}, {"dry_run", arguments.m_dryRun}},
+                                  reporter.get(), &done);
+    Result closed = session->close();
     if (!trimmed.ok())
         return trimmed;
     if (!closed.ok())
         return closed;
     reporter->finish();
     if (context.json())
-        context.result(toJson(statistics, to, arguments.m_dryRun));
+        context.result(done);
     else
-        context.result(fmt::format("{} {} items: {} of journal, {} data and {} metadata grains\n",
-                                   arguments.m_dryRun ? "would trim" : "trimmed",
-                                   statistics.m_items, formatSize(statistics.m_bytes),
-                                   statistics.m_dataGrains, statistics.m_metaGrains));
+        context.result(
+            fmt::format("{} {} items: {} of journal, {} data and {} metadata grains\n",
+                        arguments.m_dryRun ? "would trim" : "trimmed", done["items"].get<u64>(),
+                        formatSize(done["journal_bytes"].get<u64>()),
+                        done["data_grains"].get<u64>(), done["metadata_grains"].get<u64>()));
     return Result();
 }
 
