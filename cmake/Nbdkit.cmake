@@ -1,0 +1,16 @@
+# Whether the NBD plugin can be built, and where nbdkit looks for plugins. Without its header all
+# else is built; the summary says so.
+find_package(PkgConfig REQUIRED)
+option(RL_BUILD_NBD "Build the nbdkit plugin where nbdkit's header is found" ON)
+if(RL_BUILD_NBD)
+  pkg_check_modules(NBDKIT IMPORTED_TARGET nbdkit>=1.26)
+endif()
+if(NBDKIT_FOUND)
+  pkg_get_variable(plugin_dir nbdkit plugindir)
+  set(RL_NBDKIT_PLUGIN_DIR ${plugin_dir} CACHE PATH "Where the nbdkit plugin is installed")
+  message(STATUS "nbdkit plugin: built, for nbdkit ${NBDKIT_VERSION} (${RL_NBDKIT_PLUGIN_DIR})")
+elseif(RL_BUILD_NBD)
+  message(STATUS "nbdkit plugin: not built, as pkg-config finds no nbdkit (nbdkit-plugin-dev)")
+else()
+  message(STATUS "nbdkit plugin: not built, as RL_BUILD_NBD is off")
+endif()
