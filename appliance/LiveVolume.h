@@ -26,7 +26,7 @@
 #include "appliance/JournalIndex.h"
 #include "appliance/Mirror.h"
 #include "appliance/TokenReserve.h"
-#include "host/journal/JournalRequest.h"
+#include "host/journal/PreparedRequest.h"
 
 class LiveVolume : public JournalIndex
 {
@@ -79,7 +79,7 @@ private:
             Leads, // to append the queue
             Done,
         };
-        JournalRequest m_request;
+        PreparedRequest m_request;
         RcStatus m_rc = RC_FAILURE;
         Waiting* m_next = nullptr;
         std::atomic<int> m_state{Queued};
@@ -108,5 +108,5 @@ private:
     // Of the one that leads.
     TokenReserve m_reserve;
     std::vector<Waiting*> m_group;
-    std::vector<JournalRequest*> m_requests;
+    std::vector<PreparedRequest*> m_requests;
 };

@@ -4,8 +4,8 @@
 
 #include "common/infra/LogItem.h"
 #include "host/infra/Clock.h"
-#include "host/journal/JournalRequest.h"
 #include "host/journal/JournalStoreImpl.h"
+#include "host/journal/PreparedRequest.h"
 #include "host/volume/AsyncFileIo.h"
 
 namespace {
@@ -152,7 +152,7 @@ JournalStore::~JournalStore()
 
 RcStatus JournalStore::append(u64 offsetBlocks, const void* data, u32 lengthBlocks)
 {
-    JournalRequest request;
+    PreparedRequest request;
     const RcStatus rc = prepareWrite(offsetBlocks, data, lengthBlocks, &request);
     if (rc != RC_SUCCESS)
         return rc;
@@ -162,7 +162,7 @@ RcStatus JournalStore::append(u64 offsetBlocks, const void* data, u32 lengthBloc
 
 RcStatus JournalStore::appendZeroes(u64 offsetBlocks, u64 lengthBlocks)
 {
-    JournalRequest request;
+    PreparedRequest request;
     const RcStatus rc = prepareZeroes(offsetBlocks, lengthBlocks, &request);
     if (rc != RC_SUCCESS)
         return rc;
@@ -171,9 +171,9 @@ RcStatus JournalStore::appendZeroes(u64 offsetBlocks, u64 lengthBlocks)
 }
 
 RcStatus JournalStore::prepareWrite(u64 offsetBlocks, const void* data, u32 lengthBlocks,
-                                    JournalRequest* request) const
+                                    PreparedRequest* request) const
 {
-    *request = JournalRequest();
+    *request = PreparedRequest();
     if (!isInVolume(offsetBlocks, lengthBlocks, m_impl->m_options.volumeBlocks))
         return RC_BAD_ARGUMENT;
     encodeWrite(offsetBlocks, static_cast<const u8*>(data), lengthBlocks,
@@ -182,19 +182,19 @@ RcStatus JournalStore::prepareWrite(u64 offsetBlocks, const void* data, u32 leng
 }
 
 RcStatus JournalStore::prepareZeroes(u64 offsetBlocks, u64 lengthBlocks,
-                                     JournalRequest* request) const
+                                     PreparedRequest* request) const
 {
-    *request = JournalRequest();
+    *request = PreparedRequest();
     if (!isInVolume(offsetBlocks, lengthBlocks, m_impl->m_options.volumeBlocks))
         return RC_BAD_ARGUMENT;
     encodeZeroes(offsetBlocks, lengthBlocks, &request->m_pieces);
     return RC_SUCCESS;
 }
 
-void JournalStore::appendGroup(const std::vector<JournalRequest*>& requests)
+void JournalStore::appendGroup(const std::vector<PreparedRequest*>& requests)
 {
     MutexGuard guard(m_impl->m_mutex);
-    for (JournalRequest* request : requests)
+    for (PreparedRequest* request : requests)
         request->m_rc = m_impl->appendPiecesLocked(request->m_pieces, &request->m_items);
 }
 

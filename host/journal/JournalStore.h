@@ -30,7 +30,7 @@
 #include "host/journal/Storage.h"
 
 class AsyncFileIo;
-class JournalRequest;
+class PreparedRequest;
 
 enum class JournalMode
 {
@@ -116,9 +116,9 @@ public:
     // group in its order, in one go; each request says how it ended. The data of a write lives
     // until it is appended. Statuses as append(); a request that fails leaves the others be.
     RcStatus prepareWrite(u64 offsetBlocks, const void* data, u32 lengthBlocks,
-                          JournalRequest* request) const;
-    RcStatus prepareZeroes(u64 offsetBlocks, u64 lengthBlocks, JournalRequest* request) const;
-    void appendGroup(const std::vector<JournalRequest*>& requests);
+                          PreparedRequest* request) const;
+    RcStatus prepareZeroes(u64 offsetBlocks, u64 lengthBlocks, PreparedRequest* request) const;
+    void appendGroup(const std::vector<PreparedRequest*>& requests);
 
     // Appends a checkpoint and flushes: durable when it returns RC_SUCCESS. tag: at most 255 bytes
     // without control characters; empty for none. *id: its id, from 1 upwards.

@@ -8,7 +8,7 @@
 
 #include "host/journal/JournalPack.h"
 
-class JournalRequest
+class PreparedRequest
 {
 public:
     // Most items that it can become, as the end of a grain may split a piece in two.
