@@ -204,10 +204,9 @@ Result TraceReader::parse(std::string_view line, TraceWrite* write, bool* taken)
     const std::string_view op = takeField(&rest);
     const std::string_view offset = takeField(&rest);
     const std::string_view length = takeField(&rest);
-    u64 timeMicros = 0;
     if (isOverflow(time) || isOverflow(offset) || isOverflow(length))
         return bad("a number is too large");
-    if (!rest.empty() || op.empty() || !parseNumber(time, &timeMicros) ||
+    if (!rest.empty() || op.empty() || !parseNumber(time, &write->m_timeMicros) ||
         !parseNumber(offset, &write->m_offsetBlocks) ||
         !parseNumber(length, &write->m_lengthBlocks))
         return bad("malformed: '" + std::string(line.substr(0, 100)) + "'");

@@ -24,6 +24,7 @@ struct TraceWrite
     u64 m_number = 0;     // k
     u64 m_offsetBlocks = 0;
     u64 m_lengthBlocks = 0; // above 0
+    u64 m_timeMicros = 0;   // as the trace counts
     bool m_zeroes = false;
 };
 

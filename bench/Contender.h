@@ -6,8 +6,6 @@
 // Thread safety: one thread at a time.
 #pragma once
 
-#include <memory>
-#include <string>
 #include <vector>
 
 #include "RegionLocator/SubRegionDescriptor.h"
@@ -18,11 +16,16 @@ class Contender
 public:
     using Pieces = std::vector<SubRegionDescriptor>;
 
+    Contender() = default;
     virtual ~Contender() = default;
+    Contender(const Contender&) = delete;
+    Contender& operator=(const Contender&) = delete;
 
     // Takes `count` IO items in journal order, their memory reserved before and the rest given back
     // after, as a journal scan does it batch by batch.
     virtual void feed(const SfsDiskMetaItem* items, u32 count) = 0;
+    // The fill is over. For an index that is built once and only read from then on.
+    virtual void settle() {}
 
     // Reserves the memory of `writes` calls of insert(), which is that of twice as many regions
     // more than there are: what an insert frees serves the next ones. What an earlier reservation
@@ -34,13 +37,24 @@ public:
     // Replaces *pieces with what is stored within the range, clipped to it, ascending.
     virtual void lookup(u64 offsetBlocks, u32 lengthBlocks, Pieces* pieces) = 0;
 
-    // Reserves the memory of one lock() and its unlock() at a time, of a range that holds at most
-    // `pieces` pieces; serves all until the next reservation.
+    // Reserves the memory of one lock() and its unlock() at a time, or of one lockFirst() and its
+    // unlockAndRemove(), of at most `pieces` pieces; serves all until the next reservation.
     virtual void reserveLocks(u32 pieces) = 0;
     // A lookup that keeps the pieces from being overridden. REQUIRES: nothing is locked.
     virtual void lock(u64 offsetBlocks, u32 lengthBlocks, Pieces* pieces) = 0;
     // Puts the pieces of the last lock() back.
     virtual void unlock(Pieces& pieces) = 0;
+
+    // The same for `removes` calls of remove() as reserveInserts().
+    virtual void reserveRemoves(u32 removes) = 0;
+    // Takes out what is left of one IO that has journal data. REQUIRES: nothing is locked.
+    virtual void remove(const SubRegionDescriptor& io) = 0;
+
+    // Replaces *pieces with the first whole regions of the view, no more blocks than `maxBlocks`,
+    // which the first one does not exceed, and locks them.
+    virtual void lockFirst(u32 maxBlocks, Pieces* pieces) = 0;
+    // Drops the pieces of the last lockFirst().
+    virtual void unlockAndRemove(Pieces& pieces) = 0;
 
     virtual u64 regions() = 0;
     // Each view block counted once.
@@ -48,6 +62,3 @@ public:
     // What the index takes from the system, reservations and free lists included.
     virtual u64 memoryBytes() = 0;
 };
-
-// A new, empty index of the only kind there is as yet.
-std::unique_ptr<Contender> makeLocatorContender();

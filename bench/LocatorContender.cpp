@@ -1,6 +1,6 @@
 #include "RegionLocator/RegionLocator.h"
 #include "RegionLocator/RegionLocatorMetaDataContainer.h"
-#include "bench/Contender.h"
+#include "bench/Contenders.h"
 #include "common/infra/Assert.h"
 
 namespace {
@@ -19,8 +19,6 @@ public:
         m_pool->destroyVoucher(m_insertVoucher);
         m_pool->destroyVoucher(m_lockVoucher);
     }
-    LocatorContender(const LocatorContender&) = delete;
-    LocatorContender& operator=(const LocatorContender&) = delete;
 
     void feed(const SfsDiskMetaItem* items, u32 count) override
     {
@@ -63,6 +61,25 @@ public:
 
     void unlock(Pieces& pieces) override { m_locator.unlockAndRestore(pieces, m_lockVoucher); }
 
+    void reserveRemoves(u32 removes) override
+    {
+        reserve(m_insertVoucher, RegionLocatorMemPool::REMOVE, removes);
+    }
+
+    void remove(const SubRegionDescriptor& io) override { m_locator.remove(io, m_insertVoucher); }
+
+    void lockFirst(u32 maxBlocks, Pieces* pieces) override
+    {
+        const RcStatus locked =
+            m_locator.getFirstBlocksAndLock(nullptr, maxBlocks, pieces, m_lockVoucher);
+        HARD_CHECK(locked == RC_SUCCESS);
+    }
+
+    void unlockAndRemove(Pieces& pieces) override
+    {
+        m_locator.unlockAndRemove(pieces, m_lockVoucher);
+    }
+
     u64 regions() override { return m_locator.getItemCount(); }
     u64 coveredBlocks() override { return m_locator.getTotalRegionBlocks(); }
     u64 memoryBytes() override { return m_pool->getMemoryStats().totalBytes; }
@@ -86,6 +103,11 @@ private:
 } // namespace
 
 std::unique_ptr<Contender> makeLocatorContender()
+{
+    return std::make_unique<LocatorContender>();
+}
+
+std::unique_ptr<Contender> makePlainLocatorContender()
 {
     return std::make_unique<LocatorContender>();
 }

@@ -11,6 +11,7 @@ namespace {
 
 constexpr u64 UNIFORM_SEED = 1;
 constexpr u64 SKEWED_SEED = 2;
+constexpr u64 UNALIGNED_SEED = 4;
 
 constexpr u32 BLOCKS_4K = 8;
 constexpr u32 SEQUENTIAL_BLOCKS = 64;
@@ -46,6 +47,12 @@ SfsMetaType mixedType(Random& random)
         return SfsMetaType::ZEROS;
     return drawn < 25 ? SfsMetaType::COMPRESSED_IO : SfsMetaType::UNCOMPRESSED_IO;
 }
+
+// The unaligned volume, in blocks a region that is aimed at, and the writes that fill it: of nine
+// writes that touch one of two neighbouring blocks two end between them, so regions are 4.5 blocks
+// long on average once nearly everything is written.
+constexpr double UNALIGNED_VOLUME_BLOCKS = 4.5;
+constexpr double UNALIGNED_WRITES = 2.25;
 
 std::vector<u64> shuffled(u64 count, Random& random)
 {
@@ -85,7 +92,6 @@ Workload makeUniform(u32 size)
 {
     Random random(UNIFORM_SEED);
     Workload workload;
-    workload.m_name = "uniform";
     ItemWriter writer(&workload.m_items);
     for (const u64 place : shuffled(size, random))
         writer.write(place * BLOCKS_4K, BLOCKS_4K, SfsMetaType::UNCOMPRESSED_IO);
@@ -95,11 +101,25 @@ Workload makeUniform(u32 size)
     return workload;
 }
 
+Workload makeUnaligned(u32 size)
+{
+    Random random(UNALIGNED_SEED);
+    Workload workload;
+    ItemWriter writer(&workload.m_items);
+    const u64 places = static_cast<u64>(size * UNALIGNED_VOLUME_BLOCKS) + 1;
+    const u64 fillWrites = static_cast<u64>(size * UNALIGNED_WRITES) + 1;
+    for (u64 i = 0; i < fillWrites; ++i)
+        writer.write(random.below(places), BLOCKS_4K, SfsMetaType::UNCOMPRESSED_IO);
+    workload.m_fillItems = workload.m_items.size();
+    for (u32 i = 0; i < size; ++i)
+        writer.write(random.below(places), BLOCKS_4K, SfsMetaType::UNCOMPRESSED_IO);
+    return workload;
+}
+
 Workload makeSkewed(u32 size)
 {
     Random random(SKEWED_SEED);
     Workload workload;
-    workload.m_name = "skewed";
     ItemWriter writer(&workload.m_items);
     const u64 extents = size * SKEWED_VOLUME_BLOCKS / EXTENT_BLOCKS + 1;
     // Where the busy extents lie must not depend on how busy they are.
@@ -122,7 +142,6 @@ Workload makeSkewed(u32 size)
 Workload makeSequential(u32 size)
 {
     Workload workload;
-    workload.m_name = "sequential";
     ItemWriter writer(&workload.m_items);
     for (u64 i = 0; i < size; ++i)
         writer.write(i * SEQUENTIAL_BLOCKS, SEQUENTIAL_BLOCKS, SfsMetaType::UNCOMPRESSED_IO);

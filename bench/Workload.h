@@ -1,36 +1,35 @@
 // What the benchmarks do to an index: a list of journal items, made the same on every run.
 //
-// The first items fill the index; after that the whole list is written over and over, so that what
-// is measured is an index in its steady state: the union of the blocks never changes after the
-// fill, and the number of regions only within one round of the list. Lookups and locks go where the
-// list's items lie, in the list's order, so that reading has the locality of writing.
+// The first items fill the index; after that the rest of the list, and then the whole list over
+// and over, is written, so that what is measured is an index in its steady state. Lookups and locks
+// go where the list's items lie, in the list's order, so that reading has the locality of writing.
 //
 //   uniform     4 KiB writes at 4 KiB boundaries, every place equally often; the fill writes each
 //               place once, so that the index holds exactly `size` regions
+//   unaligned   4 KiB writes at any block, every place equally often; about `size` regions
 //   skewed      mixed sizes, some off the grid, some compressed, some zeroes; few places are
 //               written often and many seldom
 //   sequential  32 KiB writes, each where the one before ended; at the end of the volume again
 //               from its beginning
 //   trace       the writes of a block trace, in its order (TraceWorkload.h)
+//   trace40     the same trace on 40 volumes side by side, each at another hour of it
 //
 // Thread safety: values; made once, read by any thread.
 #pragma once
 
-#include <string>
 #include <vector>
 
 #include "Sfs/SfsDiskMetaItem.h"
 
 struct Workload
 {
-    std::string m_name;
-    std::string m_source; // where the items come from, for the report; empty when made here
     std::vector<SfsDiskMetaItem> m_items;
     size_t m_fillItems = 0; // so many of them fill the index
 };
 
 // size: the number of regions aimed at, above 0.
 Workload makeUniform(u32 size);
+Workload makeUnaligned(u32 size);
 Workload makeSkewed(u32 size);
 Workload makeSequential(u32 size);
 

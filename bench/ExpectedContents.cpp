@@ -1,4 +1,4 @@
-#include "bench/Subject.h"
+#include "bench/ExpectedContents.h"
 
 #include <algorithm>
 #include <utility>
@@ -21,9 +21,33 @@ u64 endOf(const SfsDiskMetaItem& item)
     return item.m_ioData.offsetBlocks + item.getUncompressedLengthBlocks();
 }
 
-} // namespace
+u64 mixed(u64 digest, u64 value)
+{
+    digest = (digest ^ value) * 0x9E3779B97F4A7C15ULL;
+    return digest ^ (digest >> 29);
+}
 
-// ---- expected contents ----
+// Where the piece's data goes on behind its last block.
+SubRegionDescriptor continuation(const SubRegionDescriptor& piece)
+{
+    SubRegionDescriptor next = piece;
+    next.m_viewOffsetBlocks += piece.m_lengthBlocks;
+    if (piece.isCompressed())
+        next.m_regionOffsetLBsWithinIo =
+            static_cast<u16>(piece.m_regionOffsetLBsWithinIo + piece.m_lengthBlocks);
+    else if (!piece.isAllZeroes())
+        next.m_fifoOffsetOfIoStartBlocks += piece.m_lengthBlocks;
+    return next;
+}
+
+bool sameData(const SubRegionDescriptor& a, const SubRegionDescriptor& b)
+{
+    return a.m_viewOffsetBlocks == b.m_viewOffsetBlocks && a.m_flags == b.m_flags &&
+           a.m_fifoOffsetOfIoStartBlocks == b.m_fifoOffsetOfIoStartBlocks &&
+           (!a.isCompressed() || a.m_regionOffsetLBsWithinIo == b.m_regionOffsetLBsWithinIo);
+}
+
+} // namespace
 
 ExpectedContents::ExpectedContents(const Workload& workload) : m_workload(workload)
 {
@@ -98,41 +122,33 @@ std::string ExpectedContents::compareBlock(Contender& contender, u64 block) cons
     return "does not hold block " + std::to_string(block) + " as it was written last";
 }
 
-// ---- the subject ----
+// ---- digests ----
 
-void fill(Contender& contender, const Workload& workload)
+void ContentsDigest::add(const Contender::Pieces& pieces)
 {
-    for (size_t i = 0; i < workload.m_fillItems; i += BATCH_ITEMS)
-        contender.feed(&workload.m_items[i],
-                       static_cast<u32>(std::min<size_t>(BATCH_ITEMS, workload.m_fillItems - i)));
+    for (const SubRegionDescriptor& piece : pieces) {
+        // Only where the data does not go on: so it does not matter where it is cut.
+        if (!sameData(piece, m_expected)) {
+            m_digest =
+                mixed(mixed(m_digest, m_expected.m_viewOffsetBlocks), piece.m_viewOffsetBlocks);
+            m_digest = mixed(mixed(m_digest, piece.m_fifoOffsetOfIoStartBlocks), piece.m_flags);
+            if (piece.isCompressed())
+                m_digest = mixed(m_digest, piece.m_regionOffsetLBsWithinIo);
+        }
+        m_expected = continuation(piece);
+    }
 }
 
-Subject::Subject(Workload workload, std::unique_ptr<Contender> contender)
-    : m_workload(std::move(workload)), m_contender(std::move(contender))
+void ContentsDigest::add(Contender& contender, u64 viewBlocks)
 {
-    fill(*m_contender, m_workload);
-    const ExpectedContents expected(m_workload);
-    m_coveredBlocks = expected.coveredBlocks();
-    m_difference = expected.compare(*m_contender);
-    // The rest of the list comes first, where there is one.
-    m_next = m_workload.m_fillItems;
+    Contender::Pieces pieces;
+    for (u64 at = 0; at < viewBlocks; at += COMPARED_RANGE_BLOCKS) {
+        contender.lookup(at, COMPARED_RANGE_BLOCKS, &pieces);
+        add(pieces);
+    }
 }
 
-std::string Subject::check()
+u64 ContentsDigest::value() const
 {
-    if (m_difference.empty() && m_contender->coveredBlocks() != m_coveredBlocks)
-        m_difference = "covers " + std::to_string(m_contender->coveredBlocks()) +
-                       " blocks after the measurement instead of " +
-                       std::to_string(m_coveredBlocks);
-    return m_difference;
-}
-
-const SfsDiskMetaItem* Subject::nextItems(u32 count, u32* delivered)
-{
-    if (m_next == m_workload.m_items.size())
-        m_next = 0;
-    const SfsDiskMetaItem* items = &m_workload.m_items[m_next];
-    *delivered = static_cast<u32>(std::min<size_t>(count, m_workload.m_items.size() - m_next));
-    m_next += *delivered;
-    return items;
+    return mixed(m_digest, m_expected.m_viewOffsetBlocks);
 }
