@@ -27,9 +27,8 @@ public:
     // The fill is over. For an index that is built once and only read from then on.
     virtual void settle() {}
 
-    // Reserves the memory of `writes` calls of insert(), which is that of twice as many regions
-    // more than there are: what an insert frees serves the next ones. What an earlier reservation
-    // left is given back first. An index that allocates as it goes does nothing.
+    // Reserves the memory of `writes` calls of insert(), each of which may make two regions more;
+    // 0 gives back what is left. An index that allocates as it goes does nothing.
     virtual void reserveInserts(u32 writes) = 0;
     // Takes one IO item.
     virtual void insert(const SfsDiskMetaItem& item) = 0;
@@ -45,7 +44,7 @@ public:
     // Puts the pieces of the last lock() back.
     virtual void unlock(Pieces& pieces) = 0;
 
-    // The same for `removes` calls of remove() as reserveInserts().
+    // The same for calls of remove() as reserveInserts().
     virtual void reserveRemoves(u32 removes) = 0;
     // Takes out what is left of one IO that has journal data. REQUIRES: nothing is locked.
     virtual void remove(const SubRegionDescriptor& io) = 0;

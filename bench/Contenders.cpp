@@ -15,7 +15,7 @@ const std::vector<ContenderKind>& contenderKinds()
 #ifdef RL_BENCH_LLVM
         {"llvm", makeLlvmContender},
 #endif
-        {"map", makeMapContender},
+        {"map", makeMapContender},      {"ideal", makeIdealContender, true},
     };
     return *KINDS;
 }

@@ -2,8 +2,12 @@
 #include "RegionLocator/RegionLocatorMetaDataContainer.h"
 #include "bench/Contenders.h"
 #include "common/infra/Assert.h"
+#include "common/infra/Tweaks.h"
 
 namespace {
+
+// How many times as many inserts as asked for are reserved.
+constexpr u32 INSERT_ROOM = 4;
 
 constexpr u64 NO_DEADLINE = ~u64{0};
 
@@ -30,9 +34,15 @@ public:
         feeder->unPrepareToAdd();
     }
 
+    // What an insert frees serves the next ones: so the same reservation is enough again, unless
+    // the index has grown.
     void reserveInserts(u32 writes) override
     {
-        reserve(m_insertVoucher, RegionLocatorMemPool::INSERT, writes);
+        if (writes != 0 && m_locator.getItemCount() + 2 * u64{writes} <= m_regionsAllowed)
+            return;
+        const u32 reserved = writes * INSERT_ROOM;
+        reserve(m_insertVoucher, RegionLocatorMemPool::INSERT, reserved);
+        m_regionsAllowed = m_locator.getItemCount() + 2 * u64{reserved};
     }
 
     void insert(const SfsDiskMetaItem& item) override
@@ -64,6 +74,7 @@ public:
     void reserveRemoves(u32 removes) override
     {
         reserve(m_insertVoucher, RegionLocatorMemPool::REMOVE, removes);
+        m_regionsAllowed = 0;
     }
 
     void remove(const SubRegionDescriptor& io) override { m_locator.remove(io, m_insertVoucher); }
@@ -95,6 +106,7 @@ private:
     }
 
     RegionLocator m_locator;
+    u64 m_regionsAllowed = 0; // that the insert voucher has memory for
     RegionLocatorMemPool* m_pool;
     RegionLocatorVoucher* m_insertVoucher;
     RegionLocatorVoucher* m_lockVoucher;
@@ -109,5 +121,6 @@ std::unique_ptr<Contender> makeLocatorContender()
 
 std::unique_ptr<Contender> makePlainLocatorContender()
 {
+    Tweaks::set("t_RlAccelerators", 0);
     return std::make_unique<LocatorContender>();
 }

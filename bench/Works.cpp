@@ -12,10 +12,8 @@ namespace {
 // What a journal scan takes at a time.
 constexpr u32 BATCH_ITEMS = 4096;
 
-// Writes whose memory is reserved at once where reserving is not what is measured, and after how
-// many it is looked whether the next ones need more: overwriting frees as much as it takes.
-constexpr u32 RESERVED_INSERTS = 16384;
-constexpr u32 CHECKED_INSERTS = 4096;
+// Writes whose memory is reserved at once, outside the time.
+constexpr u32 RESERVED_INSERTS = 4096;
 
 // Lookups whose pieces are compared, of each length.
 constexpr u32 COMPARED_LOOKUPS = 512;
@@ -225,14 +223,10 @@ void Measuring::insert(u64 usual)
     if (!wanted("insert"))
         return;
     const u64 count = operations(usual);
-    u64 regionsAllowed = 0; // that the reservation has memory for
     Stopwatch watch;
     for (u64 done = 0; done < count;) {
-        if (m_index->regions() + 2 * CHECKED_INSERTS > regionsAllowed) {
-            m_index->reserveInserts(RESERVED_INSERTS);
-            regionsAllowed = m_index->regions() + 2 * RESERVED_INSERTS;
-        }
-        const u64 end = std::min<u64>(count, done + CHECKED_INSERTS);
+        m_index->reserveInserts(RESERVED_INSERTS);
+        const u64 end = std::min<u64>(count, done + RESERVED_INSERTS);
         watch.start();
         for (; done < end; ++done)
             m_index->insert(nextItem());
@@ -276,11 +270,13 @@ void Measuring::drain(u64 regions)
     Stopwatch watch;
     u64 drained = 0;
     ContentsDigest digest;
-    while (drained < regions && m_index->regions() > 0) {
+    while (drained < regions) {
         watch.start();
         m_index->lockFirst(DRAIN_BLOCKS, &pieces);
         m_index->unlockAndRemove(pieces);
         watch.stop();
+        if (pieces.empty())
+            break;
         drained += pieces.size();
         digest.add(pieces);
     }
