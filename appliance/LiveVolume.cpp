@@ -37,8 +37,12 @@ Result LiveVolume::build(FlowControl& control)
     RegionLocatorMetaDataContainer_Insert* container = m_locator.getInsertContainer();
     container->init(NO_CHECKPOINT);
     ScanResult scanned;
-    return scanJournal(m_mirror, *container, ScanOptions(), m_mirror.journal().itemCount(),
-                       "index the live volume", control, &scanned);
+    Result result = scanJournal(m_mirror, *container, ScanOptions(), m_mirror.journal().itemCount(),
+                                "index the live volume", control, &scanned);
+    const RegionLocatorStatistics statistics = m_locator.getStatistics();
+    m_insertedIos = statistics.m_numIOsInserted;
+    m_insertedBytes = statistics.m_bytesInserted;
+    return result;
 }
 
 RcStatus LiveVolume::write(u64 offsetBlocks, const u8* data, u32 lengthBlocks)
@@ -130,10 +134,17 @@ void LiveVolume::appendPrepared(const std::vector<Waiting*>& group)
     m_requests.clear();
     for (Waiting* one : group)
         m_requests.push_back(&one->m_request);
+    // In between the items can be applied and trimmed, but are not to be found in the index: a trim
+    // waits for this before it takes anything out.
+    const GracePeriod::Reader inBetween(m_mirror.gracePeriod());
     m_mirror.journal().appendGroup(m_requests);
     for (Waiting* one : group) {
         one->m_rc = one->m_request.rc();
-        for (const SfsDiskMetaItem& item : one->m_request.items())
+        for (const SfsDiskMetaItem& item : one->m_request.items()) {
             m_reserve.insert(SfsItemDescriptor::genFromSfsDiskMetaItem(item));
+            m_insertedIos.fetch_add(1, std::memory_order_relaxed);
+            m_insertedBytes.fetch_add(u64{item.getUncompressedLengthBlocks()} * BLOCK_BYTES,
+                                      std::memory_order_relaxed);
+        }
     }
 }

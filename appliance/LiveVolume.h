@@ -62,6 +62,11 @@ public:
     const ReadSources& sources() const { return m_sources; }
     u64 memoryBytes() { return m_locator.getMemPool()->getMemoryStats().totalBytes; }
 
+    // Items that the index has taken in since it was built, those of the journal then too, and what
+    // they cover.
+    u64 insertedIos() const { return m_insertedIos.load(std::memory_order_relaxed); }
+    u64 insertedBytes() const { return m_insertedBytes.load(std::memory_order_relaxed); }
+
     // Groups appended so far: how many requests share one tells how well they combine.
     u64 groups() const { return m_groups.load(std::memory_order_relaxed); }
 
@@ -99,6 +104,8 @@ private:
     ReadSources m_sources;
     DirectReader m_reader;
     std::atomic<u64> m_groups{0};
+    std::atomic<u64> m_insertedIos{0};
+    std::atomic<u64> m_insertedBytes{0};
 
     Mutex m_queueMutex;
     bool m_isLed RL_GUARDED_BY(m_queueMutex) = false;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <optional>
 
+std::atomic<u64> LocatorGate::s_waits{0};
+
 LocatorGate::~LocatorGate()
 {
     MutexGuard guard(m_mutex);
@@ -38,6 +40,8 @@ FutureStatus LocatorGate::enter(Ticket* ticket, Kind kind)
         m_queue.push_back(ticket);
         if (const Ticket* next = admitLocked())
             admitted = next->m_future;
+        if (ticket->m_state == Ticket::State::Queued)
+            s_waits.fetch_add(1, std::memory_order_relaxed);
     }
     if (admitted)
         admitted->set(RC_SUCCESS);

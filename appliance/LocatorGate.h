@@ -19,6 +19,7 @@
 //             3. nobody overtakes; 4. a ticket's future is set exactly once for each enter().
 #pragma once
 
+#include <atomic>
 #include <deque>
 
 #include "common/infra/Future.h"
@@ -83,10 +84,15 @@ public:
     u64 queued() const;
     u64 holding() const;
 
+    // How often a request had to queue, at any gate of the process.
+    static u64 waits() { return s_waits.load(std::memory_order_relaxed); }
+
 private:
     // Lets in whoever may come next; returns it, for its future to be set without the lock, or
     // null.
     Ticket* admitLocked() RL_REQUIRES(m_mutex);
+
+    static std::atomic<u64> s_waits;
 
     mutable Mutex m_mutex;
     Ticket* m_entered RL_GUARDED_BY(m_mutex) = nullptr;

@@ -174,6 +174,11 @@ Result Mirror::openIn(std::unique_ptr<Storage> storage, const std::string& folde
     std::unique_ptr<Mirror> opened(new Mirror(folder, std::move(storage)));
     if (Result result = loadSettings(*opened->m_storage, folder, &opened->m_settings); !result.ok())
         return result;
+    {
+        MutexGuard guard(opened->m_settingsMutex);
+        opened->m_currentSettings = opened->m_settings;
+    }
+    opened->m_access = access;
     if (Result result = opened->openJournal(access, recovery); !result.ok())
         return result;
     // After the journal: what it says may have moved on meanwhile, and usePoint() notices.
@@ -231,8 +236,10 @@ Result Mirror::openTargetForWriting(std::shared_ptr<TargetVolume>* target)
 
 RecoverableWindow Mirror::window() const
 {
+    // Before the journal, which only grows: the window's beginning never lies behind its end.
+    const u64 firstItems = applyState().firstItems();
     RecoverableWindow window = journalWindow();
-    window.m_firstItems = applyState().firstItems();
+    window.m_firstItems = firstItems;
     std::erase_if(window.m_checkpoints, [&](const CheckpointInfo& checkpoint) {
         return checkpoint.m_items < window.m_firstItems;
     });
@@ -258,10 +265,13 @@ ApplyState Mirror::applyState() const
 Result Mirror::setApplyState(const ApplyState& state)
 {
     // A program that knows nothing of targets that were written to would read wrong points.
-    if (m_settings.m_formatVersion < MirrorSettings::FORMAT_VERSION) {
-        m_settings.m_formatVersion = MirrorSettings::FORMAT_VERSION;
-        if (Result result = storeSettings(*m_storage, m_settings); !result.ok())
-            return result;
+    {
+        MutexGuard guard(m_settingsMutex);
+        if (m_currentSettings.m_formatVersion < MirrorSettings::FORMAT_VERSION) {
+            m_currentSettings.m_formatVersion = MirrorSettings::FORMAT_VERSION;
+            if (Result result = storeSettings(*m_storage, m_currentSettings); !result.ok())
+                return result;
+        }
     }
     if (Result result = storeApplyState(*m_storage, state); !result.ok())
         return result;
@@ -273,10 +283,11 @@ Result Mirror::setApplyState(const ApplyState& state)
 // Whether the point can still be had, now that nothing moves.
 Result Mirror::checkPointLatched(u64 items)
 {
-    ApplyState state;
-    if (Result result = loadApplyState(*m_storage, &state); !result.ok())
-        return Result(result.code(), m_folder + ": " + result.message());
-    {
+    ApplyState state = applyState();
+    // Nobody but the writer moves it, and only a reader has to look.
+    if (m_access == MirrorAccess::Reader) {
+        if (Result result = loadApplyState(*m_storage, &state); !result.ok())
+            return Result(result.code(), m_folder + ": " + result.message());
         MutexGuard guard(m_applyMutex);
         m_applyState = state;
     }
@@ -400,15 +411,24 @@ Result Mirror::writeZeroes(u64 offsetBlocks, u64 lengthBlocks)
                     "cannot journal the zeroes at block ", offsetBlocks);
 }
 
-Result Mirror::changeSettings(u64 keepCheckpoints, u64 keepForSeconds, u64 journalLimitBytes)
+MirrorSettings Mirror::currentSettings() const
 {
-    MirrorSettings changed = m_settings;
-    changed.m_keepCheckpoints = keepCheckpoints;
-    changed.m_keepForSeconds = keepForSeconds;
-    changed.m_journalLimitBytes = journalLimitBytes;
+    MutexGuard guard(m_settingsMutex);
+    return m_currentSettings;
+}
+
+Result Mirror::changeSettings(std::optional<u64> keepCheckpoints, std::optional<u64> keepForSeconds,
+                              std::optional<u64> journalLimitBytes)
+{
+    MutexGuard guard(m_settingsMutex);
+    MirrorSettings changed = m_currentSettings;
+    changed.m_keepCheckpoints = keepCheckpoints.value_or(changed.m_keepCheckpoints);
+    changed.m_keepForSeconds = keepForSeconds.value_or(changed.m_keepForSeconds);
+    changed.m_journalLimitBytes = journalLimitBytes.value_or(changed.m_journalLimitBytes);
     if (Result result = storeSettings(*m_storage, changed); !result.ok())
         return result;
-    m_settings = changed;
+    m_currentSettings = changed;
+    m_journal->setLimitBytes(changed.m_journalLimitBytes);
     return Result();
 }
 

@@ -5,9 +5,8 @@
 // and uses/ (what must not be passed). Every point from the one that the target was brought to, to
 // the last journaled item, can be read (View.h).
 //
-// Thread safety: write(), writeZeroes(), checkpoint(), flush(), window() and what concerns uses and
-// views from any thread, writes in the order in which they take the journal's lock; the rest from
-// the thread that opened it.
+// Thread safety: any thread, writes in the order in which they take the journal's lock; one apply
+// or trim at a time; opening and close() with nobody else there.
 // Invariants: 1. a folder has one writer at a time; readers need no lock and see the journal as it
 //                was when they opened it;
 //             2. what a flush or a checkpoint acknowledged stays, whatever happens after, until it
@@ -17,6 +16,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -59,7 +59,10 @@ public:
                          std::unique_ptr<Mirror>* mirror);
 
     const std::string& folder() const { return m_folder; }
+    // As they were when the mirror was opened: what never changes is read here.
     const MirrorSettings& settings() const { return m_settings; }
+    // As they are now, changed or not.
+    MirrorSettings currentSettings() const;
 
     // What opening the journal found; its text is empty when all was whole.
     const JournalReport& report() const { return m_journal->report(); }
@@ -103,9 +106,15 @@ public:
     // Who reads the journal by an index without locks in it does so as a reader of this period.
     GracePeriod& gracePeriod() { return m_gracePeriod; }
 
-    // Changes what retention and limit are, durably; they hold from the next opening on. Writers
-    // only.
-    Result changeSettings(u64 keepCheckpoints, u64 keepForSeconds, u64 journalLimitBytes);
+    // Changes what retention and limit are, durably and at once; what is not given stays as it is.
+    // Writers only.
+    Result changeSettings(std::optional<u64> keepCheckpoints, std::optional<u64> keepForSeconds,
+                          std::optional<u64> journalLimitBytes);
+
+    // From which page on the journal's items may still be in indexes though they were trimmed: the
+    // grains from there on have to stay. All ones: nothing is left. Apply's and trim's turn.
+    u64 untakenPage() const { return m_untakenPage; }
+    void setUntakenPage(u64 page) { m_untakenPage = page; }
 
     // Journal one request; it is one item, however the journal splits it.
     Result write(u64 offsetBlocks, const u8* data, u32 lengthBlocks);
@@ -141,11 +150,15 @@ private:
 
     std::string m_folder;
     std::unique_ptr<Storage> m_storage;
-    MirrorSettings m_settings;
+    MirrorAccess m_access = MirrorAccess::Reader;
+    MirrorSettings m_settings; // unchanged once the mirror is open
+    mutable Mutex m_settingsMutex;
+    MirrorSettings m_currentSettings RL_GUARDED_BY(m_settingsMutex);
     std::unique_ptr<JournalStore> m_journal;
     std::shared_ptr<TargetVolume> m_target;
     VolumeDriver m_driver;
     std::atomic<bool> m_toldNearlyFull{false};
+    std::atomic<u64> m_untakenPage{~u64{0}};
     mutable Mutex m_applyMutex;
     ApplyState m_applyState RL_GUARDED_BY(m_applyMutex);
     Mutex m_indexesMutex;

@@ -149,16 +149,18 @@ Result MirrorCommands::release(Arguments& arguments, CommandControl&, JsonValue*
 
 Result MirrorCommands::set(Arguments& arguments, CommandControl&, JsonValue* result)
 {
-    const MirrorSettings& now = m_mirror.settings();
-    const u64 checkpoints = arguments.number("keep_checkpoints").value_or(now.m_keepCheckpoints);
-    const u64 seconds = arguments.number("keep_for_seconds").value_or(now.m_keepForSeconds);
-    const u64 limit = arguments.number("journal_limit_bytes").value_or(now.m_journalLimitBytes);
+    const std::optional<u64> checkpoints = arguments.number("keep_checkpoints");
+    const std::optional<u64> seconds = arguments.number("keep_for_seconds");
+    const std::optional<u64> limit = arguments.number("journal_limit_bytes");
     if (!arguments.fault().ok())
         return arguments.fault();
-    *result = JsonValue{{"keep_checkpoints", checkpoints},
-                        {"keep_for_seconds", seconds},
-                        {"journal_limit_bytes", limit}};
-    return m_mirror.changeSettings(checkpoints, seconds, limit);
+    if (Result done = m_mirror.changeSettings(checkpoints, seconds, limit); !done.ok())
+        return done;
+    const MirrorSettings now = m_mirror.currentSettings();
+    *result = JsonValue{{"keep_checkpoints", now.m_keepCheckpoints},
+                        {"keep_for_seconds", now.m_keepForSeconds},
+                        {"journal_limit_bytes", now.m_journalLimitBytes}};
+    return Result();
 }
 
 Result MirrorCommands::flush(Arguments&, CommandControl&, JsonValue*)

@@ -23,6 +23,7 @@
 // Thread safety: any thread; commands may run at the same time.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "appliance/CommandArguments.h"
@@ -33,7 +34,11 @@
 class MirrorCommands
 {
 public:
-    explicit MirrorCommands(MirrorJobs& jobs) : m_jobs(jobs), m_mirror(jobs.mirror()) {}
+    // makeWay: asks whoever keeps points before this one in use, without need, to let go of them;
+    // empty where nobody does.
+    explicit MirrorCommands(MirrorJobs& jobs, std::function<void(u64 items)> makeWay = {})
+        : m_jobs(jobs), m_mirror(jobs.mirror()), m_makeWay(std::move(makeWay))
+    {}
 
     // Runs one command to its end. *result: an object; meaningful when it is done. WrongUsage: no
     // such command, or its arguments are wrong; else as what the command does.
@@ -60,4 +65,5 @@ private:
 
     MirrorJobs& m_jobs;
     Mirror& m_mirror;
+    const std::function<void(u64)> m_makeWay;
 };

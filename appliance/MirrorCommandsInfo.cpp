@@ -31,7 +31,7 @@ JsonValue toJson(const std::vector<UseInfo>& uses)
 
 Result MirrorCommands::info(Arguments&, CommandControl&, JsonValue* result)
 {
-    const MirrorSettings& settings = m_mirror.settings();
+    const MirrorSettings settings = m_mirror.currentSettings();
     const RecoverableWindow window = m_mirror.window();
     const ApplyState applied = m_mirror.applyState();
     std::vector<Hold> holds;

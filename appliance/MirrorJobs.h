@@ -54,6 +54,9 @@ public:
     // Sets a checkpoint; takes no turn.
     Result checkpoint(const std::string& tag, CheckpointInfo* checkpoint);
 
+    // Whether a command waits for background work to end.
+    bool isCommandWaiting() const { return m_commandsWaiting != 0; }
+
     const JobRecord& applies() const { return m_applies; }
     const JobRecord& trims() const { return m_trims; }
     const JobRecord& checkpoints() const { return m_checkpoints; }

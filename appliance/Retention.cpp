@@ -62,7 +62,7 @@ bool isNearlyFull(u64 usedBytes, u64 limitBytes)
 Result findRetentionPoint(Mirror& mirror, u64 nowUs, RetentionPoint* point)
 {
     *point = RetentionPoint();
-    const MirrorSettings& settings = mirror.settings();
+    const MirrorSettings settings = mirror.currentSettings();
     const std::vector<CheckpointInfo> checkpoints = mirror.window().m_checkpoints;
     const bool rules = settings.m_keepCheckpoints != 0 || settings.m_keepForSeconds != 0;
     const u64 limit = settings.m_journalLimitBytes;

@@ -4,7 +4,7 @@
 // journal that comes near its limit gives up the oldest of these, as no space for new writes is
 // worse.
 //
-// Thread safety: as Mirror's own thread.
+// Thread safety: any thread.
 #pragma once
 
 #include "appliance/Mirror.h"

@@ -1,5 +1,7 @@
 #include "appliance/ServedMirror.h"
 
+#include "appliance/ServedServices.h"
+
 const char* servedOpName(ServedOp op)
 {
     switch (op) {
@@ -40,7 +42,12 @@ Result ServedMirror::start()
     m_views =
         std::make_unique<ViewShelf>(*m_mirror, m_options.m_viewsBudgetBytes, !m_options.m_readOnly);
     m_diffs = std::make_unique<DiffMaps>(*m_mirror, *m_views);
-    return Result();
+    m_services = std::make_unique<ServedServices>(*this);
+    Result result = m_services->start();
+    if (!result.ok()) {
+        const Result ignored = stop(0);
+    }
+    return result;
 }
 
 Result ServedMirror::stop(u64 /*deadlineMs*/)
@@ -48,6 +55,7 @@ Result ServedMirror::stop(u64 /*deadlineMs*/)
     if (m_mirror == nullptr)
         return Result();
     m_views->stop();
+    m_services.reset();
     m_diffs.reset();
     m_views.reset();
     m_live.reset();

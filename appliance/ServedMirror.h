@@ -26,7 +26,19 @@ struct ServedOptions
     u64 m_viewsBudgetBytes = u64{1} << 30;
     u64 m_checkpointEverySeconds = 0; // 0: none are set by time
     u64 m_checkpointEveryBytes = 0;   // written by clients; 0: none are set by amount
+
+    // Of a mirror that is served for writing:
+    bool m_control = true;          // take commands through the socket in its folder
+    bool m_background = true;       // apply and trim as its settings say
+    u64 m_backgroundEveryMs = 5000; // between two looks at what there is to do
+    u64 m_applyBytesPerSecond = 0;  // of that; 0: no limit
+
+    std::string m_metricsFile; // empty: none
+    u64 m_metricsEveryMs = 10000;
+    std::string m_metricsHttp; // "127.0.0.1:9199"; empty: none
 };
+
+class ServedServices;
 
 class ServedMirror
 {
@@ -56,6 +68,7 @@ public:
     DiffMaps& diffs() { return *m_diffs; }
 
     ServedCounters& counters() { return m_counters; }
+    ServedServices& services() { return *m_services; }
 
 private:
     TaskEngine& m_engine;
@@ -65,4 +78,5 @@ private:
     std::unique_ptr<LiveVolume> m_live;
     std::unique_ptr<ViewShelf> m_views;
     std::unique_ptr<DiffMaps> m_diffs;
+    std::unique_ptr<ServedServices> m_services;
 };

@@ -9,6 +9,8 @@ const u64 TOKENS_PER_INSERT =
 
 } // namespace
 
+std::atomic<u64> TokenReserve::s_refused{0};
+
 TokenReserve::TokenReserve(RegionLocator& locator)
     : m_locator(locator), m_voucher(locator.getMemPool()->createVoucher())
 {}
@@ -37,7 +39,10 @@ RcStatus TokenReserve::prepare(u64 insertions)
     release();
     if (tokens < BATCH_TOKENS && fill(BATCH_TOKENS) == RC_SUCCESS)
         return RC_SUCCESS;
-    return fill(tokens);
+    const RcStatus rc = fill(tokens);
+    if (rc != RC_SUCCESS)
+        s_refused.fetch_add(1, std::memory_order_relaxed);
+    return rc;
 }
 
 void TokenReserve::insert(const SubRegionDescriptor& region)

@@ -55,24 +55,36 @@ Result Trimmer::run(const ChosenPoint& to)
     if (Result result = plan(to.m_items); !result.ok())
         return result;
     const JournalBegin old = m_journal.begin();
-    if (m_plan.m_begin.m_page == old.m_page)
+    // A trim that could not take its items out of all indexes has left its grains to this one.
+    const bool unfinished = m_mirror.untakenPage() < old.m_page;
+    if (m_plan.m_begin.m_page == old.m_page && !unfinished)
         return Result();
     m_statistics.m_items = m_plan.m_begin.m_items - old.m_items;
     m_statistics.m_dataGrains = m_plan.m_dataGrains;
     m_statistics.m_metaGrains = m_plan.m_metaGrains;
-    const u64 before = m_journal.bytesUsed();
     m_statistics.m_bytes = m_plan.m_freedBlocks * (BLOCK_BYTES + sizeof(u32)) +
                            (m_plan.m_begin.m_page - old.m_page) * BLOCK_BYTES;
     if (!m_options.m_dryRun && m_control.stopRequested())
         return Result(ResultCode::Interrupted, "interrupted before anything was trimmed");
+    // Beforehand, so that nobody who writes has to wait for it.
+    if (!m_options.m_dryRun) {
+        const RcStatus rc = m_journal.syncMetadata(journalPtr(m_plan.m_begin.m_page, 0));
+        if (rc != RC_SUCCESS)
+            return Result::fromStatus(rc, "cannot make the journal durable");
+    }
+    // What is journaled by now is in the indexes after this.
+    m_mirror.gracePeriod().wait();
     Result result;
     // Nobody builds an index from another one between the new beginning and the removal.
     m_mirror.withIndexes([&](const Indexes& indexes) {
         result = begin(indexes);
         if (!result.ok() || m_options.m_dryRun)
             return;
-        m_statistics.m_bytes = before - std::min(before, m_journal.bytesUsed());
-        result = removeFrom(indexes, old.m_page);
+        const u64 from = std::min(old.m_page, m_mirror.untakenPage());
+        m_mirror.setUntakenPage(from);
+        result = removeFrom(indexes, from);
+        if (result.ok())
+            m_mirror.setUntakenPage(~u64{0});
     });
     if (!result.ok() || m_options.m_dryRun)
         return result;
@@ -84,9 +96,10 @@ Result Trimmer::run(const ChosenPoint& to)
 
 Result Trimmer::plan(u64 items)
 {
-    // Checkpoints that can be served stay, also those right at the target's point.
+    // Checkpoints that can be served stay, also those right at the target's point, and those that
+    // are set while we look.
     const u64 applied = m_mirror.applyState().m_items;
-    u64 lastPage = ~u64{0};
+    u64 lastPage = m_journal.endPage();
     for (const JournalCheckpoint& one : m_journal.checkpoints()) {
         if (one.m_itemsBefore >= applied)
             lastPage = std::min(lastPage, pageOfJournalPtr(one.m_ptr));
@@ -148,7 +161,7 @@ Result Trimmer::removeFrom(const Indexes& indexes, u64 oldPage)
             return one;
         });
     return Result::fromStatus(rc, "cannot take what was trimmed out of the open indexes; its space "
-                                  "is given back when the mirror is opened next");
+                                  "is given back by the next trim");
 }
 
 } // namespace

@@ -63,7 +63,7 @@ RcStatus JournalStore::Impl::appendPiecesLocked(std::vector<JournalPiece>& piece
     for (const JournalPiece& piece : pieces)
         blocks += piece.m_storedBlocks;
     const u64 needBytes = blocks * STORED_BLOCK_BYTES + pagesFor(pieces.size()) * BLOCK_BYTES;
-    if (m_options.limitBytes != 0 && bytesUsedLocked() + needBytes > m_options.limitBytes)
+    if (m_limitBytes != 0 && bytesUsedLocked() + needBytes > m_limitBytes)
         return RC_NO_SPACE;
 
     const u64 grainBefore = m_dataGrain;
@@ -151,7 +151,7 @@ RcStatus JournalStore::Impl::appendCheckpoint(const std::string& tag, CpId_t* id
         const RcStatus rc = checkWritableLocked();
         if (rc != RC_SUCCESS)
             return rc;
-        if (m_options.limitBytes != 0 && bytesUsedLocked() + BLOCK_BYTES > m_options.limitBytes)
+        if (m_limitBytes != 0 && bytesUsedLocked() + BLOCK_BYTES > m_limitBytes)
             return RC_NO_SPACE;
     }
     JournalCheckpoint checkpoint;

@@ -10,6 +10,9 @@
 
 namespace {
 
+// Of a reader whose journal is trimmed each time that it looks.
+constexpr u32 MOST_TRIES = 10;
+
 JournalOptions completed(JournalOptions options)
 {
     if (!options.nowUs)
@@ -35,7 +38,8 @@ bool fail(JournalStore::Opened& opened, RcStatus rc, const std::string& message)
 
 JournalStore::Impl::Impl(Storage& storage, const JournalOptions& options, AsyncFileIo& io)
     : m_storage(storage), m_options(completed(options)),
-      m_grains(storage, options.folder, options.mode == JournalMode::ReadOnly, io)
+      m_grains(storage, options.folder, options.mode == JournalMode::ReadOnly, io),
+      m_limitBytes(options.limitBytes)
 {}
 
 bool JournalStore::Impl::takeLock(Opened& opened)
@@ -125,6 +129,23 @@ bool JournalStore::Impl::prepareWriting(Opened& opened)
 }
 
 JournalStore::Opened JournalStore::open(Storage& storage, const JournalOptions& options)
+{
+    // A reader may come while the writer takes the journal's beginning away, and miss some of it;
+    // what it then finds damaged is looked at again, from the new beginning.
+    for (u32 tries = 1;; ++tries) {
+        JournalBegin before;
+        JournalBegin after;
+        const RcStatus had = loadJournalBegin(storage, options.folder, &before);
+        Opened opened = openOnce(storage, options);
+        if (opened.m_rc == RC_SUCCESS || options.mode == JournalMode::Writer || had != RC_SUCCESS ||
+            tries == MOST_TRIES ||
+            loadJournalBegin(storage, options.folder, &after) != RC_SUCCESS ||
+            after.m_page == before.m_page)
+            return opened;
+    }
+}
+
+JournalStore::Opened JournalStore::openOnce(Storage& storage, const JournalOptions& options)
 {
     Opened opened;
     auto impl = std::make_unique<Impl>(
@@ -316,7 +337,13 @@ RcStatus JournalStore::setPersistentStreamStatus(AsyncTask*, u64, RcStatus statu
 
 u64 JournalStore::limitBytes() const
 {
-    return m_impl->m_options.limitBytes;
+    MutexGuard guard(m_impl->m_mutex);
+    return m_impl->m_limitBytes;
+}
+void JournalStore::setLimitBytes(u64 limitBytes)
+{
+    MutexGuard guard(m_impl->m_mutex);
+    m_impl->m_limitBytes = limitBytes;
 }
 u64 JournalStore::volumeBlocks() const
 {

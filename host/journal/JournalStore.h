@@ -139,6 +139,8 @@ public:
     // Bytes of data and metadata, with their checksums.
     u64 bytesUsed() const;
     u64 limitBytes() const;
+    // Holds for what is appended from now on.
+    void setLimitBytes(u64 limitBytes);
     Compression compression() const;
 
     // Where the journal begins, after it was trimmed; page 0 of one that never was.
@@ -184,6 +186,7 @@ public:
 private:
     struct Impl;
     explicit JournalStore(std::unique_ptr<Impl> impl);
+    static Opened openOnce(Storage& storage, const JournalOptions& options);
 
     std::unique_ptr<Impl> m_impl;
 };

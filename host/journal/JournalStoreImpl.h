@@ -66,6 +66,7 @@ struct JournalStore::Impl
     RcStatus m_failed RL_GUARDED_BY(m_mutex) = RC_SUCCESS; // why nothing more is accepted
     RcStatus m_streamStatus RL_GUARDED_BY(m_mutex) = RC_SUCCESS;
     bool m_closed RL_GUARDED_BY(m_mutex) = false;
+    u64 m_limitBytes RL_GUARDED_BY(m_mutex); // 0 for no limit
 
     // Where the next data block goes.
     u64 m_dataGrain RL_GUARDED_BY(m_mutex) = 0;

@@ -127,8 +127,8 @@ TEST_F(RetentionTest, ChangedSettingsHoldFromTheNextOpeningOn)
     make(0, 0);
     ASSERT_TRUE(m_mirror->changeSettings(5, 60, u64{1} << 20).ok());
     openMirror();
-    EXPECT_EQ(m_mirror->settings().m_keepCheckpoints, 5u);
-    EXPECT_EQ(m_mirror->settings().m_keepForSeconds, 60u);
+    EXPECT_EQ(m_mirror->currentSettings().m_keepCheckpoints, 5u);
+    EXPECT_EQ(m_mirror->currentSettings().m_keepForSeconds, 60u);
     const std::vector<u8> data(2000 * BLOCK_BYTES, 1);
     EXPECT_TRUE(m_mirror->write(0, data.data(), 2000).ok());
     EXPECT_EQ(m_mirror->write(0, data.data(), 2000).code(), ResultCode::NoSpace);

@@ -1,0 +1,73 @@
+#include "appliance/CheckpointTimer.h"
+
+#include <algorithm>
+
+#include "common/infra/LogItem.h"
+#include "host/infra/Clock.h"
+
+namespace {
+
+// How exactly an amount is met.
+constexpr u64 LOOK_EVERY_MS = 50;
+constexpr u64 RETRY_MS = 1000;
+
+} // namespace
+
+void CheckpointTimer::start()
+{
+    if (m_options.m_everyMs == 0 && m_options.m_everyBytes == 0)
+        return;
+    m_lastMs = Clock::instance()->nowMs();
+    m_lastBytes = m_written();
+    m_thread = std::thread([this] { run(); });
+}
+
+void CheckpointTimer::stop()
+{
+    m_stop.set();
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+bool CheckpointTimer::isDue(u64 nowMs) const
+{
+    return (m_options.m_everyMs != 0 && nowMs - m_lastMs >= m_options.m_everyMs) ||
+           (m_options.m_everyBytes != 0 && m_written() - m_lastBytes >= m_options.m_everyBytes);
+}
+
+void CheckpointTimer::run()
+{
+    while (true) {
+        const u64 passed = Clock::instance()->nowMs() - m_lastMs;
+        u64 wait = m_options.m_everyBytes != 0
+                       ? LOOK_EVERY_MS
+                       : m_options.m_everyMs - std::min(passed, m_options.m_everyMs);
+        if (m_failed)
+            wait = RETRY_MS;
+        if (m_stop.waitMs(wait))
+            return;
+        if (isDue(Clock::instance()->nowMs()))
+            set();
+    }
+}
+
+void CheckpointTimer::set()
+{
+    Mirror& mirror = m_jobs.mirror();
+    const u64 bytes = m_written();
+    const std::vector<JournalCheckpoint> all = mirror.journal().checkpoints();
+    const u64 last = all.empty() ? mirror.journal().begin().m_items : all.back().m_itemsBefore;
+    Result result;
+    if (mirror.journal().itemCount() != last) {
+        CheckpointInfo ignored;
+        result = m_jobs.checkpoint("", &ignored);
+    }
+    if (result.ok()) {
+        m_lastMs = Clock::instance()->nowMs();
+        m_lastBytes = bytes;
+    } else if (!m_failed) {
+        LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
+            << "no checkpoint could be set; it is tried again: " << result.message() << std::endl;
+    }
+    m_failed = !result.ok();
+}

@@ -1,0 +1,49 @@
+// Sets checkpoints while a mirror is served: after so much time, after so many bytes written,
+// whichever comes first. Nothing is set where nothing was journaled since the last one, by whomever
+// that was set.
+//
+// Thread safety: start() and stop() from the owner's thread; `written` is called from another one.
+#pragma once
+
+#include <functional>
+#include <thread>
+
+#include "appliance/MirrorJobs.h"
+#include "appliance/StopSignal.h"
+
+class CheckpointTimer
+{
+public:
+    struct Options
+    {
+        u64 m_everyMs = 0;    // 0: not by time
+        u64 m_everyBytes = 0; // 0: not by amount
+    };
+
+    // written: bytes that clients have written so far. jobs: outlives the timer.
+    CheckpointTimer(MirrorJobs& jobs, Options options, std::function<u64()> written)
+        : m_jobs(jobs), m_options(options), m_written(std::move(written))
+    {}
+    ~CheckpointTimer() { stop(); }
+    CheckpointTimer(const CheckpointTimer&) = delete;
+    CheckpointTimer& operator=(const CheckpointTimer&) = delete;
+
+    // Does nothing with neither of the options.
+    void start();
+    // A checkpoint that is being set is waited for.
+    void stop();
+
+private:
+    void run();
+    bool isDue(u64 nowMs) const;
+    void set();
+
+    MirrorJobs& m_jobs;
+    const Options m_options;
+    const std::function<u64()> m_written;
+    u64 m_lastMs = 0;      // when the last one was set, or found to be there
+    u64 m_lastBytes = 0;   // written by then
+    bool m_failed = false; // the last one, which is told once
+    StopSignal m_stop;
+    std::thread m_thread;
+};
