@@ -79,6 +79,10 @@ public:
     // The same at once or not at all: RC_SUCCESS, or RC_NO_MEMORY with nothing added.
     RcStatus fillBufNoWait(ScatteredBuf* buf, u32 sizeBytes, ModuleMemoryInformation* mmi);
 
+    // Takes back whole chunks that were handed out for the group, as their segments'
+    // deleteContent() would one by one.
+    void giveBackChunks(u8* const* chunks, u32 count, ModuleMemoryInformation* mmi);
+
     // Ends every waiting fill that was started with this token; their futures are set to
     // RC_ABORTED before it returns. A fill that is complete stays so.
     void cancelBufferFill(void* token);

@@ -103,6 +103,12 @@ RcStatus MemoryPoolImpl::fillBufNoWait(ScatteredBuf* buf, u32 sizeBytes,
     return RC_SUCCESS;
 }
 
+void MemoryPoolImpl::giveBackChunks(u8* const* chunks, u32 count, ModuleMemoryInformation* mmi)
+{
+    for (u32 i = 0; i < count; ++i)
+        MemorySegment(getChunkSize(), chunks[i], mmi).deleteContent();
+}
+
 // No fill ever waits, so there is none to cancel and none to count.
 void MemoryPoolImpl::cancelBufferFill(void*) {}
 

@@ -127,6 +127,11 @@ RcStatus MemoryPoolImpl::fillBufNoWait(ScatteredBuf* buf, u32 sizeBytes,
     return m_impl->m_core->fillNoWait(buf, sizeBytes, mmi);
 }
 
+void MemoryPoolImpl::giveBackChunks(u8* const* chunks, u32 count, ModuleMemoryInformation* mmi)
+{
+    m_impl->m_core->giveBackChunks(chunks, count, mmi);
+}
+
 void MemoryPoolImpl::cancelBufferFill(void* token)
 {
     m_impl->m_core->cancel(token);

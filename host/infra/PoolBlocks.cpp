@@ -134,6 +134,59 @@ u8* PoolBlocks::takeChunk()
     return chunk;
 }
 
+// One chunk of the block is left to takeChunk(), which takes a block that is full out of the list.
+u32 PoolBlocks::untouchedRun() const
+{
+    if (m_headerChunks == 0 || m_partial.m_next == &m_partial)
+        return 0;
+    const Block* block = static_cast<const Block*>(m_partial.m_next);
+    return block->m_returned != nullptr ? 0 : m_capacity - block->m_firstUntouched - 1;
+}
+
+u8* PoolBlocks::takeRun(u32 chunks)
+{
+    Block* block = static_cast<Block*>(m_partial.m_next);
+    u8* first = reinterpret_cast<u8*>(block) +
+                size_t{m_headerChunks + block->m_firstUntouched} * m_strideBytes;
+    openMemory(first, size_t{chunks} * m_strideBytes);
+    block->m_firstUntouched += chunks;
+    block->m_freeChunks -= chunks;
+    m_freeChunks -= chunks;
+    return first;
+}
+
+bool PoolBlocks::giveChunks(u8* const* chunks, u32 count)
+{
+    bool someBlockIsFree = false;
+    while (count > 0) {
+        u8* const last = chunks[--count];
+        if (giveChunk(last)) {
+            someBlockIsFree = true;
+            continue;
+        }
+        Block* block = blockOf(last);
+        const u8* untouched = reinterpret_cast<u8*>(block) +
+                              size_t{m_headerChunks + block->m_firstUntouched} * m_strideBytes;
+        if (last != untouched)
+            continue;
+        // As long as the chunks before are the last ones carved, they go back the same way; but for
+        // one, with which the block may become free.
+        const u32 most = std::min(count, m_capacity - block->m_freeChunks - 1);
+        const u8* next = last;
+        u32 run = 0;
+        while (run < most && chunks[count - 1 - run] == next - m_strideBytes) {
+            next -= m_strideBytes;
+            ++run;
+        }
+        block->m_firstUntouched -= run;
+        block->m_freeChunks += run;
+        m_freeChunks += run;
+        count -= run;
+        closeMemory(next, size_t{run} * m_strideBytes);
+    }
+    return someBlockIsFree;
+}
+
 bool PoolBlocks::giveChunk(u8* chunk)
 {
     ++m_freeChunks;
@@ -144,7 +197,13 @@ bool PoolBlocks::giveChunk(u8* chunk)
         return true;
     }
     Block* block = blockOf(chunk);
-    block->m_returned = new (chunk) FreeChunk{block->m_returned};
+    const u8* untouched = reinterpret_cast<u8*>(block) +
+                          size_t{m_headerChunks + block->m_firstUntouched} * m_strideBytes;
+    // The last chunk carved is put back where it came from, without a look at its memory.
+    if (chunk + m_strideBytes == untouched)
+        --block->m_firstUntouched;
+    else
+        block->m_returned = new (chunk) FreeChunk{block->m_returned};
     closeMemory(chunk, m_strideBytes);
     if (++block->m_freeChunks == 1) {
         // At the end: the blocks before it are used up first, and this one may become free.

@@ -13,6 +13,8 @@
 //             3. partly used blocks are taken from before wholly free ones.
 #pragma once
 
+#include <algorithm>
+
 #include "common/infra/Types.h"
 
 class PoolBlocks
@@ -37,8 +39,29 @@ public:
     // REQUIRES: freeChunks() > 0.
     u8* takeChunk();
 
+    // Takes `count` chunks and calls take(chunk) for each. REQUIRES: so many are free.
+    template <class Take> void takeChunks(u32 count, Take take)
+    {
+        while (count > 0) {
+            take(takeChunk());
+            --count;
+            // What is left of a block that is carved for the first time follows without a look.
+            const u32 run = std::min(count, untouchedRun());
+            if (run == 0)
+                continue;
+            u8* chunk = takeRun(run);
+            for (u32 i = 0; i < run; ++i, chunk += m_strideBytes)
+                take(chunk);
+            count -= run;
+        }
+    }
+
     // chunk: as takeChunk() returned it. True when its block is now wholly free.
     bool giveChunk(u8* chunk);
+
+    // The same for many; those that were carved one after the other should be in that order. True
+    // when some block is now wholly free.
+    bool giveChunks(u8* const* chunks, u32 count);
 
     // Lets go of the blocks that are in use; their chunks must not come back.
     void forgetUsedBlocks();
@@ -72,6 +95,10 @@ private:
     };
 
     Block* blockOf(u8* chunk) const;
+    // Chunks that the block which is taken from has never handed out, if it has no others.
+    u32 untouchedRun() const;
+    // REQUIRES: a number of them below the block's free chunks, so that it stays in the list.
+    u8* takeRun(u32 chunks);
     void reset(Block* block) const;
 
     u32 m_chunkBytes = 0;

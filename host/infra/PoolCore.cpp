@@ -98,11 +98,11 @@ u64 PoolCore::mostChunksLocked()
 void PoolCore::take(const PoolFill& request, u32 chunks)
 {
     u32 leftBytes = request.m_sizeBytes;
-    for (u32 i = 0; i < chunks; ++i) {
+    m_blocks.takeChunks(chunks, [this, &request, &leftBytes](u8* chunk) {
         const u32 sizeBytes = std::min(leftBytes, m_chunkBytes);
-        request.m_buf->addSegment(MemorySegment(sizeBytes, m_blocks.takeChunk(), request.m_mmi));
+        request.m_buf->addSegment(MemorySegment(sizeBytes, chunk, request.m_mmi));
         leftBytes -= sizeBytes;
-    }
+    });
     request.m_mmi->addChunks(chunks);
     m_usedBytesNet += request.m_sizeBytes;
 }
@@ -270,6 +270,26 @@ void PoolCore::giveBack(u8* ptr, u32 sizeBytes, ModuleMemoryInformation* mmi)
         mmi->addChunks(~u64{0});
         m_usedBytesNet -= std::min<u64>(m_usedBytesNet, sizeBytes);
         if (m_waiters.empty() && !blockIsFree)
+            return;
+        pump(actions);
+        beginHooks(actions);
+    }
+    runHooks(actions);
+    settle(actions);
+}
+
+void PoolCore::giveBackChunks(u8* const* chunks, u32 count, ModuleMemoryInformation* mmi)
+{
+    if (count == 0)
+        return;
+    HARD_CHECK(mmi != nullptr && &mmi->getPool() == this);
+    PoolActions actions;
+    {
+        MutexGuard lock(m_mutex);
+        const bool someBlockIsFree = m_blocks.giveChunks(chunks, count);
+        mmi->addChunks(~u64{count} + 1);
+        m_usedBytesNet -= std::min<u64>(m_usedBytesNet, u64{count} * m_chunkBytes);
+        if (m_waiters.empty() && !someBlockIsFree)
             return;
         pump(actions);
         beginHooks(actions);
