@@ -1,23 +1,22 @@
 // An ordered set of regions that knows how many view blocks they cover.
 #pragma once
 
-#include <functional>
-#include <set>
 #include <utility>
 
-#include "RegionLocator/RegionLocatorMemPool.h"
-#include "RegionLocator/SubRegionDescriptor.h"
+#include "RegionLocator/RegionDescent.h"
+#include "RegionLocator/RegionDirectory.h"
+#include "RegionLocator/RegionFinger.h"
+#include "RegionLocator/RegionNodes.h"
 
-// Ordered by first view block, one region per first block. Each node is a token of the locator's
-// active voucher.
-using RegionMap =
-    std::set<SubRegionDescriptor, std::less<SubRegionDescriptor>, RlAllocator<SubRegionDescriptor>>;
-
+// What is known beside the set (a directory, a finger) only speeds up the way to a region; it is
+// switched on by accelerate(), and without it every operation does the same.
+//
 // Thread safety: none; the owning locator's mutex guards every access. insert needs an active
 // voucher with a token, erase an active voucher to put the token in.
 //
 // Invariants: 1. sizeLb() is the sum of the stored regions' lengths;
-//             2. regions do not overlap (the locator keeps this, the map does not check it).
+//             2. regions do not overlap (the locator keeps this, the map does not check it);
+//             3. directory and finger hold nodes of the set only.
 class CountedRegionMap
 {
 public:
@@ -45,6 +44,40 @@ public:
     // total shrinks by the argument's length, so pass the very region that is stored.
     size_t erase(SubRegionDescriptor region);
 
+    // Takes the region at this place over into another map of the same pool, its node with it, so
+    // that no token comes or goes; `next` is the first region there that starts after it. The
+    // other map's place; false, and nothing changes, when it has a region with that first block.
+    std::pair<iterator, bool> moveTo(CountedRegionMap& other, const_iterator next,
+                                     const_iterator iter);
+
+    // Writes a region over the stored one, in its node. The total changes by the difference.
+    // REQUIRES: it starts after the region before and before the region behind.
+    void replace(const_iterator iter, const SubRegionDescriptor& region);
+
+    // The last region that starts at or before the block; the first region when none does.
+    const_iterator lastAtOrBefore(u64 offsetBlocks) const
+    {
+        RegionNode* noted = nullptr;
+        if (m_directory.isOn()) {
+            noted = m_directory.peek(offsetBlocks);
+            // A region that reaches over the block is the one, since regions do not overlap.
+            if (noted != nullptr && offsetBlocks - startOf(noted) < regionOf(noted).m_lengthBlocks)
+                return at(noted);
+        }
+        return search(offsetBlocks, noted);
+    }
+
+    // The same, trying `hint`, a place in the map or its end, and what follows it first.
+    const_iterator lastAtOrBefore(u64 offsetBlocks, const_iterator hint) const
+    {
+        if (hint == m_regionMap->end())
+            return lastAtOrBefore(offsetBlocks);
+        if (offsetBlocks - hint->m_viewOffsetBlocks < hint->m_lengthBlocks)
+            return hint;
+        RegionNode* const node = stepFrom(hint._M_node, offsetBlocks);
+        return node != nullptr ? at(node) : lastAtOrBefore(offsetBlocks);
+    }
+
     // The first region whose first block is not below the argument's.
     iterator lower_bound(const SubRegionDescriptor& key) const
     {
@@ -63,7 +96,60 @@ public:
 
     void clear();
 
+    // ---- speed ----
+
+    // What may be used besides the set's own search.
+    struct Accelerators
+    {
+        bool m_descent = false;
+        bool m_directory = false;
+        bool m_finger = false;
+        u64 m_fromRegions = 0; // and only from this size on, but for descent and finger
+    };
+    void accelerate(const Accelerators& accelerators);
+
+    // Whether the map is large enough for memory to be what its operations wait for.
+    bool isLarge() const { return m_regionMap->size() >= m_accelerators.m_fromRegions; }
+
+    // Brings what operations on these blocks will touch into the cache. At most MAX_LOCKSTEP.
+    void warm(const u64* offsetsBlocks, u32 count) const;
+    // The first step of that for one block, which waits for nothing.
+    void warmFirst(u64 offsetBlocks) const
+    {
+        if (m_directory.isOn())
+            m_directory.warm(offsetBlocks);
+    }
+    // Brings the next regions of a walk that is at `next` and goes on to endBlocks into the cache,
+    // and returns up to where; the walk asks again there.
+    u64 warmWalk(const_iterator next, u64 endBlocks) const;
+
+    // Slots that the directory should have, and whether that is likely another number than it has.
+    u64 wantedDirectorySlots() const;
+    bool isDirectoryDue() const { return size() - m_directoryLeast > m_directorySpan; }
+    // Takes over the memory of that many slots, and gives the memory before in its place.
+    void installDirectory(RegionDirectoryMemory& memory);
+    u64 directorySlots() const { return m_directory.slots(); }
+    u64 directoryBytes() const { return m_directory.bytes(); }
+
 private:
+    // The ways to a region that lastAtOrBefore() has not found at once; noted: what it has seen in
+    // the directory.
+    const_iterator search(u64 offsetBlocks, RegionNode* noted) const;
+    RegionNode* nearby(u64 offsetBlocks, RegionNode* noted) const;
+    RegionNode* stepFrom(RegionNode* node, u64 offsetBlocks) const;
+    RegionNode* header() const { return m_regionMap->end()._M_node; }
+    static const_iterator at(RegionNode* node) { return const_iterator(node); }
+    void setDirectoryBounds();
+    void added(const_iterator place);
+    void leaving(const_iterator place);
+
     RegionMap* m_regionMap;
     u64 m_sizeLb;
+    Accelerators m_accelerators;
+    // What a search learns is noted, also where it changes nothing else.
+    mutable RegionDirectory m_directory;
+    mutable RegionFinger m_finger;
+    // Sizes from m_directoryLeast on, that many more, for which the directory is as it should be.
+    size_t m_directoryLeast = 0;
+    size_t m_directorySpan = ~size_t{0};
 };

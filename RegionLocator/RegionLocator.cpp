@@ -9,7 +9,6 @@
 #include <string_view>
 
 #include "RegionLocator/RegionLocatorMetaDataContainer.h"
-#include "common/infra/DynamicTweaks.h"
 #include "common/infra/MemShield.h"
 #include "common/infra/Tweaks.h"
 
@@ -26,22 +25,18 @@ constexpr u32 MAX_MERGED_ZEROES_BLOCKS = 2048;
 // How many regions' tokens one voucher collects while a whole map is emptied.
 constexpr size_t CLEAR_BATCH_REGIONS = 1000;
 
-bool verbose()
-{
-    return DynamicTweaks::instance()->t_RlVerboseLogs.load(std::memory_order_relaxed);
-}
+// Bits of the tweak t_RlAccelerators.
+constexpr u64 ACCELERATE_DIRECTORY = 1;
+constexpr u64 ACCELERATE_FINGER = 2;
+constexpr u64 ACCELERATE_DESCENT = 4;
+constexpr u64 ACCELERATE_SCANS = 8;
+constexpr u64 ACCELERATE_ALL = 15;
 
-bool binaryVerbose()
-{
-    return DynamicTweaks::instance()->t_BinVerboseLogs.load(std::memory_order_relaxed);
-}
+// Ranges shorter than that have so few regions that the walk waits for none of them long.
+constexpr u32 LEAST_WARMED_BLOCKS = 32;
 
-// Whether every change is followed by a query that looks for what should not be there.
-bool checksChanges()
-{
-    return DynamicTweaks::instance()->t_IOVerboseLogs.load(std::memory_order_relaxed) ||
-           binaryVerbose() || verbose();
-}
+// Below, a map fits into the caches, and its operations do not wait for memory.
+constexpr u64 LARGE_MAP_REGIONS = 32 * 1024;
 
 // Steps that several functions share report under the signature that their records are known by;
 // the functions of these names check that it still is theirs.
@@ -51,6 +46,37 @@ constexpr const char* SUBTRACT_SIGNATURE =
 constexpr const char* PUNCH_OUT_SIGNATURE =
     "void RegionLocator::punchOutRegions(CountedRegionMap*, "
     "const std::vector<SubRegionDescriptor>&)";
+constexpr const char* LOCK_SIGNATURE =
+    "void RegionLocator::lockRegions(const std::vector<SubRegionDescriptor>&)";
+constexpr const char* UNLOCK_SIGNATURE =
+    "void RegionLocator::unlockRegions(std::vector<SubRegionDescriptor>&, bool, "
+    "RegionLocatorVoucher*)";
+
+// What canCombine() asks before anything that it would report; false is its answer then, too.
+inline bool mayCombine(const SubRegionDescriptor& left, const SubRegionDescriptor& right)
+{
+    return left.m_viewOffsetBlocks + left.m_lengthBlocks == right.m_viewOffsetBlocks &&
+           left.m_flags == right.m_flags &&
+           (left.isAllZeroes() || left.getOrigIoFifoOffsetLbs() == right.getOrigIoFifoOffsetLbs());
+}
+
+// Whether all that a region says is the same; then equalSubregions() has nothing to report.
+bool isSameRegion(const SubRegionDescriptor& a, const SubRegionDescriptor& b)
+{
+    return a.m_viewOffsetBlocks == b.m_viewOffsetBlocks && a.m_lengthBlocks == b.m_lengthBlocks &&
+           a.m_fifoOffsetOfIoStartBlocks == b.m_fifoOffsetOfIoStartBlocks &&
+           a.m_ioTotalLengthBytes == b.m_ioTotalLengthBytes &&
+           a.m_regionOffsetLBsWithinIo == b.m_regionOffsetLBsWithinIo && a.m_flags == b.m_flags;
+}
+
+// The first region of the map that starts after this one does.
+RegionMap::const_iterator placeAfter(const CountedRegionMap* map, const SubRegionDescriptor& region)
+{
+    if (map->empty())
+        return map->cend();
+    const RegionMap::const_iterator before = map->lastAtOrBefore(region.m_viewOffsetBlocks);
+    return before->m_viewOffsetBlocks <= region.m_viewOffsetBlocks ? std::next(before) : before;
+}
 
 } // namespace
 
@@ -65,7 +91,7 @@ constexpr const char* PUNCH_OUT_SIGNATURE =
 // A line of the verbose trace, under a given signature and under the calling function's.
 #define RL_TRACE_IN(signature, ...)                                                                \
     do {                                                                                           \
-        if (verbose())                                                                             \
+        if (__builtin_expect(verbose(), 0))                                                        \
             LogItem(LogModuleXel, InfoLevel, signature, 0)                                         \
                 << "<" << this << ">: " __VA_ARGS__ << std::endl;                                  \
     } while (false)
@@ -84,11 +110,25 @@ CountedRegionMap::~CountedRegionMap()
     SHIELD_DELETE(m_regionMap);
 }
 
+inline void CountedRegionMap::added(const_iterator place)
+{
+    m_directory.note(place._M_node, place->m_viewOffsetBlocks);
+    m_finger.set(place._M_node);
+}
+
+inline void CountedRegionMap::leaving(const_iterator place)
+{
+    m_directory.forget(place._M_node, place->m_viewOffsetBlocks);
+    m_finger.forget(place._M_node);
+}
+
 std::pair<CountedRegionMap::iterator, bool> CountedRegionMap::insert(SubRegionDescriptor region)
 {
     const auto result = m_regionMap->insert(region);
-    if (result.second)
+    if (result.second) {
         m_sizeLb += region.m_lengthBlocks;
+        added(result.first);
+    }
     return result;
 }
 
@@ -98,8 +138,10 @@ std::pair<CountedRegionMap::iterator, bool> CountedRegionMap::insert(const_itera
     const size_t before = m_regionMap->size();
     const iterator place = m_regionMap->insert(next, region);
     const bool inserted = m_regionMap->size() != before;
-    if (inserted)
+    if (inserted) {
         m_sizeLb += region.m_lengthBlocks;
+        added(place);
+    }
     return {place, inserted};
 }
 
@@ -107,6 +149,7 @@ CountedRegionMap::iterator CountedRegionMap::erase(const_iterator iter)
 {
     SOFT_CHECK(m_sizeLb >= (*iter).m_lengthBlocks);
     m_sizeLb -= (*iter).m_lengthBlocks;
+    leaving(iter);
     return m_regionMap->erase(iter);
 }
 
@@ -115,6 +158,7 @@ CountedRegionMap::iterator CountedRegionMap::erase(const_iterator first, const_i
     for (const_iterator iter = first; iter != last; ++iter) {
         SOFT_CHECK(m_sizeLb >= (*iter).m_lengthBlocks);
         m_sizeLb -= (*iter).m_lengthBlocks;
+        leaving(iter);
     }
     return m_regionMap->erase(first, last);
 }
@@ -122,24 +166,204 @@ CountedRegionMap::iterator CountedRegionMap::erase(const_iterator first, const_i
 size_t CountedRegionMap::erase(SubRegionDescriptor region)
 {
     const u64 regionSizeLb = region.m_lengthBlocks;
-    const size_t found = m_regionMap->erase(region);
+    const const_iterator place = m_regionMap->find(region);
+    const size_t found = place == m_regionMap->end() ? 0 : 1;
     SOFT_CHECK(found <= 1, << " found=" << found);
+    if (found != 0) {
+        leaving(place);
+        m_regionMap->erase(place);
+    }
     SOFT_CHECK(m_sizeLb >= found * regionSizeLb);
     m_sizeLb -= found * regionSizeLb;
     return found;
 }
 
+std::pair<CountedRegionMap::iterator, bool>
+CountedRegionMap::moveTo(CountedRegionMap& other, const_iterator next, const_iterator iter)
+{
+    SOFT_CHECK(m_sizeLb >= (*iter).m_lengthBlocks);
+    const u32 lengthBlocks = iter->m_lengthBlocks;
+    leaving(iter);
+    const size_t before = other.size();
+    RegionMap::node_type node = m_regionMap->extract(iter);
+    const iterator place = other.m_regionMap->insert(next, std::move(node));
+    if (other.size() == before) {
+        added(m_regionMap->insert(std::move(node)).position);
+        return {place, false};
+    }
+    m_sizeLb -= lengthBlocks;
+    other.m_sizeLb += lengthBlocks;
+    other.added(place);
+    return {place, true};
+}
+
+void CountedRegionMap::replace(const_iterator iter, const SubRegionDescriptor& region)
+{
+    SOFT_CHECK(m_sizeLb >= (*iter).m_lengthBlocks);
+    m_sizeLb = m_sizeLb - (*iter).m_lengthBlocks + region.m_lengthBlocks;
+    if (iter->m_viewOffsetBlocks != region.m_viewOffsetBlocks)
+        m_directory.move(iter._M_node, iter->m_viewOffsetBlocks, region.m_viewOffsetBlocks);
+    m_finger.set(iter._M_node);
+    // The set shows its regions as constant since it is ordered by them, and the order stays.
+    const_cast<SubRegionDescriptor&>(*iter) = region;
+}
+
 void CountedRegionMap::clear()
 {
     m_sizeLb = 0;
+    m_directory.forgetAll();
+    m_finger.forgetAll();
     m_regionMap->clear();
+}
+
+// ---- its searches ----
+
+CountedRegionMap::const_iterator CountedRegionMap::search(u64 offsetBlocks, RegionNode* noted) const
+{
+    if (RegionNode* const node = nearby(offsetBlocks, noted); node != nullptr)
+        return at(node);
+    RegionNode* found;
+    if (m_accelerators.m_descent) {
+        found = RegionDescent(*m_regionMap).lastAtOrBefore(offsetBlocks);
+    } else {
+        const const_iterator after = m_regionMap->upper_bound(SubRegionDescriptor(offsetBlocks));
+        found = after == m_regionMap->begin() ? nullptr : std::prev(after)._M_node;
+    }
+    if (found == nullptr)
+        return m_regionMap->begin();
+    m_directory.note(found, startOf(found));
+    m_finger.set(found);
+    return at(found);
+}
+
+// What finger and directory know; null when neither knows a region near the block.
+inline RegionNode* CountedRegionMap::nearby(u64 offsetBlocks, RegionNode* noted) const
+{
+    if (m_accelerators.m_finger) {
+        if (RegionNode* const finger = m_finger.get(); finger != nullptr) {
+            if (RegionNode* const node = stepFrom(finger, offsetBlocks); node != nullptr) {
+                m_finger.hit();
+                m_finger.set(node);
+                return node;
+            }
+            m_finger.missed();
+        }
+    }
+    if (!m_directory.isOn())
+        return nullptr;
+    RegionNode* const from = m_directory.near(offsetBlocks, noted);
+    if (from == nullptr)
+        return nullptr;
+    RegionNode* const node = stepFrom(from, offsetBlocks);
+    if (node != nullptr)
+        m_finger.set(node);
+    return node;
+}
+
+// From a node to the last region that starts at or before the block, when it is some steps away at
+// most; else null. A region that reaches over the block is the one, since regions do not overlap.
+RegionNode* CountedRegionMap::stepFrom(RegionNode* node, u64 offsetBlocks) const
+{
+    constexpr u32 MOST_STEPS = 3;
+    const_iterator place = at(node);
+    if (place->m_viewOffsetBlocks > offsetBlocks) {
+        for (u32 i = 0; i < MOST_STEPS; ++i) {
+            if (place == m_regionMap->begin())
+                return place._M_node;
+            --place;
+            if (place->m_viewOffsetBlocks <= offsetBlocks)
+                return place._M_node;
+        }
+        return nullptr;
+    }
+    for (u32 i = 0; i < MOST_STEPS; ++i) {
+        if (offsetBlocks - place->m_viewOffsetBlocks < place->m_lengthBlocks)
+            return place._M_node;
+        const const_iterator next = std::next(place);
+        if (next == m_regionMap->end() || next->m_viewOffsetBlocks > offsetBlocks)
+            return place._M_node;
+        place = next;
+    }
+    return nullptr;
+}
+
+// ---- its speed ----
+
+void CountedRegionMap::accelerate(const Accelerators& accelerators)
+{
+    m_accelerators = accelerators;
+    setDirectoryBounds();
+}
+
+void CountedRegionMap::warm(const u64* offsetsBlocks, u32 count) const
+{
+    u64 unknown[RegionDescent::MAX_LOCKSTEP];
+    u32 unknownCount = 0;
+    for (u32 i = 0; i < count; ++i) {
+        RegionNode* const node = m_directory.isOn() ? m_directory.peek(offsetsBlocks[i]) : nullptr;
+        if (node != nullptr)
+            prefetch(node);
+        else
+            unknown[unknownCount++] = offsetsBlocks[i];
+    }
+    RegionDescent(*m_regionMap).warm(unknown, unknownCount);
+}
+
+u64 CountedRegionMap::warmWalk(const_iterator next, u64 endBlocks) const
+{
+    // As many regions as are surely in the cache still when the walk comes to them.
+    constexpr u64 REGIONS_AHEAD = 256;
+    constexpr u64 FEW_REGIONS = 4;
+    if (!isLarge() || next == m_regionMap->end() || !m_accelerators.m_descent)
+        return endBlocks;
+    const u64 from = next->m_viewOffsetBlocks;
+    const u64 average = m_sizeLb / m_regionMap->size() + 1;
+    if (from >= endBlocks || endBlocks - from < FEW_REGIONS * average)
+        return endBlocks;
+    const u64 until = std::min(endBlocks, from + REGIONS_AHEAD * average);
+    RegionDescent(*m_regionMap).warmRange(from, until);
+    return until;
+}
+
+u64 CountedRegionMap::wantedDirectorySlots() const
+{
+    // Once it is there, it goes only when the map has become much smaller: so it does not come and
+    // go with every region.
+    const u64 slots = m_directory.slots();
+    const u64 from = slots == 0 ? m_accelerators.m_fromRegions : m_accelerators.m_fromRegions / 2;
+    if (!m_accelerators.m_directory || size() < from)
+        return 0;
+    return RegionDirectory::wantedSlots(size(), slots);
+}
+
+void CountedRegionMap::installDirectory(RegionDirectoryMemory& memory)
+{
+    m_directory.install(memory, *m_regionMap, m_sizeLb);
+    setDirectoryBounds();
+}
+
+void CountedRegionMap::setDirectoryBounds()
+{
+    const u64 slots = m_directory.slots();
+    if (!m_accelerators.m_directory) {
+        m_directoryLeast = 0;
+        m_directorySpan = ~size_t{0};
+    } else if (slots == 0) {
+        m_directoryLeast = 0;
+        m_directorySpan = std::max<u64>(m_accelerators.m_fromRegions, 1) - 1;
+    } else {
+        m_directoryLeast = std::max(slots / RegionDirectory::MOST_SLOTS_A_REGION + 1,
+                                    m_accelerators.m_fromRegions / 2);
+        m_directorySpan = slots - m_directoryLeast;
+    }
 }
 
 // ==== lifecycle ====
 
 RegionLocator::RegionLocator(u64 id, RegionLocatorMmiType mmiType)
-    : MemWatchedContainer("RegionLocator", 40, 12), m_immutable(false), m_memPool(id, mmiType),
-      m_memAllocator(&m_memPool),
+    : MemWatchedContainer("RegionLocator", 40, 12), m_tweaks(*DynamicTweaks::instance()),
+      m_immutable(false), m_memPool(id, mmiType), m_memAllocator(&m_memPool),
+      t_holdBackScans(false),
       t_combineRegionsDuringRestore(
           Tweaks::uintVal("t_XelCombineRegionLocatorRegionsDuringRestore", 1) == 1)
 {
@@ -149,6 +373,13 @@ RegionLocator::RegionLocator(u64 id, RegionLocatorMmiType mmiType)
     m_insertAllButRemoveMdOnlyContainer =
         SHIELD_NEW(RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly, this);
     m_lockWaiter = nullptr;
+    const u64 accelerators = Tweaks::uintVal("t_RlAccelerators", ACCELERATE_ALL);
+    t_holdBackScans = (accelerators & ACCELERATE_SCANS) != 0;
+    m_unlockedRegions->accelerate(
+        {(accelerators & ACCELERATE_DESCENT) != 0, (accelerators & ACCELERATE_DIRECTORY) != 0,
+         (accelerators & ACCELERATE_FINGER) != 0,
+         Tweaks::uintVal("t_RlAcceleratorsFromRegions", LARGE_MAP_REGIONS)});
+    m_memPool.setUpkeepListener(this);
     // Last: from here on the watcher may ask for the item count.
     MemWatchedContainerDatabase::instance()->registerContainer(this);
 }
@@ -164,6 +395,24 @@ RegionLocator::~RegionLocator()
     clearMap(m_unlockedRegions);
     SHIELD_DELETE(m_lockedRegions);
     SHIELD_DELETE(m_unlockedRegions);
+}
+
+void RegionLocator::upkeep()
+{
+    u64 slots;
+    {
+        MutexGuard lock(m_mutex);
+        slots = m_unlockedRegions->wantedDirectorySlots();
+        if (slots == m_unlockedRegions->directorySlots())
+            return;
+    }
+    // Got before and given back after the mutex is held, so that nobody waits for that.
+    RegionDirectoryMemory memory;
+    if (!memory.obtain(m_memPool, slots))
+        return;
+    MutexGuard lock(m_mutex);
+    if (slots == m_unlockedRegions->wantedDirectorySlots())
+        m_unlockedRegions->installDirectory(memory);
 }
 
 void RegionLocator::clearMap(CountedRegionMap* map)
@@ -193,6 +442,26 @@ bool RegionLocator::checkIntersection(const SubRegionDescriptor& a,
                                       const SubRegionDescriptor& b) const
 {
     return checkIntersection(a, b.m_viewOffsetBlocks, b.m_lengthBlocks);
+}
+
+inline bool RegionLocator::isRebuiltAsStored(const SubRegionDescriptor& region)
+{
+    if (region.isCompressed())
+        return !region.isAllZeroes();
+    return region.m_ioTotalLengthBytes == u32{region.m_lengthBlocks} << BLOCK_SHIFT &&
+           (!region.isAllZeroes() || (region.m_fifoOffsetOfIoStartBlocks == SFS_DEV_ADDR_INVALID &&
+                                      region.m_regionOffsetLBsWithinIo == 0));
+}
+
+// The same as getIntersection(), without rebuilding a whole region that would come out as it is.
+inline SubRegionDescriptor RegionLocator::getPiece(const SubRegionDescriptor& region,
+                                                   u64 offsetBlocks, u32 lengthBlocks) const
+{
+    if (offsetBlocks <= region.m_viewOffsetBlocks && !region.isCscan() &&
+        region.m_viewOffsetBlocks + region.m_lengthBlocks <= offsetBlocks + lengthBlocks &&
+        isRebuiltAsStored(region))
+        return region;
+    return getIntersection(region, offsetBlocks, lengthBlocks);
 }
 
 //   region    [--------------]           [------]
@@ -374,27 +643,35 @@ SubRegionDescriptor RegionLocator::combineR2L(const SubRegionDescriptor& left,
 
 // ==== range queries ====
 
-// Calls visit(iterator, piece) for each stored region that intersects the range, with its piece
-// inside the range, ascending. visit may erase the region and insert pieces of it.
-template <class Visit> void RegionLocator::visitIntersecting(const CountedRegionMap* map,
-                                                             u64 offsetBlocks, u32 lengthBlocks,
-                                                             Visit visit) const
+// Calls visit(piece) for each stored region that intersects the range, with its piece inside the
+// range, ascending.
+template <class Visit>
+RegionMap::const_iterator RegionLocator::visitIntersecting(const CountedRegionMap* map,
+                                                           u64 offsetBlocks, u32 lengthBlocks,
+                                                           Visit visit) const
 {
     if (map->empty())
-        return;
+        return map->cend();
     // The last region that starts at or before the range: it may reach into it.
-    RegionMap::const_iterator iter = map->lower_bound(SubRegionDescriptor(offsetBlocks));
-    if (iter != map->cbegin() && (iter == map->cend() || iter->m_viewOffsetBlocks != offsetBlocks))
-        --iter;
+    RegionMap::const_iterator iter = map->lastAtOrBefore(offsetBlocks);
     const u64 endBlocks = offsetBlocks + lengthBlocks;
-    for (u32 i = 0; iter != map->cend() && iter->m_viewOffsetBlocks < endBlocks; ++i) {
-        if (!checkIntersection(*iter, offsetBlocks, lengthBlocks)) {
+    if (iter->m_viewOffsetBlocks < endBlocks &&
+        !checkIntersection(*iter, offsetBlocks, lengthBlocks))
+        ++iter;
+    const RegionMap::const_iterator first = iter;
+    u64 warmUntil = lengthBlocks < LEAST_WARMED_BLOCKS ? endBlocks : 0;
+    u32 i = 0;
+    for (; iter != map->cend() && iter->m_viewOffsetBlocks < endBlocks; ++i, ++iter) {
+        if (iter->m_viewOffsetBlocks >= warmUntil)
+            warmUntil = map->warmWalk(iter, endBlocks);
+        if (iter->m_viewOffsetBlocks < offsetBlocks)
             HARD_CHECK(i == 0);
-            ++iter;
-            continue;
-        }
-        iter = visit(iter, getIntersection(*iter, offsetBlocks, lengthBlocks));
+        visit(getPiece(*iter, offsetBlocks, lengthBlocks));
+        // Nothing can follow a region that reaches the end, so what does is not even looked at.
+        if (iter->m_viewOffsetBlocks + iter->m_lengthBlocks >= endBlocks)
+            break;
     }
+    return first;
 }
 
 u32 RegionLocator::countIntersecting(const CountedRegionMap* map, u64 offsetBlocks,
@@ -402,22 +679,17 @@ u32 RegionLocator::countIntersecting(const CountedRegionMap* map, u64 offsetBloc
 {
     u32 count = 0;
     visitIntersecting(map, offsetBlocks, lengthBlocks,
-                      [&count](RegionMap::const_iterator iter, const SubRegionDescriptor&) {
-                          ++count;
-                          return std::next(iter);
-                      });
+                      [&count](const SubRegionDescriptor&) { ++count; });
     return count;
 }
 
-void RegionLocator::appendIntersecting(const CountedRegionMap* map, u64 offsetBlocks,
-                                       u32 lengthBlocks,
-                                       std::vector<SubRegionDescriptor>* pieces) const
+RegionMap::const_iterator
+RegionLocator::appendIntersecting(const CountedRegionMap* map, u64 offsetBlocks, u32 lengthBlocks,
+                                  std::vector<SubRegionDescriptor>* pieces) const
 {
-    visitIntersecting(map, offsetBlocks, lengthBlocks,
-                      [pieces](RegionMap::const_iterator iter, const SubRegionDescriptor& piece) {
-                          pieces->push_back(piece);
-                          return std::next(iter);
-                      });
+    return visitIntersecting(
+        map, offsetBlocks, lengthBlocks,
+        [pieces](const SubRegionDescriptor& piece) { pieces->push_back(piece); });
 }
 
 std::vector<SubRegionDescriptor> RegionLocator::getIntersectingRegions(const CountedRegionMap* map,
@@ -426,13 +698,11 @@ std::vector<SubRegionDescriptor> RegionLocator::getIntersectingRegions(const Cou
                                                                        Exclude exclude) const
 {
     std::vector<SubRegionDescriptor> pieces;
-    visitIntersecting(
-        map, offsetBlocks, lengthBlocks,
-        [&pieces, &exclude](RegionMap::const_iterator iter, const SubRegionDescriptor& piece) {
-            if (!exclude(piece))
-                pieces.push_back(piece);
-            return std::next(iter);
-        });
+    visitIntersecting(map, offsetBlocks, lengthBlocks,
+                      [&pieces, &exclude](const SubRegionDescriptor& piece) {
+                          if (!exclude(piece))
+                              pieces.push_back(piece);
+                      });
     return pieces;
 }
 
@@ -445,7 +715,8 @@ std::vector<SubRegionDescriptor> RegionLocator::getIntersectingRegions(const Cou
     return pieces;
 }
 
-bool RegionLocator::isOtherIo(const SubRegionDescriptor& desc, const SubRegionDescriptor& piece)
+inline bool RegionLocator::isOtherIo(const SubRegionDescriptor& desc,
+                                     const SubRegionDescriptor& piece)
 {
     // A compressed IO is known by its address.
     if (desc.isCompressed())
@@ -474,12 +745,10 @@ u32 RegionLocator::countIntersectingExact(const CountedRegionMap* map,
                                           const SubRegionDescriptor& desc) const
 {
     u32 count = 0;
-    visitIntersecting(
-        map, desc.m_viewOffsetBlocks, desc.m_lengthBlocks,
-        [&count, &desc](RegionMap::const_iterator iter, const SubRegionDescriptor& piece) {
-            count += isOtherIo(desc, piece) ? 0 : 1;
-            return std::next(iter);
-        });
+    visitIntersecting(map, desc.m_viewOffsetBlocks, desc.m_lengthBlocks,
+                      [&count, &desc](const SubRegionDescriptor& piece) {
+                          count += isOtherIo(desc, piece) ? 0 : 1;
+                      });
     return count;
 }
 
@@ -488,10 +757,12 @@ u32 RegionLocator::countIntersectingExact(const CountedRegionMap* map,
 bool RegionLocator::insert(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
 {
     MutexGuard lock(m_mutex);
+    settle();
     RL_TRACE(<< desc);
     HARD_CHECK(desc.m_lengthBlocks > 0);
     SOFT_CHECK(!m_immutable);
-    if (countIntersecting(m_lockedRegions, desc.m_viewOffsetBlocks, desc.m_lengthBlocks) > 0) {
+    if (!m_lockedRegions->empty() &&
+        countIntersecting(m_lockedRegions, desc.m_viewOffsetBlocks, desc.m_lengthBlocks) > 0) {
         LogItem(LogModuleXel, InfoLevel, __PRETTY_FUNCTION__, 3)
             << "trying to insert to region locator when there are intersecting locked regions"
             << std::endl;
@@ -499,42 +770,117 @@ bool RegionLocator::insert(const SubRegionDescriptor& desc, RegionLocatorVoucher
     }
 
     m_memPool.setActiveVoucher(voucher);
-    const RegionMap::const_iterator next =
-        punchOutRange(m_unlockedRegions, desc.m_viewOffsetBlocks, desc.m_lengthBlocks);
-    if (checksChanges()) {
+    if (__builtin_expect(!checksChanges(), 1)) {
+        storeOver(desc);
+    } else {
+        const RegionMap::const_iterator next =
+            punchOutRange(m_unlockedRegions, desc.m_viewOffsetBlocks, desc.m_lengthBlocks);
         const std::vector<SubRegionDescriptor> intersecting =
             getIntersectingRegions(m_unlockedRegions, desc.m_viewOffsetBlocks, desc.m_lengthBlocks);
         SOFT_CHECK(intersecting.empty(), << "region locator has intersecting regions in it:\n"
                                          << intersecting);
         if (binaryVerbose())
             binaryLogSfsRegionDesc(REGION_EVENT_INSERTED, &desc);
+        RL_TRACE(<< "result insert" << desc);
+        if (!m_unlockedRegions->insert(next, desc).second)
+            HARD_CHECK(false);
     }
-    RL_TRACE(<< "result insert" << desc);
-    if (!m_unlockedRegions->insert(next, desc).second)
-        HARD_CHECK(false);
     m_memPool.setActiveVoucher(nullptr);
     m_counters.updateInserts(desc.m_lengthBlocks);
+    noteSize();
     return true;
+}
+
+bool RegionLocator::insertFromScan(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
+{
+    if (t_holdBackScans && m_isLarge.load(std::memory_order_relaxed) && desc.m_lengthBlocks > 0) {
+        MutexGuard lock(m_mutex);
+        if (m_lockedRegions->empty() && !m_immutable && !checksChanges()) {
+            if (m_heldBack.isFull() || m_heldBack.voucher() != voucher)
+                settle();
+            m_heldBack.add(desc, voucher);
+            m_unlockedRegions->warmFirst(desc.m_viewOffsetBlocks);
+            return true;
+        }
+    }
+    return insert(desc, voucher);
+}
+
+void RegionLocator::settleScan()
+{
+    MutexGuard lock(m_mutex);
+    settle();
+}
+
+void RegionLocator::insertHeldBack()
+{
+    m_heldBack.warm(*m_unlockedRegions);
+    m_memPool.setActiveVoucher(m_heldBack.voucher());
+    for (const SubRegionDescriptor& desc : m_heldBack) {
+        storeOver(desc);
+        m_counters.updateInserts(desc.m_lengthBlocks);
+    }
+    m_memPool.setActiveVoucher(nullptr);
+    m_heldBack.clear();
+    noteSize();
+}
+
+// One walk over the regions that the new one meets. The first that it covers becomes the new one,
+// in its node; of one that sticks out the remainders stay.
+//
+//   stored   [------][----][------]             after   [--][++++++++++][--]
+//   desc         [++++++++++]
+void RegionLocator::storeOver(const SubRegionDescriptor& desc)
+{
+    CountedRegionMap* const map = m_unlockedRegions;
+    const u64 firstBlocks = desc.m_viewOffsetBlocks;
+    const u64 endBlocks = firstBlocks + desc.m_lengthBlocks;
+    RegionMap::const_iterator iter = map->lastAtOrBefore(firstBlocks);
+    if (iter != map->cend() && iter->m_viewOffsetBlocks < firstBlocks) {
+        if (checkIntersection(*iter, desc))
+            iter = punchOutPiece(map, iter, getPiece(*iter, firstBlocks, desc.m_lengthBlocks));
+        else
+            ++iter;
+    }
+    RegionMap::const_iterator covered = map->cend();
+    while (iter != map->cend() && iter->m_viewOffsetBlocks < endBlocks) {
+        const u64 regionEndBlocks = iter->m_viewOffsetBlocks + iter->m_lengthBlocks;
+        if (covered == map->cend() && regionEndBlocks <= endBlocks && isRebuiltAsStored(*iter)) {
+            covered = iter;
+            if (regionEndBlocks < endBlocks)
+                ++iter;
+        } else {
+            iter = punchOutPiece(map, iter, getPiece(*iter, firstBlocks, desc.m_lengthBlocks));
+        }
+        if (regionEndBlocks >= endBlocks)
+            break; // nothing can follow in the range, so what does is not even looked at
+    }
+    if (covered != map->cend())
+        map->replace(covered, desc);
+    else if (!map->insert(iter, desc).second)
+        HARD_CHECK(false);
 }
 
 void RegionLocator::punchOutRegions(CountedRegionMap* a_regionMap,
                                     const std::vector<SubRegionDescriptor>& a_regions)
 {
     RL_CHECK_SIGNATURE(PUNCH_OUT_SIGNATURE);
+    punchOutRegions(a_regionMap, a_regions, a_regionMap->cend());
+}
+
+void RegionLocator::punchOutRegions(CountedRegionMap* a_regionMap,
+                                    const std::vector<SubRegionDescriptor>& a_regions,
+                                    RegionMap::const_iterator hint)
+{
     RL_TRACE_IN(PUNCH_OUT_SIGNATURE,
                 << " a_regions.size()=" << a_regions.size() << " a_regionMap=" << a_regionMap);
-    RegionMap::const_iterator next = a_regionMap->cend();
+    // The pieces of one range lie in regions that follow each other, so the region after the last
+    // one is tried before the map is searched.
+    RegionMap::const_iterator next = hint;
     for (const SubRegionDescriptor& curRegion : a_regions) {
         HARD_CHECK(a_regionMap->size() > 0);
-        // The pieces of one range lie in regions that follow each other, so the region after the
-        // last one is tried before the map is searched.
-        RegionMap::const_iterator iter = next;
-        if (iter == a_regionMap->cend() || curRegion < *iter ||
-            (std::next(iter) != a_regionMap->cend() && !(curRegion < *std::next(iter)))) {
-            iter = a_regionMap->lower_bound(SubRegionDescriptor(curRegion.m_viewOffsetBlocks));
-            if (iter == a_regionMap->cend() || curRegion < *iter)
-                --iter;
-        }
+        const RegionMap::const_iterator iter =
+            a_regionMap->lastAtOrBefore(curRegion.m_viewOffsetBlocks, next);
         HARD_CHECK(checkIntersection(*iter, curRegion));
         next = punchOutPiece(a_regionMap, iter, curRegion);
     }
@@ -546,18 +892,13 @@ RegionMap::const_iterator RegionLocator::punchOutRange(CountedRegionMap* a_regio
     RL_TRACE_IN(PUNCH_OUT_SIGNATURE, << " a_regions.size()="
                                      << countIntersecting(a_regionMap, offsetBlocks, lengthBlocks)
                                      << " a_regionMap=" << a_regionMap);
-    if (a_regionMap->empty())
-        return a_regionMap->cend();
-    RegionMap::const_iterator iter = a_regionMap->lower_bound(SubRegionDescriptor(offsetBlocks));
-    if (iter != a_regionMap->cbegin() &&
-        (iter == a_regionMap->cend() || iter->m_viewOffsetBlocks != offsetBlocks)) {
-        const RegionMap::const_iterator before = std::prev(iter);
-        if (checkIntersection(*before, offsetBlocks, lengthBlocks))
-            iter = before;
-    }
+    RegionMap::const_iterator iter = a_regionMap->lastAtOrBefore(offsetBlocks);
+    if (iter != a_regionMap->cend() && iter->m_viewOffsetBlocks < offsetBlocks &&
+        !checkIntersection(*iter, offsetBlocks, lengthBlocks))
+        ++iter;
     const u64 endBlocks = offsetBlocks + lengthBlocks;
     while (iter != a_regionMap->cend() && iter->m_viewOffsetBlocks < endBlocks)
-        iter = punchOutPiece(a_regionMap, iter, getIntersection(*iter, offsetBlocks, lengthBlocks));
+        iter = punchOutPiece(a_regionMap, iter, getPiece(*iter, offsetBlocks, lengthBlocks));
     return iter;
 }
 
@@ -566,13 +907,21 @@ void RegionLocator::punchOutExact(CountedRegionMap* a_regionMap, const SubRegion
     RL_TRACE_IN(PUNCH_OUT_SIGNATURE,
                 << " a_regions.size()=" << countIntersectingExact(a_regionMap, desc)
                 << " a_regionMap=" << a_regionMap);
-    visitIntersecting(a_regionMap, desc.m_viewOffsetBlocks, desc.m_lengthBlocks,
-                      [this, a_regionMap, &desc](RegionMap::const_iterator iter,
-                                                 const SubRegionDescriptor& piece) {
-                          m_mutex.assertHeld();
-                          return isOtherIo(desc, piece) ? std::next(iter)
-                                                        : punchOutPiece(a_regionMap, iter, piece);
-                      });
+    RegionMap::const_iterator iter = a_regionMap->lastAtOrBefore(desc.m_viewOffsetBlocks);
+    if (iter != a_regionMap->cend() && !checkIntersection(*iter, desc))
+        ++iter;
+    const u64 endBlocks = desc.m_viewOffsetBlocks + desc.m_lengthBlocks;
+    while (iter != a_regionMap->cend() && iter->m_viewOffsetBlocks < endBlocks) {
+        const bool isLast = iter->m_viewOffsetBlocks + iter->m_lengthBlocks >= endBlocks;
+        const SubRegionDescriptor piece =
+            getPiece(*iter, desc.m_viewOffsetBlocks, desc.m_lengthBlocks);
+        if (!isOtherIo(desc, piece))
+            iter = punchOutPiece(a_regionMap, iter, piece);
+        else if (!isLast)
+            ++iter;
+        if (isLast)
+            break;
+    }
 }
 
 // Cuts a piece out of the stored region that holds it; returns the first region after the piece.
@@ -583,13 +932,15 @@ RegionMap::const_iterator RegionLocator::punchOutPiece(CountedRegionMap* a_regio
                                                        RegionMap::const_iterator iter,
                                                        const SubRegionDescriptor& curRegion)
 {
-    if (equalSubregions(*iter, curRegion)) {
+    if (isSameRegion(*iter, curRegion) || equalSubregions(*iter, curRegion)) {
         RL_TRACE_IN(PUNCH_OUT_SIGNATURE, << "erase whole "
                                          << " curRegion=" << curRegion);
         return a_regionMap->erase(iter);
     }
     const Remainders altRegions = computeRemainders(*iter, curRegion);
     HARD_CHECK(altRegions.size() > 0);
+    if (__builtin_expect(!checksChanges(), 1))
+        return putRemainders(a_regionMap, iter, altRegions);
     if (binaryVerbose())
         binaryLogSfsRegionDesc(REGION_EVENT_CUT, &*iter);
     RL_TRACE_IN(PUNCH_OUT_SIGNATURE, << "erase "
@@ -597,15 +948,13 @@ RegionMap::const_iterator RegionLocator::punchOutPiece(CountedRegionMap* a_regio
     RegionMap::const_iterator next = a_regionMap->erase(iter);
     for (u32 i = 0; i < altRegions.size(); ++i) {
         const SubRegionDescriptor& alt = altRegions.m_pieces[i];
-        if (checksChanges()) {
-            const std::vector<SubRegionDescriptor> intersecting =
-                getIntersectingRegions(a_regionMap, alt.m_viewOffsetBlocks, alt.m_lengthBlocks);
-            SOFT_CHECK_IN(PUNCH_OUT_SIGNATURE, intersecting.empty(),
-                          << "region locator has intersecting regions in it:\n"
-                          << intersecting);
-            if (binaryVerbose())
-                binaryLogSfsRegionDesc(REGION_EVENT_REMAINDER, &alt);
-        }
+        const std::vector<SubRegionDescriptor> intersecting =
+            getIntersectingRegions(a_regionMap, alt.m_viewOffsetBlocks, alt.m_lengthBlocks);
+        SOFT_CHECK_IN(PUNCH_OUT_SIGNATURE, intersecting.empty(),
+                      << "region locator has intersecting regions in it:\n"
+                      << intersecting);
+        if (binaryVerbose())
+            binaryLogSfsRegionDesc(REGION_EVENT_REMAINDER, &alt);
         RL_TRACE_IN(PUNCH_OUT_SIGNATURE, << "insert " << alt);
         const auto [place, rc] = a_regionMap->insert(next, alt);
         SOFT_CHECK_IN(PUNCH_OUT_SIGNATURE, rc);
@@ -615,27 +964,106 @@ RegionMap::const_iterator RegionLocator::punchOutPiece(CountedRegionMap* a_regio
     return next;
 }
 
+RegionMap::const_iterator RegionLocator::putRemainders(CountedRegionMap* a_regionMap,
+                                                       RegionMap::const_iterator iter,
+                                                       const Remainders& remainders)
+{
+    const SubRegionDescriptor& first = remainders.m_pieces[0];
+    const bool isLeft = first.m_viewOffsetBlocks == iter->m_viewOffsetBlocks;
+    RegionMap::const_iterator next = std::next(iter);
+    if (isLeft || next == a_regionMap->cend() || first < *next) {
+        a_regionMap->replace(iter, first);
+        if (!isLeft)
+            return iter;
+    } else {
+        next = a_regionMap->erase(iter);
+        const auto [place, rc] = a_regionMap->insert(next, first);
+        SOFT_CHECK_IN(PUNCH_OUT_SIGNATURE, rc);
+        return rc ? place : next;
+    }
+    if (remainders.size() == 1)
+        return next;
+    const auto [place, rc] = a_regionMap->insert(next, remainders.m_pieces[1]);
+    SOFT_CHECK_IN(PUNCH_OUT_SIGNATURE, rc);
+    return rc ? place : next;
+}
+
 //   left [----]                right           [----]
 //   desc       [++++++++]      merged    [----++++++++----]   as far as canCombine() allows
-bool RegionLocator::insertAndCombine(const SubRegionDescriptor& desc)
+bool RegionLocator::insertAndCombine(const SubRegionDescriptor& desc,
+                                     RegionMap::const_iterator* hint)
 {
-    if (!t_combineRegionsDuringRestore || desc.isCscan() || m_unlockedRegions->empty())
-        return m_unlockedRegions->insert(desc).second;
+    CountedRegionMap* const map = m_unlockedRegions;
+    if (!t_combineRegionsDuringRestore || desc.isCscan() || map->empty())
+        return map->insert(desc).second;
 
-    RegionMap::const_iterator right = m_unlockedRegions->lower_bound(desc);
-    if (right != m_unlockedRegions->cend() && !(desc < *right))
-        ++right;
-    const RegionMap::const_iterator left = getLeftNeighbor(desc, right);
+    const Neighbors neighbors = getNeighbors(desc, *hint);
+    if (combineInPlace(desc, neighbors, hint))
+        return true;
+    const auto [place, rc] = map->insert(neighbors.m_right, desc);
+    *hint = place;
+    return rc;
+}
+
+// REQUIRES: the unlocked map is not empty.
+inline RegionLocator::Neighbors RegionLocator::getNeighbors(const SubRegionDescriptor& desc,
+                                                            RegionMap::const_iterator hint)
+{
+    const RegionMap::const_iterator near =
+        m_unlockedRegions->lastAtOrBefore(desc.m_viewOffsetBlocks, hint);
+    if (near->m_viewOffsetBlocks < desc.m_viewOffsetBlocks)
+        return {near, std::next(near)};
+    const RegionMap::const_iterator right =
+        near->m_viewOffsetBlocks == desc.m_viewOffsetBlocks ? std::next(near) : near;
+    return {getLeftNeighbor(desc, right), right};
+}
+
+// The merged region takes the place of one of its parts.
+inline bool RegionLocator::combineInPlace(const SubRegionDescriptor& desc,
+                                          const Neighbors& neighbors,
+                                          RegionMap::const_iterator* place)
+{
+    CountedRegionMap* const map = m_unlockedRegions;
+    const auto& [left, right] = neighbors;
+    const bool isLeftNear = left != map->cend() && mayCombine(*left, desc);
+    // Nothing is read of the right one when the left one cannot change what is compared with it.
+    if (!isLeftNear && (right == map->cend() || !mayCombine(desc, *right)))
+        return false;
     SubRegionDescriptor merged = desc;
-    if (left != m_unlockedRegions->cend() && canCombine(*left, merged)) {
+    const bool isLeftMerged = isLeftNear && canCombine(*left, merged);
+    if (isLeftMerged)
         merged = combineR2L(*left, merged, "left merge");
-        m_unlockedRegions->erase(left);
-    }
-    if (right != m_unlockedRegions->cend() && canCombine(merged, *right)) {
+    const bool isRightMerged = right != map->cend() && canCombine(merged, *right);
+    if (isRightMerged)
         merged = combineR2L(merged, *right, "right merge");
-        right = m_unlockedRegions->erase(right);
+    if (!isLeftMerged && !isRightMerged)
+        return false;
+    if (isLeftMerged && isRightMerged)
+        map->erase(right);
+    *place = isLeftMerged ? left : right;
+    map->replace(*place, merged);
+    return true;
+}
+
+// The same for a region that is locked as it is, and may be merged: if it is merged with nothing,
+// its node moves.
+inline bool RegionLocator::restoreNode(RegionMap::const_iterator locked)
+{
+    const SubRegionDescriptor& desc = *locked;
+    RegionMap::const_iterator right = m_unlockedRegions->cend();
+    if (!m_unlockedRegions->empty()) {
+        const Neighbors neighbors = getNeighbors(desc, right);
+        RegionMap::const_iterator place = right;
+        if (combineInPlace(desc, neighbors, &place)) {
+            m_lockedRegions->erase(locked);
+            return true;
+        }
+        right = neighbors.m_right;
     }
-    return m_unlockedRegions->insert(right, merged).second;
+    if (m_lockedRegions->moveTo(*m_unlockedRegions, right, locked).second)
+        return true;
+    m_lockedRegions->erase(locked); // it is lost, and reported
+    return false;
 }
 
 // ==== lookup and locking ====
@@ -645,13 +1073,15 @@ RcStatus RegionLocator::lookup(AsyncTask* pAsyncTask, u64 a_viewOffsetBlocks, u3
                                RegionLocatorVoucher* voucher)
 {
     MutexGuard lock(m_mutex);
+    settle();
     SOFT_CHECK(!m_immutable);
     RL_TRACE(<< " a_viewOffsetBlocks=" << a_viewOffsetBlocks << " "
              << " a_lengthBlocks=" << a_lengthBlocks << " ");
     m_memPool.setActiveVoucher(voucher);
 
     if (a_lock) {
-        if (countIntersecting(m_lockedRegions, a_viewOffsetBlocks, a_lengthBlocks) > 0) {
+        if (!m_lockedRegions->empty() &&
+            countIntersecting(m_lockedRegions, a_viewOffsetBlocks, a_lengthBlocks) > 0) {
             m_memPool.setActiveVoucher(nullptr);
             HARD_CHECK(m_lockWaiter == NULL);
             m_lockWaiter = SHIELD_NEW(RL_LockWaiter_lookup, this, a_viewOffsetBlocks,
@@ -659,19 +1089,22 @@ RcStatus RegionLocator::lookup(AsyncTask* pAsyncTask, u64 a_viewOffsetBlocks, u3
             return RC_WAIT;
         }
         a_subRegionsResult->clear();
-        appendIntersecting(m_unlockedRegions, a_viewOffsetBlocks, a_lengthBlocks,
-                           a_subRegionsResult);
-        lockRegions(*a_subRegionsResult);
+        const RegionMap::const_iterator first = appendIntersecting(
+            m_unlockedRegions, a_viewOffsetBlocks, a_lengthBlocks, a_subRegionsResult);
+        lockRegions(*a_subRegionsResult, first);
         m_memPool.setActiveVoucher(nullptr);
         return RC_SUCCESS;
     }
 
-    const std::vector<SubRegionDescriptor> locked =
-        getIntersectingRegions(m_lockedRegions, a_viewOffsetBlocks, a_lengthBlocks);
     a_subRegionsResult->clear();
-    appendIntersecting(m_unlockedRegions, a_viewOffsetBlocks, a_lengthBlocks, a_subRegionsResult);
-    if (!locked.empty()) {
-        const std::vector<SubRegionDescriptor> unlocked = *a_subRegionsResult;
+    if (m_lockedRegions->empty()) {
+        appendIntersecting(m_unlockedRegions, a_viewOffsetBlocks, a_lengthBlocks,
+                           a_subRegionsResult);
+    } else {
+        const std::vector<SubRegionDescriptor> locked =
+            getIntersectingRegions(m_lockedRegions, a_viewOffsetBlocks, a_lengthBlocks);
+        const std::vector<SubRegionDescriptor> unlocked =
+            getIntersectingRegions(m_unlockedRegions, a_viewOffsetBlocks, a_lengthBlocks);
         a_subRegionsResult->resize(locked.size() + unlocked.size(), SubRegionDescriptor(0));
         // Of equal offsets, the first range's comes first.
         std::merge(locked.begin(), locked.end(), unlocked.begin(), unlocked.end(),
@@ -683,11 +1116,29 @@ RcStatus RegionLocator::lookup(AsyncTask* pAsyncTask, u64 a_viewOffsetBlocks, u3
 
 void RegionLocator::lockRegions(const std::vector<SubRegionDescriptor>& a_regions)
 {
-    punchOutRegions(m_unlockedRegions, a_regions);
-    for (u32 i = 0; i < a_regions.size(); ++i) {
-        RL_TRACE(<< "insert " << a_regions[i]);
-        const bool rc = m_lockedRegions->insert(a_regions[i]).second;
+    RL_CHECK_SIGNATURE(LOCK_SIGNATURE);
+    lockRegions(a_regions, m_unlockedRegions->cend());
+}
+
+void RegionLocator::lockRegions(const std::vector<SubRegionDescriptor>& a_regions,
+                                RegionMap::const_iterator hint)
+{
+    if (a_regions.size() == 1 && hint != m_unlockedRegions->cend() &&
+        isSameRegion(*hint, a_regions[0]) && !checksChanges()) {
+        // A whole region, as most are that are locked: its node moves.
+        const bool rc =
+            m_unlockedRegions->moveTo(*m_lockedRegions, placeAfter(m_lockedRegions, *hint), hint)
+                .second;
         HARD_CHECK(rc);
+        return;
+    }
+    punchOutRegions(m_unlockedRegions, a_regions, hint);
+    RegionMap::const_iterator next = m_lockedRegions->cend();
+    for (u32 i = 0; i < a_regions.size(); ++i) {
+        RL_TRACE_IN(LOCK_SIGNATURE, << "insert " << a_regions[i]);
+        const auto [place, rc] = m_lockedRegions->insert(next, a_regions[i]);
+        HARD_CHECK(rc);
+        next = std::next(place);
     }
 }
 
@@ -712,28 +1163,45 @@ void RegionLocator::unlockAndRestore(std::vector<SubRegionDescriptor>& a_regions
     unlockRegions(a_regions, true, a_voucher);
 }
 
+void RegionLocator::restoreRegions(const std::vector<SubRegionDescriptor>& a_regions)
+{
+    RegionMap::const_iterator hint = m_unlockedRegions->cend();
+    for (const SubRegionDescriptor& region : a_regions) {
+        RL_TRACE_IN(UNLOCK_SIGNATURE, << "insert unlocked " << region);
+        const bool rc = insertAndCombine(region, &hint);
+        SOFT_CHECK_IN(UNLOCK_SIGNATURE, rc,
+                      << "failed to re-insert locked segment to region locator");
+    }
+}
+
 void RegionLocator::unlockRegions(std::vector<SubRegionDescriptor>& a_regions, bool bRestore,
                                   RegionLocatorVoucher* a_voucher)
 {
+    RL_CHECK_SIGNATURE(UNLOCK_SIGNATURE);
     if (a_regions.empty()) {
         RL_TRACE(<< "empty");
         return;
     }
     MutexGuard lock(m_mutex);
+    settle();
     SOFT_CHECK(!m_immutable);
     RL_TRACE(<< " a_regions[0]=" << a_regions[0] << " "
              << " a_regions.size()=" << a_regions.size() << " ");
     m_memPool.setActiveVoucher(a_voucher);
     HARD_CHECK(m_lockedRegions->size() > 0);
-    punchOutRegions(m_lockedRegions, a_regions);
-    if (bRestore) {
-        for (const SubRegionDescriptor& region : a_regions) {
-            RL_TRACE(<< "insert unlocked " << region);
-            const bool rc = insertAndCombine(region);
-            SOFT_CHECK(rc, << "failed to re-insert locked segment to region locator");
-        }
+    const RegionMap::const_iterator first =
+        m_lockedRegions->lastAtOrBefore(a_regions[0].m_viewOffsetBlocks, m_lockedRegions->cbegin());
+    if (bRestore && a_regions.size() == 1 && t_combineRegionsDuringRestore &&
+        !a_regions[0].isCscan() && isSameRegion(*first, a_regions[0]) && !checksChanges()) {
+        const bool rc = restoreNode(first);
+        SOFT_CHECK(rc, << "failed to re-insert locked segment to region locator");
+    } else {
+        punchOutRegions(m_lockedRegions, a_regions, first);
+        if (bRestore)
+            restoreRegions(a_regions);
     }
     m_memPool.setActiveVoucher(nullptr);
+    noteSize();
 
     if (m_lockWaiter == nullptr)
         return;
@@ -775,6 +1243,7 @@ RegionLocator::getFirstAndLockInternal(AsyncTask* pAsyncTask, u32 a_maxBlocks, u
                                        RegionLocatorVoucher* a_voucher)
 {
     MutexGuard lock(m_mutex);
+    settle();
     SOFT_CHECK(!m_immutable);
     a_subRegionsResult->clear();
     if (m_unlockedRegions->empty() && m_lockedRegions->empty())
@@ -783,8 +1252,13 @@ RegionLocator::getFirstAndLockInternal(AsyncTask* pAsyncTask, u32 a_maxBlocks, u
     m_memPool.setActiveVoucher(a_voucher);
     u32 numBlocks = 0;
     RegionMap::const_iterator iter = m_unlockedRegions->cbegin();
+    RegionMap::const_iterator lockedNext = m_lockedRegions->cend();
+    u64 warmUntil = 0;
     while (iter != m_unlockedRegions->cend()) {
         const SubRegionDescriptor curRegion = *iter;
+        if (curRegion.m_viewOffsetBlocks >= warmUntil)
+            warmUntil = m_unlockedRegions->warmWalk(iter, curRegion.m_viewOffsetBlocks +
+                                                              (a_maxBlocks - numBlocks));
         if (numBlocks + curRegion.m_lengthBlocks > a_maxBlocks ||
             a_subRegionsResult->size() + 1 > a_maxRegions) {
             // Later regions that would fit are not tried: the consumer goes by view order.
@@ -798,8 +1272,9 @@ RegionLocator::getFirstAndLockInternal(AsyncTask* pAsyncTask, u32 a_maxBlocks, u
         RL_TRACE(<< "erase from unlocked " << curRegion);
         iter = m_unlockedRegions->erase(iter);
         RL_TRACE(<< "insert locked " << curRegion);
-        const bool rc = m_lockedRegions->insert(curRegion).second;
+        const auto [place, rc] = m_lockedRegions->insert(lockedNext, curRegion);
         HARD_CHECK(rc);
+        lockedNext = std::next(place);
         numBlocks += curRegion.m_lengthBlocks;
     }
 
@@ -856,16 +1331,19 @@ void RegionLocator::remove(u64 a_viewOffsetBlocks, u32 a_lengthBlocks,
                            RegionLocatorVoucher* voucher)
 {
     MutexGuard lock(m_mutex);
+    settle();
     SOFT_CHECK(!m_immutable);
     m_memPool.setActiveVoucher(voucher);
     HARD_CHECK(m_lockedRegions->empty());
     punchOutRange(m_unlockedRegions, a_viewOffsetBlocks, a_lengthBlocks);
     m_memPool.setActiveVoucher(nullptr);
+    noteSize();
 }
 
 void RegionLocator::remove(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
 {
     MutexGuard lock(m_mutex);
+    settle();
     SOFT_CHECK(!m_immutable);
     m_memPool.setActiveVoucher(voucher);
     HARD_CHECK(m_lockedRegions->empty());
@@ -878,6 +1356,7 @@ void RegionLocator::remove(const SubRegionDescriptor& desc, RegionLocatorVoucher
                << " desc.getIoTotalLengthLBs()=" << desc.getIoTotalLengthLBs() << " ");
     punchOutExact(m_unlockedRegions, desc);
     m_memPool.setActiveVoucher(nullptr);
+    noteSize();
 }
 
 RcStatus RegionLocator::lockAndRemove(AsyncTask* pAsyncTask, const SubRegionDescriptor& desc,
@@ -886,6 +1365,7 @@ RcStatus RegionLocator::lockAndRemove(AsyncTask* pAsyncTask, const SubRegionDesc
     RL_TRACE(<< " desc=" << desc);
     SOFT_CHECK(desc.m_fifoOffsetOfIoStartBlocks != SFS_DEV_ADDR_INVALID, << "invalid fifo offset");
     MutexGuard lock(m_mutex);
+    settle();
     SOFT_CHECK(!m_immutable);
     m_memPool.setActiveVoucher(voucher);
     // Locked pieces of other IOs in the same view range do not matter.
@@ -899,6 +1379,7 @@ RcStatus RegionLocator::lockAndRemove(AsyncTask* pAsyncTask, const SubRegionDesc
     RL_TRACE(<< "not locked " << desc);
     punchOutExact(m_unlockedRegions, desc);
     m_memPool.setActiveVoucher(nullptr);
+    noteSize();
     return RC_SUCCESS;
 }
 
@@ -924,6 +1405,7 @@ void RegionLocator::resumeLockAndRemove(const SubRegionDescriptor& desc)
 u64 RegionLocator::getFirstOffest()
 {
     MutexGuard lock(m_mutex);
+    settle();
     u64 first = NO_OFFSET;
     if (!m_unlockedRegions->empty())
         first = m_unlockedRegions->begin()->m_viewOffsetBlocks;
@@ -935,6 +1417,7 @@ u64 RegionLocator::getFirstOffest()
 RegionMap::const_iterator RegionLocator::getConstBeginIterator()
 {
     MutexGuard lock(m_mutex);
+    settle();
     m_immutable = true;
     return m_unlockedRegions->cbegin();
 }
@@ -942,12 +1425,14 @@ RegionMap::const_iterator RegionLocator::getConstBeginIterator()
 RegionMap::const_iterator RegionLocator::getConstEndIterator()
 {
     MutexGuard lock(m_mutex);
+    settle();
     m_immutable = true;
     return m_unlockedRegions->cend();
 }
 
 u64 RegionLocator::getTotalRegionBlocksLocked()
 {
+    settle();
     return m_unlockedRegions->sizeLb() + m_lockedRegions->sizeLb();
 }
 
@@ -959,6 +1444,7 @@ u64 RegionLocator::getTotalRegionBlocks()
 
 u64 RegionLocator::getItemCountLocked()
 {
+    settle();
     return m_unlockedRegions->size() + m_lockedRegions->size();
 }
 
@@ -970,6 +1456,9 @@ u64 RegionLocator::getItemCount()
 
 RegionLocatorStatistics RegionLocator::getStatistics()
 {
+    // What is held back is counted as if it were in already, and for that it has to be.
+    if (!m_heldBack.empty())
+        settleScan();
     RegionLocatorStatistics statistics;
     statistics.m_numIOsInserted = m_counters.getInserts();
     statistics.m_bytesInserted = m_counters.getInsertLbs() * BLOCK_BYTES;
@@ -978,9 +1467,16 @@ RegionLocatorStatistics RegionLocator::getStatistics()
     return statistics;
 }
 
+u64 RegionLocator::getAcceleratorBytes()
+{
+    MutexGuard lock(m_mutex);
+    return m_unlockedRegions->directoryBytes();
+}
+
 void RegionLocator::printStatistics(const std::string& prefix)
 {
     MutexGuard lock(m_mutex);
+    settle();
     // In single precision: the line is for people, and programs have compared its numbers for long.
     const auto quotient = [](u64 a, u64 b) {
         return static_cast<float>(a) / static_cast<float>(b);

@@ -9,17 +9,20 @@
 // may allocate. Its callers pay for speed by reserving memory beforehand, in vouchers.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "RegionLocator/CountedRegionMap.h"
+#include "RegionLocator/HeldBackInserts.h"
 #include "RegionLocator/RL_LockWaiter.h"
 #include "RegionLocator/RegionLocatorCounters.h"
 #include "RegionLocator/RegionLocatorMemPool.h"
 #include "RegionLocator/RegionLocatorStatistics.h"
 #include "RegionLocator/SubRegionDescriptor.h"
 #include "common/headers/AsyncTask.h"
+#include "common/infra/DynamicTweaks.h"
 #include "common/infra/MemWatchedContainer.h"
 #include "common/infra/Mutex.h"
 #include "common/infra/RcStatus.h"
@@ -53,7 +56,13 @@ class RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly;
 //
 // A get-first parks where a lookup does when everything there is locked, a lock-and-remove when a
 // piece of its own IO is.
-class RegionLocator : public MemWatchedContainer
+//
+// Speed: on a large index an operation mostly waits for memory. What shortens that lies beside the
+// maps and never decides anything: a directory and a finger (RegionDirectory.h, RegionFinger.h), a
+// descent of its own (RegionDescent.h), and the items of a scan that are made together
+// (HeldBackInserts.h). The tweak t_RlAccelerators has a bit for each, in that order, and
+// t_RlAcceleratorsFromRegions the size from which on directory and scans' batches are used.
+class RegionLocator : public MemWatchedContainer, private RegionLocatorMemPool::UpkeepListener
 {
 public:
     // id: for the pool's log lines. mmiType: which account pays for its memory.
@@ -69,6 +78,14 @@ public:
     // nothing has changed; the voucher is untouched. REQUIRES: a length above 0, else the process
     // stops. Tokens: INSERT, 1.
     bool insert(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher);
+
+    // The same for an item of a journal scan, which may be held back for a moment where nobody can
+    // tell. The voucher is the scan's until settleScan().
+    bool insertFromScan(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher);
+
+    // Inserts what is held back, which every other operation does by itself first. For a feeder
+    // before it gives up its voucher.
+    void settleScan();
 
     // ---- lookup and locking ----
 
@@ -156,6 +173,10 @@ public:
     // Merges of restored neighbours so far. Takes no lock, as getStatistics().
     u64 getMerges() const RL_NO_THREAD_SAFETY_ANALYSIS { return m_counters.getMerges(); }
 
+    // Memory beside the regions' own nodes that only speeds the locator up: at most 24 bytes a
+    // region. It is not among the pool's own bytes.
+    u64 getAcceleratorBytes();
+
     // Writes the "RLSTATS " line.
     void printStatistics(const std::string& prefix);
 
@@ -197,6 +218,10 @@ private:
     // The piece inside the range. REQUIRES: there is one.
     SubRegionDescriptor getIntersection(const SubRegionDescriptor& region, u64 offsetBlocks,
                                         u32 lengthBlocks) const;
+    SubRegionDescriptor getPiece(const SubRegionDescriptor& region, u64 offsetBlocks,
+                                 u32 lengthBlocks) const;
+    // Whether rebuilding the whole region yields it again, but for the cscan flag.
+    static bool isRebuiltAsStored(const SubRegionDescriptor& region);
     // Whether both cover the same blocks; then they are checked to be the same piece of one IO.
     bool equalSubregions(const SubRegionDescriptor& a_region1,
                          const SubRegionDescriptor& a_region2) const;
@@ -216,11 +241,14 @@ private:
 
     // ---- range queries ----
 
-    template <class Visit> void visitIntersecting(const CountedRegionMap* map, u64 offsetBlocks,
-                                                  u32 lengthBlocks, Visit visit) const;
+    // Returns the first place that was visited.
+    template <class Visit>
+    RegionMap::const_iterator visitIntersecting(const CountedRegionMap* map, u64 offsetBlocks,
+                                                u32 lengthBlocks, Visit visit) const;
     u32 countIntersecting(const CountedRegionMap* map, u64 offsetBlocks, u32 lengthBlocks) const;
-    void appendIntersecting(const CountedRegionMap* map, u64 offsetBlocks, u32 lengthBlocks,
-                            std::vector<SubRegionDescriptor>* pieces) const;
+    RegionMap::const_iterator appendIntersecting(const CountedRegionMap* map, u64 offsetBlocks,
+                                                 u32 lengthBlocks,
+                                                 std::vector<SubRegionDescriptor>* pieces) const;
     std::vector<SubRegionDescriptor> getIntersectingRegions(const CountedRegionMap* map,
                                                             u64 offsetBlocks, u32 lengthBlocks,
                                                             Exclude exclude) const;
@@ -236,9 +264,22 @@ private:
 
     // ---- changes: under the mutex, with a voucher active ----
 
-    // Cut the blocks of each element, a piece of a stored region, out of the map.
+    // Stores the region over what is there.
+    void storeOver(const SubRegionDescriptor& desc) RL_REQUIRES(m_mutex);
+    // Inserts what is held back, if anything is.
+    void settle() RL_REQUIRES(m_mutex)
+    {
+        if (!m_heldBack.empty())
+            insertHeldBack();
+    }
+    void insertHeldBack() RL_REQUIRES(m_mutex);
+    // Cut the blocks of each element, a piece of a stored region, out of the map. hint: where the
+    // first one may lie; the map's end for anywhere.
     void punchOutRegions(CountedRegionMap* a_regionMap,
                          const std::vector<SubRegionDescriptor>& a_regions) RL_REQUIRES(m_mutex);
+    void punchOutRegions(CountedRegionMap* a_regionMap,
+                         const std::vector<SubRegionDescriptor>& a_regions,
+                         RegionMap::const_iterator hint) RL_REQUIRES(m_mutex);
     // The same for every piece within a range, in one walk and without a list of them. Returns the
     // first region that starts at or after the end of the range.
     RegionMap::const_iterator punchOutRange(CountedRegionMap* a_regionMap, u64 offsetBlocks,
@@ -251,10 +292,38 @@ private:
                                             RegionMap::const_iterator iter,
                                             const SubRegionDescriptor& curRegion)
         RL_REQUIRES(m_mutex);
-    bool insertAndCombine(const SubRegionDescriptor& desc) RL_REQUIRES(m_mutex);
+    // Puts the remainders of a region into its node and, if there are two, one more; returns what
+    // follows the piece that was cut out.
+    RegionMap::const_iterator putRemainders(CountedRegionMap* a_regionMap,
+                                            RegionMap::const_iterator iter,
+                                            const Remainders& remainders) RL_REQUIRES(m_mutex);
+    bool insertAndCombine(const SubRegionDescriptor& desc) RL_REQUIRES(m_mutex)
+    {
+        RegionMap::const_iterator hint = m_unlockedRegions->cend();
+        return insertAndCombine(desc, &hint);
+    }
+    // hint: a place near there, or the map's end; becomes the region's place.
+    bool insertAndCombine(const SubRegionDescriptor& desc, RegionMap::const_iterator* hint)
+        RL_REQUIRES(m_mutex);
+    // The regions of the unlocked map before and after a region; the map's end for none.
+    struct Neighbors
+    {
+        RegionMap::const_iterator m_left;
+        RegionMap::const_iterator m_right;
+    };
+    Neighbors getNeighbors(const SubRegionDescriptor& desc, RegionMap::const_iterator hint)
+        RL_REQUIRES(m_mutex);
+    // Merges the region with its neighbours where they may be merged; false when they may not, and
+    // nothing has changed. Else *place is the result's.
+    bool combineInPlace(const SubRegionDescriptor& desc, const Neighbors& neighbors,
+                        RegionMap::const_iterator* place) RL_REQUIRES(m_mutex);
     void lockRegions(const std::vector<SubRegionDescriptor>& a_regions) RL_REQUIRES(m_mutex);
+    void lockRegions(const std::vector<SubRegionDescriptor>& a_regions,
+                     RegionMap::const_iterator hint) RL_REQUIRES(m_mutex);
     void unlockRegions(std::vector<SubRegionDescriptor>& a_regions, bool bRestore,
                        RegionLocatorVoucher* a_voucher);
+    void restoreRegions(const std::vector<SubRegionDescriptor>& a_regions) RL_REQUIRES(m_mutex);
+    bool restoreNode(RegionMap::const_iterator locked) RL_REQUIRES(m_mutex);
     std::vector<SubRegionDescriptor> resumeLookup(u64 a_offsetBlocks, u32 a_lengthBlocks)
         RL_REQUIRES(m_mutex);
 
@@ -268,6 +337,30 @@ private:
     // Empties a map, giving its tokens back in batches. For the destructor.
     void clearMap(CountedRegionMap* map);
 
+    // ---- tweaks that are read at each use ----
+
+    bool verbose() const { return m_tweaks.t_RlVerboseLogs.load(std::memory_order_relaxed); }
+    bool binaryVerbose() const { return m_tweaks.t_BinVerboseLogs.load(std::memory_order_relaxed); }
+    // Whether every change is followed by a query that looks for what should not be there. Then
+    // each step of a change is made by itself, so that the query sees it.
+    bool checksChanges() const
+    {
+        return m_tweaks.t_IOVerboseLogs.load(std::memory_order_relaxed) || binaryVerbose() ||
+               verbose();
+    }
+
+    // ---- accelerators ----
+
+    // Sees to the memory of the directory.
+    void upkeep() override RL_EXCLUDES(m_mutex);
+    void noteSize() RL_REQUIRES(m_mutex)
+    {
+        m_isLarge.store(m_unlockedRegions->isLarge(), std::memory_order_relaxed);
+        if (__builtin_expect(m_unlockedRegions->isDirectoryDue(), 0))
+            m_memPool.setUpkeepDue();
+    }
+
+    const DynamicTweaks& m_tweaks;
     Mutex m_mutex;
     bool m_immutable RL_GUARDED_BY(m_mutex);
     RegionLocatorMemPool m_memPool;
@@ -276,6 +369,9 @@ private:
     CountedRegionMap* m_lockedRegions RL_PT_GUARDED_BY(m_mutex);
     RL_LockWaiter* m_lockWaiter RL_GUARDED_BY(m_mutex);
     RegionLocatorCounters m_counters RL_GUARDED_BY(m_mutex);
+    HeldBackInserts m_heldBack RL_GUARDED_BY(m_mutex);
+    std::atomic<bool> m_isLarge{false}; // the unlocked map, lately; for a look without the mutex
+    bool t_holdBackScans;
     bool t_combineRegionsDuringRestore;
     RegionLocatorMetaDataContainer_Insert* m_insertContainer;
     RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly* m_insertAllButRemoveMdOnlyContainer;

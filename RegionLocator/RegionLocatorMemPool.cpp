@@ -120,6 +120,26 @@ u32 RegionLocatorMemPool::maxAllocationSize()
     return globalPool()->getChunkSize() / getChunkSize() * getChunkSize();
 }
 
+// ---- memory for accelerators ----
+
+bool RegionLocatorMemPool::obtainAcceleratorMemory(ScatteredBuf* buf, u64 sizeBytes)
+{
+    return sizeBytes <= std::numeric_limits<u32>::max() &&
+           globalPool()->fillBufNoWait(buf, static_cast<u32>(sizeBytes), m_mmi) == RC_SUCCESS;
+}
+
+u32 RegionLocatorMemPool::getAcceleratorChunkSize() const
+{
+    return globalPool()->getChunkSize();
+}
+
+void RegionLocatorMemPool::keepUp()
+{
+    if (m_upkeepDue.load(std::memory_order_relaxed) && m_upkeepListener != nullptr &&
+        m_upkeepDue.exchange(false, std::memory_order_relaxed))
+        m_upkeepListener->upkeep();
+}
+
 // ---- vouchers ----
 
 int RegionLocatorMemPool::getVoucherRequirement(ActionType action, int count)
@@ -148,6 +168,7 @@ FutureStatus RegionLocatorMemPool::fillVoucher(RegionLocatorVoucher* voucher, in
                                  << "voucher not empty");
     if (count == 0)
         return makeSetFuture(RC_SUCCESS);
+    keepUp();
     auto* observer = SHIELD_NEW(FillVoucherObserver, voucher);
     const u32 sizeBytes = static_cast<u32>(count) * getChunkSize();
     FutureStatus filled;
@@ -170,6 +191,7 @@ void RegionLocatorMemPool::cancelVoucherFill(void* token)
 void RegionLocatorMemPool::clearVoucher(RegionLocatorVoucher* voucher)
 {
     voucher->clear(this, m_dummyMmi);
+    keepUp();
 }
 
 void RegionLocatorMemPool::destroyVoucher(RegionLocatorVoucher* voucher)
@@ -180,24 +202,16 @@ void RegionLocatorMemPool::destroyVoucher(RegionLocatorVoucher* voucher)
     SHIELD_DELETE(voucher);
 }
 
-void RegionLocatorMemPool::setActiveVoucher(RegionLocatorVoucher* voucher)
+// ---- checks ----
+
+void RegionLocatorMemPool::reportActiveVoucher(RegionLocatorVoucher* voucher)
 {
-    if (m_activeVoucher != nullptr)
-        SOFT_CHECK(voucher == NULL, << "RLMemPool<" << m_id << "> "
-                                    << "a voucher is already set");
-    m_activeVoucher = voucher;
+    SOFT_CHECK_IN("void RegionLocatorMemPool::setActiveVoucher(RegionLocatorVoucher*)",
+                  voucher == NULL, << "RLMemPool<" << m_id << "> "
+                                   << "a voucher is already set");
 }
 
-// ---- tokens ----
-
-void* RegionLocatorMemPool::getToken()
+void RegionLocatorMemPool::reportNoVoucher(const char* signature)
 {
-    SOFT_CHECK(m_activeVoucher != NULL, << "RLMemPool<" << m_id << "> ");
-    return m_activeVoucher->getObj();
-}
-
-void RegionLocatorMemPool::freeToken(void* token)
-{
-    SOFT_CHECK(m_activeVoucher != NULL, << "RLMemPool<" << m_id << "> ");
-    m_activeVoucher->addObj(static_cast<u8*>(token));
+    SOFT_CHECK_IN(signature, m_activeVoucher != NULL, << "RLMemPool<" << m_id << "> ");
 }

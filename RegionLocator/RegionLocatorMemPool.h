@@ -86,24 +86,67 @@ public:
     void destroyVoucher(RegionLocatorVoucher* voucher);
 
     // Names the voucher of the operation that begins; null ends it.
-    void setActiveVoucher(RegionLocatorVoucher* voucher);
+    void setActiveVoucher(RegionLocatorVoucher* voucher)
+    {
+        if (__builtin_expect(m_activeVoucher != nullptr && voucher != nullptr, 0))
+            reportActiveVoucher(voucher);
+        m_activeVoucher = voucher;
+    }
     RegionLocatorVoucher* getActiveVoucher() { return m_activeVoucher; }
 
     // One token from, or back to, the active voucher. Soft check: there is one; the heap is no
     // fallback.
-    void* getToken();
-    void freeToken(void* token);
+    void* getToken()
+    {
+        if (__builtin_expect(m_activeVoucher == nullptr, 0))
+            reportNoVoucher("void* RegionLocatorMemPool::getToken()");
+        return m_activeVoucher->getObj();
+    }
+    void freeToken(void* token)
+    {
+        if (__builtin_expect(m_activeVoucher == nullptr, 0))
+            reportNoVoucher("void RegionLocatorMemPool::freeToken(void*)");
+        m_activeVoucher->addObj(static_cast<u8*>(token));
+    }
 
     u32 getTokenSize() { return getChunkSize(); }
+
+    // Memory for what speeds the locator up, from the process-wide pool and on the same account as
+    // the tokens' blocks: all of it at once and without waiting, or false and none. Its owner gives
+    // it back with deleteContent(). It comes in pieces of the pool's chunk size.
+    bool obtainAcceleratorMemory(ScatteredBuf* buf, u64 sizeBytes);
+    u32 getAcceleratorChunkSize() const;
+
+    // Whom fillVoucher() and clearVoucher() tell that memory comes and goes, once something is due:
+    // the moments at which what speeds the locator up may take and give back memory of its own.
+    class UpkeepListener
+    {
+    public:
+        virtual ~UpkeepListener() = default;
+        // Called without the locator's mutex.
+        virtual void upkeep() = 0;
+    };
+    // Before the first fill. Not owned; null for none.
+    void setUpkeepListener(UpkeepListener* listener) { m_upkeepListener = listener; }
+    // Any thread.
+    void setUpkeepDue() { m_upkeepDue.store(true, std::memory_order_relaxed); }
 
 private:
     friend class RegionLocatorTestAccess;
     class AllocationHelper;
 
+    // The checks of the operations above, where they fail.
+    void reportActiveVoucher(RegionLocatorVoucher* voucher);
+    void reportNoVoucher(const char* signature);
+
+    void keepUp();
+
     u64 m_id;
     ModuleMemoryInformation* m_mmi;      // the kind's group in the process-wide pool, shared
     ModuleMemoryInformation* m_dummyMmi; // this pool's own group, which all vouchers are charged to
     RegionLocatorVoucher* m_activeVoucher;
+    UpkeepListener* m_upkeepListener = nullptr;
+    std::atomic<bool> m_upkeepDue{false};
     std::atomic<s32> m_activeVouchersCountForDebug;
 };
 

@@ -19,6 +19,7 @@ RegionLocatorMetaDataContainer::RegionLocatorMetaDataContainer(RegionLocator* rl
 
 RegionLocatorMetaDataContainer::~RegionLocatorMetaDataContainer()
 {
+    m_regionLocator->settleScan();
     m_regionLocator->getMemPool()->destroyVoucher(m_voucher);
 }
 
@@ -30,12 +31,14 @@ FutureStatus RegionLocatorMetaDataContainer::prepareToAdd(int opCount, u64 endTi
             << "memory allocation aborted" << std::endl;
         return makeSetFuture(RC_ABORTED);
     }
+    m_regionLocator->settleScan();
     const int tokenCount = objsCountNeededForOperations() * opCount;
     return m_regionLocator->getMemPool()->fillVoucher(m_voucher, tokenCount, endTime, this);
 }
 
 void RegionLocatorMetaDataContainer::unPrepareToAdd()
 {
+    m_regionLocator->settleScan();
     m_regionLocator->getMemPool()->clearVoucher(m_voucher);
 }
 
@@ -67,7 +70,7 @@ void RegionLocatorMetaDataContainer_InsertAbstract::insert(const SfsDiskMetaItem
     case SfsMetaType::ZEROS:
     case SfsMetaType::COMPRESSED_IO: {
         HARD_CHECK(meta.getUncompressedLengthBlocks() > 0);
-        const bool res = m_regionLocator->insert(
+        const bool res = m_regionLocator->insertFromScan(
             SubRegionDescriptor(SfsItemDescriptor::genFromSfsDiskMetaItem(meta)), m_voucher);
         SOFT_CHECK(res, << "failed to insert to region locator");
         break;
@@ -139,7 +142,7 @@ RcStatus RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly::addMetaData(
     case SfsMetaType::ZEROS:
     case SfsMetaType::COMPRESSED_IO: {
         HARD_CHECK(meta.getUncompressedLengthBlocks() > 0);
-        const bool res = m_regionLocator->insert(
+        const bool res = m_regionLocator->insertFromScan(
             SubRegionDescriptor(SfsItemDescriptor::genFromSfsDiskMetaItem(meta)), m_voucher);
         SOFT_CHECK(res, << "failed to insert to region locator");
         break;

@@ -2,7 +2,17 @@
 
 #include "RegionLocator/RegionLocatorMemPool.h"
 
-RegionLocatorVoucher::RegionLocatorVoucher() : m_objs("VoucherVec", 0, 0) {}
+namespace {
+
+// Tokens that any voucher has room for in its list.
+constexpr size_t LEAST_ROOM_TOKENS = 128;
+
+} // namespace
+
+RegionLocatorVoucher::RegionLocatorVoucher() : m_objs("VoucherVec", 0, 0)
+{
+    m_objs.reserve(LEAST_ROOM_TOKENS);
+}
 
 RegionLocatorVoucher::~RegionLocatorVoucher()
 {
@@ -14,33 +24,44 @@ void RegionLocatorVoucher::addMemorySegments(ScatteredBuf& buf)
     const u32 count = buf.getSegmentsCount();
     // An insert frees the regions that it covers, so the voucher of an operation may grow. Room is
     // made here, before the operation, and is kept when the voucher is cleared.
-    m_objs.reserve(m_objs.size() + 2 * size_t{count});
+    m_objs.reserve(m_objs.size() + m_objs.m_chained + 2 * size_t{count});
+    while (m_objs.m_chained > 0)
+        m_objs.push_back(unchain());
     for (u32 i = 0; i < count; ++i)
         m_objs.push_back(buf.getSegment(i).getPtr());
 }
 
 void RegionLocatorVoucher::clear(RegionLocatorMemPool* pool, ModuleMemoryInformation* mmi)
 {
-    const u32 tokenSize = pool->getTokenSize();
-    for (u8* token : m_objs)
-        MemorySegment(tokenSize, token, mmi).deleteContent();
+    pool->giveBackChunks(m_objs.data(), static_cast<u32>(m_objs.size()), mmi);
     m_objs.clear();
+    while (m_objs.m_chained > 0) {
+        while (m_objs.m_chained > 0 && m_objs.size() < m_objs.capacity())
+            m_objs.push_back(unchain());
+        pool->giveBackChunks(m_objs.data(), static_cast<u32>(m_objs.size()), mmi);
+        m_objs.clear();
+    }
 }
 
-u8* RegionLocatorVoucher::getObj()
+u8* RegionLocatorVoucher::getChainedObj()
 {
-    SOFT_CHECK(!m_objs.empty());
-    u8* token = m_objs.back();
-    m_objs.pop_back();
+    SOFT_CHECK_IN("u8* RegionLocatorVoucher::getObj()", !m_objs.empty());
+    if (m_objs.m_chained == 0)
+        stopProcess(); // a node would be written nowhere
+    return unchain();
+}
+
+void RegionLocatorVoucher::chain(u8* token)
+{
+    std::memcpy(token, &m_firstChained, sizeof(m_firstChained));
+    m_firstChained = token;
+    ++m_objs.m_chained;
+}
+
+u8* RegionLocatorVoucher::unchain()
+{
+    u8* token = m_firstChained;
+    std::memcpy(&m_firstChained, token, sizeof(m_firstChained));
+    --m_objs.m_chained;
     return token;
-}
-
-void RegionLocatorVoucher::addObj(u8* token)
-{
-    m_objs.push_back(token);
-}
-
-bool RegionLocatorVoucher::empty()
-{
-    return m_objs.empty();
 }

@@ -1,6 +1,7 @@
 // A reservation of map-node memory for one operation.
 #pragma once
 
+#include <cstring>
 #include <vector>
 
 #include "common/infra/MemWatchedContainer.h"
@@ -10,10 +11,12 @@ class RegionLocatorMemPool;
 
 // A stack of tokens (64-byte chunks of a locator's pool), each the memory of one map node. An
 // operation takes the nodes that it makes from the voucher and puts the nodes that it frees into
-// it, so a voucher may end with more tokens than it began with.
+// it, so a voucher may end with more tokens than it began with. Tokens that a list made before the
+// operation has no room for are chained through their own memory, so taking one in needs no heap.
 //
 // Created, filled, cleared and destroyed through its pool (RegionLocatorMemPool.h).
 // Thread safety: none; while it is the pool's active voucher the locator's mutex guards it.
+// Invariants: tokens are chained only while the list has no room left.
 class RegionLocatorVoucher
 {
 public:
@@ -30,11 +33,39 @@ public:
     void clear(RegionLocatorMemPool* pool, ModuleMemoryInformation* mmi);
 
     // Takes the last token. Soft check: there is one; who sized the voucher sees to that.
-    u8* getObj();
-    void addObj(u8* token);
+    u8* getObj()
+    {
+        if (__builtin_expect(m_objs.m_chained == 0 && !m_objs.empty(), 1)) {
+            u8* token = m_objs.back();
+            m_objs.pop_back();
+            return token;
+        }
+        return getChainedObj();
+    }
 
-    bool empty();
+    void addObj(u8* token)
+    {
+        if (__builtin_expect(m_objs.size() < m_objs.capacity(), 1))
+            m_objs.push_back(token);
+        else
+            chain(token);
+    }
+
+    bool empty() { return m_objs.empty(); }
 
 private:
-    StlMemShiledContainer<std::vector<u8*>> m_objs;
+    // The list of tokens, and how many more are chained: the watcher is told of them all.
+    struct Tokens : public StlMemShiledContainer<std::vector<u8*>>
+    {
+        using StlMemShiledContainer::StlMemShiledContainer;
+        u64 getItemCount() override { return size() + m_chained; }
+        u64 m_chained = 0;
+    };
+
+    u8* getChainedObj();
+    void chain(u8* token);
+    u8* unchain();
+
+    Tokens m_objs;
+    u8* m_firstChained = nullptr;
 };

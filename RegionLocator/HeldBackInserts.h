@@ -1,0 +1,65 @@
+// The last inserts of a journal scan, held back until there are enough to be made together.
+//
+// A scan hands over one item after the other, and on a large map each would wait for its own way
+// through memory. So the locator keeps a scan's items for a moment. When enough have come, or when
+// anybody asks the locator for anything, their ways are warmed all at once, and then they are
+// inserted one by one in the order in which they came.
+//
+//   held back                              | not held back, but inserted at once
+//   ---------------------------------------+--------------------------------------------------
+//   an item of a scan, into a large map of | an insert of anybody else; a small map; anything
+//   which nothing is locked                | locked; a locator whose iterators are out; while
+//                                          | changes are traced or checked
+//
+// Nobody can tell the difference: an item that is held back could not have been refused, would have
+// written no record, and is in the map before any other operation looks at it.
+//
+// When not to use it: where an insert may fail. Its caller has been told that it has not.
+#pragma once
+
+#include <vector>
+
+#include "RegionLocator/CountedRegionMap.h"
+
+class RegionLocatorVoucher;
+
+// Thread safety: none; the owning locator's mutex guards it.
+// Invariants: all regions are of one voucher, which holds the tokens for them.
+class HeldBackInserts
+{
+public:
+    static constexpr u32 MOST = RegionDescent::MAX_LOCKSTEP;
+
+    bool empty() const { return m_count == 0; }
+    bool isFull() const { return m_count == MOST; }
+    u32 size() const { return m_count; }
+    RegionLocatorVoucher* voucher() const { return m_voucher; }
+
+    // REQUIRES: not full, and no region of another voucher is held.
+    void add(const SubRegionDescriptor& region, RegionLocatorVoucher* voucher)
+    {
+        m_voucher = voucher;
+        m_regions[m_count++] = region;
+    }
+
+    // Brings the ways to all regions into the cache.
+    void warm(const CountedRegionMap& map) const
+    {
+        u64 offsetsBlocks[MOST];
+        for (u32 i = 0; i < m_count; ++i)
+            offsetsBlocks[i] = m_regions[i].m_viewOffsetBlocks;
+        map.warm(offsetsBlocks, m_count);
+    }
+
+    // In the order in which they came.
+    const SubRegionDescriptor* begin() const { return m_regions.data(); }
+    const SubRegionDescriptor* end() const { return m_regions.data() + m_count; }
+
+    void clear() { m_count = 0; }
+
+private:
+    std::vector<SubRegionDescriptor> m_regions =
+        std::vector<SubRegionDescriptor>(MOST, SubRegionDescriptor(0));
+    u32 m_count = 0;
+    RegionLocatorVoucher* m_voucher = nullptr;
+};

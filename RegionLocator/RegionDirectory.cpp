@@ -1,0 +1,117 @@
+#include "RegionLocator/RegionDirectory.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace {
+
+// Below, a table would be too small to be of use, whatever the tweak says.
+constexpr u64 LEAST_REGIONS = 4;
+constexpr u64 MOST_SLOTS = u64{1} << 28;
+
+// Nodes that are on their way to the cache while a tree is gone through, and nodes that may be
+// waiting then: a tree of 2^32 nodes is no deeper than 64, and each way down leaves one a level.
+constexpr u32 NODES_AHEAD = 16;
+constexpr u32 MOST_WAYS = NODES_AHEAD * 64 * 2;
+
+} // namespace
+
+// ---- memory ----
+
+bool RegionDirectoryMemory::obtain(RegionLocatorMemPool& pool, u64 slots)
+{
+    if (slots == 0)
+        return true;
+    // A piece is as much of a chunk of the pool as is a power of two.
+    const u64 chunkBytes = pool.getAcceleratorChunkSize();
+    const u64 bytes = slots * sizeof(RegionNode*);
+    const u64 pieceBytes = std::min(std::bit_floor(chunkBytes), bytes);
+    const u64 pieces = pieceBytes < sizeof(RegionNode*) ? 0 : bytes / pieceBytes;
+    const u64 fillBytes = pieces == 1 ? bytes : pieces * chunkBytes;
+    if (pieces == 0 || !pool.obtainAcceleratorMemory(&m_buf, fillBytes))
+        return false;
+    m_pieceShift = static_cast<u32>(std::countr_zero(pieceBytes / sizeof(RegionNode*)));
+    m_pieceMask = (u64{1} << m_pieceShift) - 1;
+    for (u32 i = 0; i < m_buf.getSegmentsCount(); ++i) {
+        const MemorySegment& segment = m_buf.getSegment(i);
+        std::memset(segment.getPtr(), 0, segment.getSize());
+        m_pieces.push_back(reinterpret_cast<RegionNode**>(segment.getPtr()));
+    }
+    m_slots = slots;
+    return true;
+}
+
+void RegionDirectoryMemory::swap(RegionDirectoryMemory& other)
+{
+    std::swap(m_buf, other.m_buf);
+    std::swap(m_pieces, other.m_pieces);
+    std::swap(m_pieceShift, other.m_pieceShift);
+    std::swap(m_pieceMask, other.m_pieceMask);
+    std::swap(m_slots, other.m_slots);
+}
+
+// ---- the directory ----
+
+u64 RegionDirectory::wantedSlots(u64 regions, u64 slots)
+{
+    if (regions < LEAST_REGIONS)
+        return 0;
+    if (slots >= regions && slots < MOST_SLOTS_A_REGION * regions)
+        return slots;
+    return std::min(std::bit_ceil(regions), MOST_SLOTS);
+}
+
+void RegionDirectory::forgetAll()
+{
+    for (u64 slot = 0; slot < slots(); ++slot)
+        m_memory.at(slot) = nullptr;
+}
+
+// About as long as a region is on average; up to four times that where the table then is long
+// enough for the whole view, so that no two places share a slot.
+u32 RegionDirectory::shiftFor(const RegionMap& map, u64 blocks, u64 slots)
+{
+    const u64 average = std::max<u64>(blocks / map.size(), 1);
+    const u32 least = static_cast<u32>(std::bit_width(average)) - 1;
+    const u64 span = map.rbegin()->m_viewOffsetBlocks - map.begin()->m_viewOffsetBlocks + 1;
+    u32 shift = least;
+    while (shift < least + 2 && span >> shift > slots)
+        ++shift;
+    return span >> shift > slots ? least : shift;
+}
+
+void RegionDirectory::install(RegionDirectoryMemory& memory, const RegionMap& map, u64 blocks)
+{
+    m_memory.swap(memory);
+    if (!isOn() || map.empty())
+        return;
+    m_slotMask = slots() - 1;
+    m_lapShift = static_cast<u32>(std::countr_zero(slots()));
+    m_shift = shiftFor(map, blocks, slots());
+    noteAll(map);
+}
+
+// Goes down the whole tree, many ways at once, so that the nodes of all but one can be on their way
+// to the cache: its own order would wait for each.
+void RegionDirectory::noteAll(const RegionMap& map)
+{
+    RegionNode* coming[NODES_AHEAD] = {};
+    RegionNode* todo[MOST_WAYS];
+    u32 count = 0;
+    todo[count++] = map.end()._M_node->_M_parent;
+    u64 left = map.size();
+    for (u32 turn = 0; left > 0; turn = (turn + 1) % NODES_AHEAD) {
+        RegionNode* const node = coming[turn];
+        coming[turn] = count == 0 ? nullptr : todo[--count];
+        prefetch(coming[turn]);
+        if (node == nullptr)
+            continue;
+        --left;
+        note(node, startOf(node));
+        if (node->_M_left != nullptr)
+            todo[count++] = node->_M_left;
+        if (node->_M_right != nullptr)
+            todo[count++] = node->_M_right;
+    }
+}
