@@ -36,6 +36,36 @@ Result parseCheckpointEvery(const std::string& key, const std::string& value, Se
     return Result();
 }
 
+Result parseFlag(const std::string& key, const std::string& value, bool* flag)
+{
+    const int parsed = nbdkit_parse_bool(value.c_str());
+    if (parsed < 0)
+        return wrong(key, value, "true or false");
+    *flag = parsed != 0;
+    return Result();
+}
+
+// nbdkit leaves the folder that it was started in.
+Result parsePath(const std::string& key, const std::string& value, const char* takes,
+                 std::string* path)
+{
+    char* absolute = nbdkit_absolute_path(value.c_str());
+    if (absolute == nullptr)
+        return wrong(key, value, takes);
+    *path = absolute;
+    std::free(absolute);
+    return Result();
+}
+
+Result parseSeconds(const std::string& key, const std::string& value, u64* milliseconds)
+{
+    u64 seconds = 0;
+    if (!parseDuration(value, &seconds).ok() || seconds == 0)
+        return wrong(key, value, "a time, as 10s");
+    *milliseconds = seconds * 1000;
+    return Result();
+}
+
 Result parseRecovery(const std::string& key, const std::string& value, JournalRecovery* recovery)
 {
     if (value == "strict")
@@ -55,28 +85,28 @@ Result parseRecovery(const std::string& key, const std::string& value, JournalRe
 
 Result PluginConfig::set(const std::string& key, const std::string& value)
 {
-    if (key == "mirror") {
-        // nbdkit leaves the folder that it was started in.
-        char* path = nbdkit_absolute_path(value.c_str());
-        if (path == nullptr)
-            return wrong(key, value, "a folder");
-        m_served.m_folder = path;
-        std::free(path);
-        return Result();
-    }
-    if (key == "readonly") {
-        const int parsed = nbdkit_parse_bool(value.c_str());
-        if (parsed < 0)
-            return wrong(key, value, "true or false");
-        m_served.m_readOnly = parsed != 0;
-        return Result();
-    }
+    if (key == "mirror")
+        return parsePath(key, value, "a folder", &m_served.m_folder);
+    if (key == "readonly")
+        return parseFlag(key, value, &m_served.m_readOnly);
     if (key == "recovery")
         return parseRecovery(key, value, &m_served.m_recovery);
     if (key == "views-budget")
         return parseBytes(key, value, &m_served.m_viewsBudgetBytes);
     if (key == "memory-limit")
         return parseBytes(key, value, &m_memoryLimitBytes);
+    if (key == "background")
+        return parseFlag(key, value, &m_served.m_background);
+    if (key == "apply-rate")
+        return parseBytes(key, value, &m_served.m_applyBytesPerSecond);
+    if (key == "metrics")
+        return parsePath(key, value, "a file", &m_served.m_metricsFile);
+    if (key == "metrics-every")
+        return parseSeconds(key, value, &m_served.m_metricsEveryMs);
+    if (key == "metrics-http") {
+        m_served.m_metricsHttp = value;
+        return Result();
+    }
     if (key == "checkpoint-every")
         return parseCheckpointEvery(key, value, &m_served);
     if (key == "stop-timeout")
@@ -104,6 +134,13 @@ const char* PluginConfig::help()
            "checkpoint-every=<TIME|SIZE> Set checkpoints by time (30s) or by amount written "
            "(256M);\n"
            "                             may be given once for each.\n"
+           "background=false             No apply and trim by themselves as the mirror's settings\n"
+           "                             say; see rlctl set.\n"
+           "apply-rate=<SIZE>            Most that these write to the target in a second (default\n"
+           "                             no limit).\n"
+           "metrics=<FILE>               Write metrics there, as Prometheus reads them.\n"
+           "metrics-every=<TIME>         How often (default 10s).\n"
+           "metrics-http=<HOST:PORT>     Serve them over HTTP, at /metrics.\n"
            "views-budget=<SIZE>          Most memory for the indexes of all views (default 1G).\n"
            "memory-limit=<SIZE>          Most memory for all indexes and reads (default none).\n"
            "recovery=<HOW>               What to do with a journal that does not end whole:\n"
