@@ -156,10 +156,15 @@ Result Trimmer::removeFrom(const Indexes& indexes, u64 oldPage)
                     one = removeIoFromIndex(*indexes[i], m_engine, item, &removed);
                 m_statistics.m_removedIos += removed;
             }
-            if (++items % LOOK_EVERY == 0)
+            if (++items % LOOK_EVERY == 0) {
                 m_control.progress(std::min(items, m_statistics.m_items), m_statistics.m_items);
+                if (one == RC_SUCCESS && m_control.stopRequested())
+                    one = RC_ABORTED;
+            }
             return one;
         });
+    if (rc == RC_ABORTED)
+        return Result(ResultCode::Interrupted, "interrupted; the next trim goes on");
     return Result::fromStatus(rc, "cannot take what was trimmed out of the open indexes; its space "
                                   "is given back by the next trim");
 }

@@ -154,6 +154,45 @@ TEST_F(ServedJobsTest, EverythingIsAppliedAndTrimmedWhileClientsGoOn)
     EXPECT_EQ(readLive(), clientsImage());
 }
 
+TEST_F(ServedJobsTest, ATrimThatWasStoppedIsFinishedByTheNextOne)
+{
+    class StopsAt : public FlowControl
+    {
+    public:
+        explicit StopsAt(u32 calls) : m_calls(calls) {}
+        bool stopRequested() override { return ++m_asked >= m_calls; }
+
+    private:
+        const u32 m_calls;
+        u32 m_asked = 0;
+    };
+    makeMirror();
+    writeRandomly(31, 1500);
+    ASSERT_TRUE(m_mirror->close().ok());
+    serve();
+    MirrorJobs jobs(m_served->mirror(), m_host.getEngine());
+    FlowControl control;
+    ApplyStatistics applied;
+    ChosenPoint point;
+    point.m_items = 1500;
+    ASSERT_TRUE(jobs.apply(JobOrigin::Command, point, ApplyOptions(), control, &applied).ok());
+    // The second time that it asks it is among the items that go.
+    StopsAt stops(2);
+    TrimStatistics trimmed;
+    EXPECT_EQ(jobs.trim(JobOrigin::Command, point, TrimOptions(), stops, &trimmed).code(),
+              ResultCode::Interrupted);
+    EXPECT_EQ(m_served->mirror().journal().begin().m_items, 1500u);
+    EXPECT_NE(m_served->mirror().untakenPage(), ~u64{0});
+    EXPECT_EQ(readLive(), m_images.back());
+    EXPECT_GT(live().locator().getItemCount(), 0u);
+    // There is nothing more to trim, and yet everything to take out.
+    ASSERT_TRUE(jobs.trim(JobOrigin::Command, point, TrimOptions(), control, &trimmed).ok());
+    EXPECT_EQ(m_served->mirror().untakenPage(), ~u64{0});
+    EXPECT_EQ(readLive(), m_images.back());
+    for (const SubRegionDescriptor& piece : live().pieces(0, BLOCKS))
+        EXPECT_TRUE(piece.isAllZeroes());
+}
+
 TEST_F(ServedJobsTest, BackgroundKeepsToTheSettings)
 {
     makeMirror();
