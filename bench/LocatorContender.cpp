@@ -93,7 +93,10 @@ public:
 
     u64 regions() override { return m_locator.getItemCount(); }
     u64 coveredBlocks() override { return m_locator.getTotalRegionBlocks(); }
-    u64 memoryBytes() override { return m_pool->getMemoryStats().totalBytes; }
+    u64 memoryBytes() override
+    {
+        return m_pool->getMemoryStats().totalBytes + m_locator.getAcceleratorBytes();
+    }
 
 private:
     void reserve(RegionLocatorVoucher* voucher, RegionLocatorMemPool::ActionType action, u32 count)
@@ -114,13 +117,8 @@ private:
 
 } // namespace
 
-std::unique_ptr<Contender> makeLocatorContender()
+std::unique_ptr<Contender> makeLocatorContender(u64 accelerators)
 {
-    return std::make_unique<LocatorContender>();
-}
-
-std::unique_ptr<Contender> makePlainLocatorContender()
-{
-    Tweaks::set("t_RlAccelerators", 0);
+    Tweaks::set("t_RlAccelerators", accelerators);
     return std::make_unique<LocatorContender>();
 }

@@ -42,7 +42,7 @@ std::string table(const SubjectSamples& subject, const std::vector<std::string>&
         fmt::format("\n{}, size {}{}\n{:12}", subject.m_subject.m_workload, subject.m_size,
                     subject.m_source.empty() ? "" : ", " + subject.m_source, "");
     for (const std::string& contender : contenders)
-        text += fmt::format(" {:>16}", contender);
+        text += fmt::format(" {:>17}", contender);
     text += "\n";
     for (const std::string& work : workNames()) {
         const WorkSamples* ours = find(subject, OURS, work);
@@ -51,7 +51,7 @@ std::string table(const SubjectSamples& subject, const std::vector<std::string>&
         for (const std::string& contender : contenders) {
             const WorkSamples* samples = find(subject, contender, work);
             any = any || samples != nullptr;
-            line += fmt::format(" {:>16}", cell(samples, ours));
+            line += fmt::format(" {:>17}", cell(samples, ours));
         }
         if (any)
             text += line + "\n";
@@ -60,7 +60,7 @@ std::string table(const SubjectSamples& subject, const std::vector<std::string>&
     for (const std::string& contender : contenders) {
         const WorkSamples* samples = find(subject, contender, "lookup8");
         text += fmt::format(
-            " {:>16}",
+            " {:>17}",
             samples == nullptr ? "-" : fmt::format("{:.1f}", median(samples->m_bytesPerRegion)));
     }
     return text + "\n";

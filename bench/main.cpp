@@ -43,11 +43,12 @@ void onRecord(LogModule, LogLevel level, const std::string& origin, int, const s
     std::cerr << "rl-bench: " << origin << ": " << text << std::endl;
 }
 
-std::vector<std::string> contenderNames()
+std::vector<std::string> contenderNames(bool all)
 {
     std::vector<std::string> names;
     for (const ContenderKind& kind : contenderKinds())
-        names.emplace_back(kind.m_name);
+        if (all || !kind.m_onRequest)
+            names.emplace_back(kind.m_name);
     return names;
 }
 
@@ -65,7 +66,7 @@ void addOptions(CLI::App& app, Options* options)
     many("--size", options->m_sizes, "Regions aimed at; may be repeated")
         ->check(CLI::Range(u32{1}, MAX_SIZE));
     many("--contender", options->m_contenders, "Only this index; may be repeated")
-        ->check(CLI::IsMember(contenderNames()));
+        ->check(CLI::IsMember(contenderNames(true)));
     many("--trace", options->m_traces,
          "Block trace, CSV or .zst, for the workloads trace and trace40; may be repeated. Default: "
          "those in the folder RL_TRACES");
@@ -159,7 +160,7 @@ int main(int argc, char** argv)
     if (options.m_workloads.empty())
         options.m_workloads = workloadNames();
     if (options.m_contenders.empty())
-        options.m_contenders = contenderNames();
+        options.m_contenders = contenderNames(false);
 
     if (options.m_child) {
         const Subject subject{options.m_workloads.front(),
