@@ -1,0 +1,448 @@
+"""Clients that do not behave, a journal that is full, a byte that has flipped, and an end under load:
+the server goes on with the others, and loses nothing that it acknowledged."""
+
+import errno
+import os
+import random
+import socket
+import struct
+import threading
+import time
+
+import nbd
+
+from journalreader import Journal
+from nbdfleet import Fleet
+from nbdproxy import FLUSH, READ, REQUEST_MAGIC, TRIM, WRITE, ZERO
+from nbdsupport import Server, checkpoint, connect, need_nbd, run_tool
+from replay import Image, Order
+from support import Failure, Folder, check, rlctl, rlctl_json, run
+
+BLOCK = 512
+LARGEST = 32 << 20
+# nbdkit up to 1.32 may abort when a client vanishes whose requests several threads are serving.
+SAFE = ("--threads=1",)
+
+
+def refused(call, *arguments):
+    """The errno with which a call fails; 0 when it does not."""
+    try:
+        call(*arguments)
+    except nbd.Error as error:
+        return error.errnum
+    return 0
+
+
+def new_mirror(folder, size, *options):
+    mirror = os.path.join(folder, "m")
+    rlctl("create", mirror, "--size", size, *options)
+    return mirror
+
+
+def memory_kib(process, what):
+    with open("/proc/%d/status" % process.pid, encoding="ascii") as file:
+        for line in file:
+            if line.startswith(what + ":"):
+                return int(line.split()[1])
+    raise Failure("no " + what)
+
+
+class RawClient:
+    """Speaks just enough of the protocol to stop at any byte of it."""
+
+    def __init__(self, path, export="live"):
+        self.socket = socket.socket(socket.AF_UNIX)
+        self.socket.settimeout(10)
+        self.socket.connect(path)
+        self.export = export.encode()
+
+    def negotiate(self):
+        check(self.receive(18)[:8] == b"NBDMAGIC", "no NBD server")
+        data = struct.pack(">I", len(self.export)) + self.export + struct.pack(">H", 0)
+        self.socket.sendall(struct.pack(">I8sII", 3, b"IHAVEOPT", 7, len(data)) + data)
+        while True:
+            kind, length = struct.unpack(">12xII", self.receive(20))
+            self.receive(length)
+            if kind == 1:
+                return self
+            check(kind == 3, "the export is refused")
+
+    def receive(self, count):
+        data = b""
+        while len(data) < count:
+            part = self.socket.recv(count - len(data))
+            check(part, "the server hung up")
+            data += part
+        return data
+
+    def request(self, op, offset, length, cookie=1, magic=REQUEST_MAGIC):
+        return struct.pack(">IHHQQI", magic, 0, op, cookie, offset, length)
+
+    def close(self):
+        self.socket.close()
+
+
+class Others(threading.Thread):
+    """A well-behaved client beside the others: how long its requests take, and what it reads."""
+
+    def __init__(self, server, offset):
+        super().__init__()
+        self.handle = connect(server)
+        self.offset = offset
+        self.ending = threading.Event()
+        self.slowest = 0.0
+        self.rounds = 0
+        self.failure = None
+
+    def run(self):
+        chance = random.Random(3)
+        try:
+            while not self.ending.is_set():
+                data = chance.randbytes(4096)
+                at = self.offset + chance.randrange(64) * 4096
+                started = time.monotonic()
+                self.handle.pwrite(data, at)
+                found = self.handle.pread(4096, at)
+                self.slowest = max(self.slowest, time.monotonic() - started)
+                self.rounds += 1
+                if found != data:
+                    self.failure = "reads something else than it wrote"
+                    return
+        except nbd.Error as error:
+            self.failure = str(error)
+
+    def __enter__(self):
+        self.start()
+        return self
+
+    def __exit__(self, kind, *_):
+        self.ending.set()
+        self.join()
+        if kind is None:
+            check(self.failure is None, "another client: %s" % self.failure)
+            check(self.rounds > 0, "another client was not served at all")
+            check(self.slowest < 10, "another client waited %.1f s" % self.slowest)
+            self.handle.shutdown()
+
+
+def test_odd_requests():
+    size = 80 << 20
+    with Folder() as folder:
+        mirror = new_mirror(folder, size)
+        with Server(folder, mirror) as server:
+            handle = connect(server)
+            with Others(server, 0):
+                data = random.Random(1).randbytes(LARGEST)
+                handle.pwrite(data, 1 << 20)
+                check(handle.pread(LARGEST, 1 << 20) == data, "the largest write")
+                handle.pwrite(data[:BLOCK], size - BLOCK)
+                handle.zero(LARGEST // 2, 2 << 20)
+                handle.trim(LARGEST, 40 << 20)
+                handle.zero(size - (70 << 20), 70 << 20, nbd.CMD_FLAG_FUA | nbd.CMD_FLAG_FAST_ZERO)
+                for call, arguments, expected in (
+                        (handle.pwrite, (b"x" * 100, 0), errno.EINVAL),
+                        (handle.pwrite, (b"x" * BLOCK, 7), errno.EINVAL),
+                        (handle.pread, (BLOCK, 100), errno.EINVAL),
+                        (handle.pread, (BLOCK, size), errno.EINVAL),
+                        (handle.pread, (2 * BLOCK, size - BLOCK), errno.EINVAL),
+                        (handle.pwrite, (b"x" * BLOCK * 2, size - BLOCK), errno.ENOSPC),
+                        (handle.pwrite, (b"x" * BLOCK, 1 << 62), errno.ENOSPC),
+                        (handle.zero, (700, 0), errno.EINVAL),
+                        (handle.trim, (BLOCK, BLOCK + 1), errno.EINVAL),
+                        (handle.trim, (BLOCK, size), errno.EINVAL),
+                        (handle.pread, (0, 0), errno.EINVAL)):
+                    found = refused(call, *arguments)
+                    check(found == expected, "%s%r: %d, not %d" % (
+                        call.__name__, tuple(str(one)[:20] for one in arguments), found, expected))
+                view = connect(server, "item:0")
+                check(refused(view.pwrite, b"x" * BLOCK, 0) == errno.EPERM, "a view is written to")
+                view.shutdown()
+            # What was refused left nothing behind.
+            handle.flush()
+            with Journal(mirror) as journal:
+                own = [one for one in journal.items if one.length != 4096]
+            check([(one.is_write, one.offset, one.length) for one in own] == [
+                (True, 1 << 20, LARGEST), (True, size - BLOCK, BLOCK),
+                (False, 2 << 20, LARGEST // 2), (False, 40 << 20, LARGEST),
+                (False, 70 << 20, size - (70 << 20))], "other items than requests")
+            handle.shutdown()
+
+
+def test_unknown_exports_are_refused():
+    with Folder() as folder:
+        mirror = new_mirror(folder, 1 << 20)
+        with Server(folder, mirror) as server:
+            handle = connect(server)
+            handle.pwrite(b"a" * BLOCK, 0)
+            checkpoint(mirror, "known")
+            for name in ("live2", "LIVE", "cp:2", "cp:", "cp:x", "tag:unknown", "item:2", "item:-1",
+                         "time:1999-01-01T00:00:00Z", "time:yesterday", "diff:cp:1",
+                         "diff:latest..item:0", "diff:..", "../m", "/", "n" * 4000, "%s%n", "é\n"):
+                check(refused(connect, server, name) != 0, "export %r is served" % name[:50])
+            for name in ("", "live", "latest", "cp:1", "1", "tag:known", "item:0", "item:1",
+                         "time:2999-01-01T00:00:00Z", "diff:item:0..latest"):
+                other = connect(server, name)
+                check(other.get_size() == 1 << 20, "the size of " + name)
+                other.shutdown()
+            handle.shutdown()
+
+
+def test_clients_that_vanish():
+    chance = random.Random(2)
+    with Folder() as folder:
+        mirror = new_mirror(folder, 64 << 20)
+        with Server(folder, mirror, options=SAFE) as server:
+            keeper = connect(server)
+            connect(server, "item:0").shutdown()  # the view stays for the next one to open it
+            before = len(os.listdir("/proc/%d/fd" % server.process.pid))
+            with Others(server, 0):
+                for i in range(150):
+                    client = RawClient(server.socket, chance.choice(("live", "item:0")))
+                    if i % 5 == 0:
+                        client.socket.sendall(chance.randbytes(chance.randrange(60)))
+                        client.close()
+                        continue
+                    client.negotiate()
+                    write = client.request(WRITE, 8 << 20, 1 << 20) + b"v" * (1 << 20)
+                    what = (client.request(READ, 0, 1 << 20),  # and takes no answer
+                            write[:chance.randrange(28)], write[:chance.randrange(28, 1 << 20)],
+                            client.request(READ, 0, BLOCK, magic=0x12345678))[i % 4]
+                    client.socket.sendall(what)
+                    client.close()
+                until = time.monotonic() + 10
+                while len(os.listdir("/proc/%d/fd" % server.process.pid)) > before + 4:
+                    check(time.monotonic() < until, "connections that have gone are kept")
+                    time.sleep(0.05)
+            keeper.flush()
+            with Journal(mirror) as journal:
+                check(all(one.length == 4096 for one in journal.items),
+                      "a part of a request has become an item")
+            keeper.shutdown()
+
+
+def test_clients_that_stall_and_flood():
+    with Folder() as folder:
+        mirror = new_mirror(folder, 64 << 20)
+        with Server(folder, mirror, options=SAFE) as server:
+            keeper = connect(server)
+            keeper.pwrite(random.Random(4).randbytes(LARGEST), LARGEST)
+            stalled = [RawClient(server.socket).negotiate() for _ in range(4)]
+            with Others(server, 0) as others:
+                for number, client in enumerate(stalled):
+                    for cookie in range(4):  # and none of the answers is read
+                        client.socket.sendall(client.request(READ, LARGEST, LARGEST, cookie))
+                    # A write that never comes to its end.
+                    client.socket.sendall(client.request(WRITE, number << 20, 1 << 20) + b"s" * 700)
+                flood = []
+                for _ in range(250):
+                    flood.append(RawClient(server.socket, "latest").negotiate())
+                for client in flood:
+                    for cookie in range(50):
+                        client.socket.sendall(client.request(READ, LARGEST, 4096, cookie))
+                seen = others.rounds
+                until = time.monotonic() + 20
+                while others.rounds < seen + 50 and others.failure is None:
+                    check(time.monotonic() < until, "the others are not served")
+                    time.sleep(0.05)
+                peak = memory_kib(server.process, "VmRSS")
+                for client in flood:
+                    client.close()
+            # Each stalled read may keep its answer, and nbdkit a thread for each request of each.
+            check(peak < 2 << 20, "%d MiB of memory" % (peak >> 10))
+            check(keeper.pread(4096, LARGEST) == random.Random(4).randbytes(4096), "a read")
+            keeper.shutdown()
+            print("     %d MiB, slowest write and read of another client %.3f s" % (
+                peak >> 10, others.slowest))
+            # The stalled ones are still there: ending does not wait for them.
+            started = time.monotonic()
+            server.stop(within=25)
+            print("     ended in %.1f s with stalled clients" % (time.monotonic() - started))
+            for client in stalled:
+                client.close()
+
+
+def test_full_journal():
+    chance = random.Random(6)
+    size = 64 << 20
+    with Folder() as folder:
+        mirror = new_mirror(folder, size, "--journal-limit", "40M")
+        with Server(folder, mirror) as server:
+            handle = connect(server)
+            image = Image(size)
+            full = 0
+            for i in range(200):
+                offset, data = chance.randrange(48) << 20, chance.randbytes(1 << 20)
+                error = refused(handle.pwrite, data, offset)
+                if error == 0:
+                    check(full == 0, "a write is taken though the journal was full")
+                    image.write(offset, data)
+                else:
+                    check(error == errno.ENOSPC, "errno %d" % error)
+                    full += 1
+                    if full == 3:
+                        break
+            check(full == 3, "the journal never was full")
+            written = i - 2
+            check(handle.pread(size // 2, 0) == image.read(0, size // 2), "reading, when it is full")
+            handle.flush()
+            view = connect(server, "item:%d" % written)
+            check(view.pread(size // 2, size // 2) == image.read(size // 2, size // 2), "a view")
+            view.shutdown()
+            check(rlctl_json("info", mirror)["journal_nearly_full"], "info says nothing of it")
+            rlctl("apply", mirror, "--to", "latest", "--yes")
+            rlctl("trim", mirror, "--to", "latest", "--yes")
+            for _ in range(10):
+                offset, data = chance.randrange(48) << 20, chance.randbytes(1 << 20)
+                handle.pwrite(data, offset)
+                image.write(offset, data)
+            check(handle.pread(size // 2, 0) == image.read(0, size // 2), "reading, after it")
+            handle.shutdown()
+        with Server(folder, mirror) as server:
+            copy = os.path.join(folder, "copy")
+            run_tool("nbdcopy", server.uri(), copy)
+            image.compare(copy, "live, after a restart")
+
+
+def test_flipped_byte():
+    with Folder() as folder:
+        mirror = new_mirror(folder, 8 << 20)
+        data = random.Random(7).randbytes(1 << 20)
+        with Server(folder, mirror) as server:
+            handle = connect(server)
+            handle.pwrite(data, 1 << 20)
+            handle.pwrite(data, 4 << 20)
+            handle.shutdown()
+        block = 77
+        with Journal(mirror) as journal:
+            _, address, _ = journal.items[0].pieces[0]
+            grain, first = divmod(address, 32768)
+            path = os.path.join(journal.folder, "d-%010d" % grain)
+        with open(path, "r+b") as file:
+            file.seek((first + block) * BLOCK + 100)
+            byte = file.read(1)[0]
+            file.seek(-1, os.SEEK_CUR)
+            file.write(bytes([byte ^ 4]))
+        damaged = (1 << 20) + block * BLOCK
+        with Server(folder, mirror) as server:
+            for name in ("live", "latest", "item:1"):
+                handle = connect(server, name)
+                for offset in range(1 << 20, 2 << 20, 4096):
+                    hits = offset <= damaged < offset + 4096
+                    error = refused(handle.pread, 4096, offset)
+                    check(error == (errno.EIO if hits else 0), "%s: errno %d at %d" % (
+                        name, error, offset))
+                    if not hits:
+                        check(handle.pread(4096, offset) == data[offset - (1 << 20):][:4096], "data")
+                check(refused(handle.pread, BLOCK, damaged) == errno.EIO, "the block itself")
+                check(refused(handle.pread, 1 << 20, 1 << 20) == errno.EIO, "all of it")
+                if name != "item:1":
+                    check(handle.pread(1 << 20, 4 << 20) == data, "another write")
+                handle.shutdown()
+            handle = connect(server)
+            number = str(damaged // BLOCK)
+            lines = [line for line in server.log().splitlines() if number in line]
+            check(lines, "the log does not name block %s:\n%s" % (number, server.log()))
+            # A new write makes it good.
+            handle.pwrite(data[:BLOCK], damaged)
+            check(handle.pread(BLOCK, damaged) == data[:BLOCK], "written anew")
+            handle.shutdown()
+
+
+def test_end_under_load_loses_nothing_answered():
+    chance = random.Random(8)
+    size = 16 << 20
+    with Folder() as folder:
+        mirror = new_mirror(folder, size)
+        server = Server(folder, mirror, "stop-timeout=5s").start()
+        try:
+            fleet = Fleet(server, connections=6)
+            ended = []
+
+            def end():
+                time.sleep(0.4)
+                started = time.monotonic()
+                try:
+                    server.stop(within=20)
+                    ended.append(time.monotonic() - started)
+                except Failure as failure:
+                    ended.append(failure)
+
+            ending = threading.Thread(target=end)
+            ending.start()
+            try:
+                while True:
+                    op = chance.choices((WRITE, ZERO, TRIM, FLUSH), (90, 4, 4, 2))[0]
+                    length = 0 if op == FLUSH else chance.choice((1, 8, 64, 256)) * BLOCK
+                    offset = chance.randrange((size - length) // BLOCK) * BLOCK
+                    data = chance.randbytes(16) * (length // 16) if op == WRITE else b""
+                    fleet.send(op, offset if length else 0, length, data)
+            except nbd.Error:
+                pass
+            ending.join()
+            if isinstance(ended[0], Failure):
+                raise ended[0]
+            order = Order(mirror, fleet.requests)
+            for one in order.missing:
+                check(one.answered is None or one.error, "an answered request was lost")
+            print("     ended in %.2f s; %d items, %d requests without an answer" % (
+                ended[0], len(order.requests),
+                sum(1 for one in fleet.requests if one.answered is None)))
+            check(len(order.requests) > 100, "no load")
+            with Server(folder, mirror) as again:
+                image = Image(size)
+                order.play(image, len(order.requests))
+                copy = os.path.join(folder, "copy")
+                run_tool("nbdcopy", again.uri(), copy)
+                image.compare(copy, "live, after the end")
+        finally:
+            server.kill()
+
+
+def test_end_with_idle_clients():
+    """nbdkit waits for clients that are connected; the plugin does not let it for long."""
+    with Folder() as folder:
+        mirror = new_mirror(folder, 8 << 20)
+        data = random.Random(9).randbytes(1 << 20)
+        server = Server(folder, mirror, "stop-timeout=2s").start()
+        try:
+            idle = connect(server)
+            for offset in range(0, len(data), 4096):
+                idle.pwrite(data[offset:offset + 4096], offset)  # answered, and not flushed
+            started = time.monotonic()
+            server.stop(within=10)
+            print("     ended in %.1f s" % (time.monotonic() - started))
+        finally:
+            server.kill()
+        check(refused(idle.pread, BLOCK, 0) != 0, "it is served after the end")
+        with Server(folder, mirror) as again:
+            handle = connect(again)
+            check(handle.pread(len(data), 0) == data, "an answered request was lost")
+            handle.shutdown()
+
+
+def test_one_owner():
+    with Folder() as folder:
+        mirror = new_mirror(folder, 1 << 20)
+        with Server(folder, mirror) as server:
+            handle = connect(server)
+            handle.pwrite(b"1" * BLOCK, 0)
+            handle.flush()
+            second = Server(folder, mirror, name="second")
+            try:
+                second.start()
+                raise Failure("a second process owns the mirror")
+            except Failure as failure:
+                check("ended at once" in str(failure) and "in use" in str(failure), str(failure))
+            with Server(folder, mirror, "readonly=true", name="reader") as reader:
+                other = connect(reader, "latest")
+                check(other.pread(BLOCK, 0) == b"1" * BLOCK, "what the reader finds")
+                check(other.is_read_only(), "it is written to")
+                check(refused(connect, reader, "live") != 0, "live, though nobody writes")
+                other.shutdown()
+            handle.shutdown()
+
+
+need_nbd("nbdcopy")
+run(test_odd_requests, test_unknown_exports_are_refused, test_clients_that_vanish,
+    test_clients_that_stall_and_flood, test_full_journal, test_flipped_byte,
+    test_end_under_load_loses_nothing_answered, test_end_with_idle_clients, test_one_owner)
