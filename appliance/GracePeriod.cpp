@@ -23,13 +23,17 @@ std::atomic<u64>& GracePeriod::takeSlot()
     }
 }
 
-void GracePeriod::wait()
+bool GracePeriod::wait(u64 deadlineMs)
 {
     const u64 next = m_period.fetch_add(1) + 1;
     for (Slot& slot : m_slots) {
         // A reader that comes later may be taken for an early one, which only costs time.
         for (u64 period = slot.m_period.load(); period != 0 && period < next;
-             period = slot.m_period.load())
+             period = slot.m_period.load()) {
+            if (deadlineMs != Clock::NEVER && Clock::instance()->nowMs() >= deadlineMs)
+                return false;
             std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
     }
+    return true;
 }

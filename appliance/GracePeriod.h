@@ -13,6 +13,7 @@
 #include <atomic>
 
 #include "common/infra/Types.h"
+#include "host/infra/Clock.h"
 
 class GracePeriod
 {
@@ -30,8 +31,9 @@ public:
         std::atomic<u64>& m_slot;
     };
 
-    // Waits until every reader that was there at the call has gone. Not by a reader.
-    void wait();
+    // Waits until every reader that was there at the call has gone, or until the deadline (absolute
+    // monotonic milliseconds); returns whether they have. Not by a reader.
+    bool wait(u64 deadlineMs = Clock::NEVER);
 
 private:
     std::atomic<u64>& takeSlot();

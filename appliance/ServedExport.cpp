@@ -49,16 +49,18 @@ RcStatus ServedExport::changed(RcStatus rc, bool durable)
 
 RcStatus ServedExport::read(u64 offsetBytes, u32 lengthBytes, u8* data)
 {
-    RcStatus rc = RC_BAD_ARGUMENT;
-    if (isWhole(offsetBytes, lengthBytes))
+    const ServedMirror::Request request(m_served);
+    RcStatus rc = request.isAdmitted() ? RC_BAD_ARGUMENT : RC_ABORTED;
+    if (request.isAdmitted() && isWhole(offsetBytes, lengthBytes))
         rc = readBlocks(offsetBytes / BLOCK_BYTES, lengthBytes / BLOCK_BYTES, data);
     return counted(ServedOp::Read, rc, lengthBytes);
 }
 
 RcStatus ServedExport::write(u64 offsetBytes, u32 lengthBytes, const u8* data, bool durable)
 {
-    RcStatus rc = RC_BAD_ARGUMENT;
-    if (isWritable() && isWhole(offsetBytes, lengthBytes))
+    const ServedMirror::Request request(m_served);
+    RcStatus rc = request.isAdmitted() ? RC_BAD_ARGUMENT : RC_ABORTED;
+    if (request.isAdmitted() && isWritable() && isWhole(offsetBytes, lengthBytes))
         rc = changed(lengthBytes == 0 ? RC_SUCCESS
                                       : m_served.live()->write(offsetBytes / BLOCK_BYTES, data,
                                                                lengthBytes / BLOCK_BYTES),
@@ -68,8 +70,9 @@ RcStatus ServedExport::write(u64 offsetBytes, u32 lengthBytes, const u8* data, b
 
 RcStatus ServedExport::zero(ServedOp zeroOrTrim, u64 offsetBytes, u32 lengthBytes, bool durable)
 {
-    RcStatus rc = RC_BAD_ARGUMENT;
-    if (isWritable() && isWhole(offsetBytes, lengthBytes))
+    const ServedMirror::Request request(m_served);
+    RcStatus rc = request.isAdmitted() ? RC_BAD_ARGUMENT : RC_ABORTED;
+    if (request.isAdmitted() && isWritable() && isWhole(offsetBytes, lengthBytes))
         rc = changed(lengthBytes == 0 ? RC_SUCCESS
                                       : m_served.live()->writeZeroes(offsetBytes / BLOCK_BYTES,
                                                                      lengthBytes / BLOCK_BYTES),
@@ -79,6 +82,9 @@ RcStatus ServedExport::zero(ServedOp zeroOrTrim, u64 offsetBytes, u32 lengthByte
 
 RcStatus ServedExport::flush()
 {
+    const ServedMirror::Request request(m_served);
+    if (!request.isAdmitted())
+        return counted(ServedOp::Flush, RC_ABORTED, 0);
     return counted(ServedOp::Flush, isWritable() ? m_served.live()->flush() : RC_SUCCESS, 0);
 }
 
@@ -86,6 +92,9 @@ RcStatus ServedExport::extents(u64 offsetBytes, u32 lengthBytes, size_t maxExten
                                std::vector<ExportExtent>* extents)
 {
     extents->clear();
+    const ServedMirror::Request request(m_served);
+    if (!request.isAdmitted())
+        return counted(ServedOp::Extents, RC_ABORTED, 0);
     const u64 end = std::min(sizeBytes(), offsetBytes + lengthBytes);
     if (offsetBytes >= end)
         return counted(ServedOp::Extents, RC_BAD_ARGUMENT, 0);

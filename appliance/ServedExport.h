@@ -46,9 +46,9 @@ public:
     virtual bool isWritable() const { return false; }
     virtual std::string description() const = 0;
 
-    // RC_BAD_ARGUMENT: not whole blocks, beyond the end, or not writable; else as LiveVolume and
-    // DirectReader. durable: the request, and all that was answered before it, is durable when it
-    // is answered. Zeroing and trimming do the same here.
+    // RC_BAD_ARGUMENT: not whole blocks, beyond the end, or not writable; RC_ABORTED: the mirror is
+    // sealed; else as LiveVolume and DirectReader. durable: the request, and all that was answered
+    // before it, is durable when it is answered. Zeroing and trimming do the same here.
     RcStatus read(u64 offsetBytes, u32 lengthBytes, u8* data);
     RcStatus write(u64 offsetBytes, u32 lengthBytes, const u8* data, bool durable);
     RcStatus zero(ServedOp zeroOrTrim, u64 offsetBytes, u32 lengthBytes, bool durable);

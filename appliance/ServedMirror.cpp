@@ -21,7 +21,7 @@ ServedMirror::ServedMirror(TaskEngine& engine, ServedOptions options)
 
 ServedMirror::~ServedMirror()
 {
-    const Result ignored = stop(0);
+    const Result ignored = stop();
 }
 
 Result ServedMirror::start()
@@ -45,12 +45,21 @@ Result ServedMirror::start()
     m_services = std::make_unique<ServedServices>(*this);
     Result result = m_services->start();
     if (!result.ok()) {
-        const Result ignored = stop(0);
+        const Result ignored = stop();
     }
     return result;
 }
 
-Result ServedMirror::stop(u64 /*deadlineMs*/)
+Result ServedMirror::seal(u64 deadlineMs)
+{
+    m_sealed = true;
+    m_views->stop();
+    if (!m_requests.wait(deadlineMs))
+        return Result::failed("a request is still under way");
+    return m_options.m_readOnly ? Result() : m_mirror->flush();
+}
+
+Result ServedMirror::stop()
 {
     if (m_mirror == nullptr)
         return Result();

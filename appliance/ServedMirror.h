@@ -53,10 +53,28 @@ public:
     Result start();
 
     // Ends what is under way, and closes the mirror: all that was answered is durable after that.
-    // TimedOut is not among the outcomes: who cannot be waited for is left behind, and the mirror
-    // is closed nevertheless. REQUIRES: no client has anything open. Failures of the journal's
-    // close. deadlineMs: absolute monotonic milliseconds for what may be waited for.
-    Result stop(u64 deadlineMs);
+    // REQUIRES: no client has anything open. Failures of the journal's close.
+    Result stop();
+
+    // For an end that clients stay connected through: answers no request any more, waits for those
+    // under way, and makes what was answered durable. From any thread; stop() still comes after it
+    // where the process goes on. Failed: a request was under way at the deadline (absolute
+    // monotonic milliseconds); else as the journal's flush.
+    Result seal(u64 deadlineMs);
+
+    // A request of a client, for its length; one that is not admitted came after seal().
+    class Request
+    {
+    public:
+        explicit Request(ServedMirror& served)
+            : m_reader(served.m_requests), m_isAdmitted(!served.m_sealed)
+        {}
+        bool isAdmitted() const { return m_isAdmitted; }
+
+    private:
+        const GracePeriod::Reader m_reader;
+        const bool m_isAdmitted;
+    };
 
     const ServedOptions& options() const { return m_options; }
     TaskEngine& engine() { return m_engine; }
@@ -74,6 +92,8 @@ private:
     TaskEngine& m_engine;
     const ServedOptions m_options;
     ServedCounters m_counters;
+    GracePeriod m_requests; // of clients
+    std::atomic<bool> m_sealed{false};
     std::unique_ptr<Mirror> m_mirror;
     std::unique_ptr<LiveVolume> m_live;
     std::unique_ptr<ViewShelf> m_views;

@@ -15,6 +15,7 @@
 #include "nbd/PluginConfig.h"
 #include "nbd/PluginLog.h"
 #include "nbd/PluginServer.h"
+#include "nbd/PluginStopper.h"
 
 #define THREAD_MODEL NBDKIT_THREAD_MODEL_PARALLEL
 
@@ -35,6 +36,7 @@ constexpr size_t MAX_EXTENTS = 4096;
 
 PluginConfig config;
 std::unique_ptr<PluginServer> server;
+PluginStopper stopper;
 
 struct Handle
 {
@@ -80,6 +82,7 @@ int errnoOf(RcStatus rc)
     case RC_NO_SPACE: return ENOSPC;
     case RC_NO_MEMORY: return ENOMEM;
     case RC_BAD_ARGUMENT: return EINVAL;
+    case RC_ABORTED: return ESHUTDOWN;
     default: return EIO;
     }
 }
@@ -134,16 +137,21 @@ int afterFork()
 {
     return guarded(-1, [] {
         server = std::make_unique<PluginServer>();
-        return tell(server->start(config));
+        if (tell(server->start(config)) == -1)
+            return -1;
+        stopper.arm(server->served(), config.m_stopSeconds);
+        return 0;
     });
 }
 
 void cleanup()
 {
     guarded(0, [] {
+        stopper.beginOrderlyEnd();
         if (server != nullptr)
             tell(server->stop());
         server.reset();
+        stopper.disarm();
         return 0;
     });
 }

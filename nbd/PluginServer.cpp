@@ -24,7 +24,7 @@ Result PluginServer::stop()
     const u64 deadlineMs = Clock::instance()->nowMs() + m_stopSeconds * 1000;
     Result result;
     if (m_served != nullptr)
-        result = m_served->stop(deadlineMs);
+        result = m_served->stop();
     m_served.reset();
     const Outcome stopped = m_host.stop(deadlineMs);
     if (result.ok() && !stopped.ok())

@@ -32,7 +32,7 @@ protected:
     void stopServing()
     {
         if (m_served != nullptr) {
-            const Result result = m_served->stop(Clock::instance()->nowMs() + 10000);
+            const Result result = m_served->stop();
             EXPECT_TRUE(result.ok()) << result.message();
         }
         m_served.reset();

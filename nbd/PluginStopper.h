@@ -1,0 +1,42 @@
+// Keeps the end of the server within its time.
+//
+// When nbdkit is told to end it waits for the clients that are connected, and an idle one may stay
+// for ever. So a thread of ours hears of the signal too:
+//
+//   signal -> a moment's patience -> sealed: no request is answered any more, what was answered is
+//             durable -> the process ends, with 0
+//   nbdkit's own end comes first -> only the time is watched
+//   the time is over in either -> the process ends, with 1
+//
+// Thread safety: from nbdkit's main thread.
+#pragma once
+
+#include <thread>
+
+#include "appliance/ServedMirror.h"
+
+class PluginStopper
+{
+public:
+    PluginStopper() = default;
+    ~PluginStopper();
+    PluginStopper(const PluginStopper&) = delete;
+    PluginStopper& operator=(const PluginStopper&) = delete;
+
+    // From now on; nbdkit's own handlers of signals are called as before. served: lives until
+    // disarm().
+    void arm(ServedMirror& served, u64 stopSeconds);
+
+    // All clients have gone: the mirror is closed by the caller, with the time watched. Does not
+    // return where the clients did not go in time.
+    void beginOrderlyEnd();
+
+    // Done; once more does nothing.
+    void disarm();
+
+private:
+    void watch(ServedMirror& served, u64 stopSeconds);
+    [[noreturn]] static void endSealed(ServedMirror& served, u64 deadlineMs);
+
+    std::thread m_thread;
+};
