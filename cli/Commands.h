@@ -22,6 +22,7 @@ void addHold(CLI::App& app, Context& context);
 void addRelease(CLI::App& app, Context& context);
 void addApply(CLI::App& app, Context& context);
 void addTrim(CLI::App& app, Context& context);
+void addServe(CLI::App& app, Context& context);
 void addVerify(CLI::App& app, Context& context);
 void addEvents(CLI::App& app, Context& context);
 void addCompletion(CLI::App& app, Context& context);

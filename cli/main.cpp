@@ -47,6 +47,7 @@ int runMain(int argc, char** argv)
     addRelease(app, context);
     addApply(app, context);
     addTrim(app, context);
+    addServe(app, context);
     addVerify(app, context);
     addEvents(app, context);
     addCompletion(app, context);

@@ -1,0 +1,200 @@
+// rlctl serve
+
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "appliance/MirrorSettings.h"
+#include "appliance/Retention.h"
+#include "appliance/Sizes.h"
+#include "cli/Commands.h"
+#include "cli/ServeProcess.h"
+#include "host/journal/FileStorage.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* PLUGIN = "nbdkit-rl-plugin.so";
+// Of the socket in a mirror's folder.
+constexpr const char* SOCKET = "nbd";
+// What the server may take beyond the time that it gives itself.
+constexpr u64 MARGIN_SECONDS = 3;
+
+struct Arguments
+{
+    std::string m_mirror;
+    std::string m_socket;
+    std::string m_tcp;
+    bool m_readOnly = false;
+    std::vector<std::string> m_checkpointEvery;
+    std::string m_viewsBudget;
+    std::string m_applyRate;
+    std::string m_metrics;
+    std::string m_metricsHttp;
+    std::string m_stopTimeout = "10s";
+    std::vector<std::string> m_nbdkit;
+};
+
+// Beside this program where it was built, else where nbdkit has its plugins.
+Result findPlugin(std::string* path)
+{
+    std::error_code error;
+    const fs::path self = fs::read_symlink("/proc/self/exe", error);
+    const fs::path built = self.parent_path().parent_path() / "nbd" / PLUGIN;
+    if (!error && fs::exists(built, error)) {
+        *path = built.string();
+        return Result();
+    }
+    const fs::path installed = fs::path(RL_NBDKIT_PLUGIN_DIR) / PLUGIN;
+    if (fs::exists(installed, error)) {
+        *path = installed.string();
+        return Result();
+    }
+    return Result::failed(std::string("cannot find ") + PLUGIN + ", neither at " + built.string() +
+                          " nor at " + installed.string());
+}
+
+Result addressOf(const Arguments& arguments, ServeAddress* address)
+{
+    if (arguments.m_tcp.empty()) {
+        address->m_socket =
+            fs::absolute(arguments.m_socket.empty() ? fs::path(arguments.m_mirror) / SOCKET
+                                                    : fs::path(arguments.m_socket))
+                .lexically_normal()
+                .string();
+        return Result();
+    }
+    const size_t colon = arguments.m_tcp.rfind(':');
+    if (!arguments.m_socket.empty())
+        return Result::usage("--socket and --tcp exclude each other");
+    if (colon == std::string::npos || colon == 0 || colon + 1 == arguments.m_tcp.size())
+        return Result::usage("--tcp takes ADDRESS:PORT, as 127.0.0.1:10809");
+    address->m_host = arguments.m_tcp.substr(0, colon);
+    if (address->m_host.front() == '[' && address->m_host.back() == ']')
+        address->m_host = address->m_host.substr(1, address->m_host.size() - 2);
+    address->m_port = arguments.m_tcp.substr(colon + 1);
+    return Result();
+}
+
+// Told here, with codes of their own, rather than by the server.
+Result checkMirror(const Arguments& arguments)
+{
+    FileStorage storage(arguments.m_mirror);
+    MirrorSettings settings;
+    if (Result result = loadSettings(storage, arguments.m_mirror, &settings); !result.ok())
+        return result;
+    std::unique_ptr<StorageFile> lock;
+    if (!arguments.m_readOnly &&
+        storage.open("journal/lock", StorageAccess::ReadWrite, &lock) == RC_SUCCESS &&
+        lock->lock() == RC_IN_USE)
+        return Result(ResultCode::InUse,
+                      arguments.m_mirror + " is in use by another process that writes");
+    return Result();
+}
+
+Result commandLine(Context& context, const Arguments& arguments, const ServeAddress& address,
+                   std::vector<std::string>* line)
+{
+    std::string plugin;
+    if (Result result = findPlugin(&plugin); !result.ok())
+        return result;
+    *line = {"nbdkit", "--foreground", "--exit-with-parent"};
+    if (context.options().m_verbose)
+        line->emplace_back("--verbose");
+    if (!address.m_socket.empty())
+        line->insert(line->end(), {"--unix", address.m_socket});
+    else
+        line->insert(line->end(), {"--ipaddr", address.m_host, "--port", address.m_port});
+    line->insert(line->end(), arguments.m_nbdkit.begin(), arguments.m_nbdkit.end());
+    line->push_back(plugin);
+    const auto pass = [&](const char* key, const std::string& value) {
+        if (!value.empty())
+            line->push_back(std::string(key) + "=" + value);
+    };
+    pass("mirror", fs::absolute(arguments.m_mirror).string());
+    pass("readonly", arguments.m_readOnly ? "true" : "");
+    pass("recovery", context.options().m_recovery);
+    for (const std::string& every : arguments.m_checkpointEvery)
+        pass("checkpoint-every", every);
+    pass("views-budget", arguments.m_viewsBudget);
+    pass("memory-limit", context.options().m_memoryLimit);
+    pass("apply-rate", arguments.m_applyRate);
+    pass("metrics", arguments.m_metrics.empty() ? "" : fs::absolute(arguments.m_metrics).string());
+    pass("metrics-http", arguments.m_metricsHttp);
+    pass("stop-timeout", arguments.m_stopTimeout);
+    return Result();
+}
+
+Result run(Context& context, const Arguments& arguments)
+{
+    u64 stopSeconds = 0;
+    if (Result result = parseDuration(arguments.m_stopTimeout, &stopSeconds); !result.ok())
+        return result;
+    ServeAddress address;
+    if (Result result = addressOf(arguments, &address); !result.ok())
+        return result;
+    if (Result result = checkMirror(arguments); !result.ok())
+        return result;
+    if (Result result = address.clear(); !result.ok())
+        return result;
+    std::vector<std::string> line;
+    if (Result result = commandLine(context, arguments, address, &line); !result.ok())
+        return result;
+    ServeProcess server;
+    if (Result result = server.start(line); !result.ok())
+        return result;
+    Result result = server.waitUntilAnswers(address);
+    if (result.ok()) {
+        // nbdkit makes it so that nobody else may write to it, which connecting takes.
+        if (!address.m_socket.empty())
+            chmod(address.m_socket.c_str(), S_IRUSR | S_IWUSR);
+        if (context.json())
+            context.result(Json{{"mirror", arguments.m_mirror},
+                                {"uri", address.uri()},
+                                {"readonly", arguments.m_readOnly}});
+        else
+            context.say("serving " + arguments.m_mirror + " at " + address.uri());
+        result = server.waitForEnd(stopSeconds + MARGIN_SECONDS);
+    }
+    // nbdkit leaves it behind.
+    if (!address.m_socket.empty())
+        unlink(address.m_socket.c_str());
+    return result;
+}
+
+} // namespace
+
+void addServe(CLI::App& app, Context& context)
+{
+    CLI::App* command = addCommand(app, context, "serve", "Serve a mirror's exports over NBD",
+                                   "rlctl serve backup.mirror --checkpoint-every 30s",
+                                   "rlctl serve backup.mirror --readonly --tcp 127.0.0.1:10809");
+    auto arguments = std::make_shared<Arguments>();
+    command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
+    command->add_option("NBDKIT-OPTIONS", arguments->m_nbdkit,
+                        "More options for nbdkit, after --, as --tls=require");
+    command->add_option("--socket", arguments->m_socket,
+                        "The Unix socket to listen on (default: nbd in the mirror's folder)");
+    command->add_option("--tcp", arguments->m_tcp, "Listen on ADDRESS:PORT instead");
+    command->add_flag("--readonly", arguments->m_readOnly,
+                      "Serve the past alone; another process may write");
+    command
+        ->add_option("--checkpoint-every", arguments->m_checkpointEvery,
+                     "Set checkpoints by time (30s) or by amount written (256M)")
+        ->expected(1)
+        ->take_all();
+    command->add_option("--views-budget", arguments->m_viewsBudget,
+                        "Most memory for the indexes of all views (default 1G)");
+    command->add_option("--apply-rate", arguments->m_applyRate,
+                        "Most bytes a second that are applied in the background");
+    command->add_option("--metrics", arguments->m_metrics,
+                        "Write metrics to this file, in Prometheus text");
+    command->add_option("--metrics-http", arguments->m_metricsHttp,
+                        "Serve metrics on ADDRESS:PORT");
+    command->add_option("--stop-timeout", arguments->m_stopTimeout,
+                        "What ending may take (default 10s)");
+    command->callback([&context, arguments] {
+        context.setAction([&, arguments] { return run(context, *arguments); });
+    });
+}

@@ -1,0 +1,184 @@
+#include "cli/ServeProcess.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <netdb.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "host/infra/Clock.h"
+
+namespace {
+
+std::atomic<int> child{-1};
+std::atomic<bool> stopPassedOn{false};
+
+void passOn(int)
+{
+    stopPassedOn = true;
+    if (child > 0)
+        kill(child, SIGTERM);
+}
+
+void catchSignals(void (*handler)(int))
+{
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+// A connection, or -1.
+int connectTo(const ServeAddress& address)
+{
+    if (!address.m_socket.empty()) {
+        sockaddr_un name = {};
+        name.sun_family = AF_UNIX;
+        if (address.m_socket.size() >= sizeof(name.sun_path))
+            return -1;
+        std::memcpy(name.sun_path, address.m_socket.c_str(), address.m_socket.size() + 1);
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&name), sizeof(name)) == 0)
+            return fd;
+        if (fd >= 0)
+            close(fd);
+        return -1;
+    }
+    addrinfo hints = {};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(address.m_host.c_str(), address.m_port.c_str(), &hints, &found) != 0)
+        return -1;
+    int connected = -1;
+    for (const addrinfo* one = found; one != nullptr && connected < 0; one = one->ai_next) {
+        const int fd = socket(one->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd >= 0 && connect(fd, one->ai_addr, one->ai_addrlen) == 0)
+            connected = fd;
+        else if (fd >= 0)
+            close(fd);
+    }
+    freeaddrinfo(found);
+    return connected;
+}
+
+} // namespace
+
+std::string ServeAddress::uri() const
+{
+    if (m_socket.empty())
+        return "nbd://" + m_host + ":" + m_port + "/";
+    return "nbd+unix:///?socket=" + m_socket;
+}
+
+// The connection alone says little: it is taken before the server is ready, and a greeting is not.
+// The negotiation is given up in order, so that the server has nothing to complain of.
+bool ServeAddress::answers() const
+{
+    constexpr char GIVE_UP[] = "\0\0\0\3" // fixed newstyle, no zeroes
+                               "IHAVEOPT\0\0\0\2\0\0\0\0";
+    const int fd = connectTo(*this);
+    if (fd < 0)
+        return false;
+    const timeval patience{1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    char greeting[18] = {};
+    const bool greeted = recv(fd, greeting, sizeof(greeting), MSG_WAITALL) == sizeof(greeting) &&
+                         std::memcmp(greeting, "NBDMAGIC", 8) == 0;
+    if (greeted && send(fd, GIVE_UP, sizeof(GIVE_UP) - 1, MSG_NOSIGNAL) > 0)
+        recv(fd, greeting, sizeof(greeting), MSG_WAITALL);
+    close(fd);
+    return greeted;
+}
+
+Result ServeAddress::clear() const
+{
+    struct stat status = {};
+    if (m_socket.empty() || lstat(m_socket.c_str(), &status) != 0)
+        return Result();
+    if (!S_ISSOCK(status.st_mode))
+        return Result::failed(m_socket + " is there and is no socket");
+    const int fd = connectTo(*this);
+    if (fd >= 0) {
+        close(fd);
+        return Result(ResultCode::InUse, "a server listens on " + m_socket + " already");
+    }
+    return unlink(m_socket.c_str()) == 0 ? Result()
+                                         : Result::fromErrno(errno, "cannot remove " + m_socket);
+}
+
+ServeProcess::~ServeProcess()
+{
+    if (m_pid <= 0)
+        return;
+    kill(m_pid, SIGKILL);
+    waitpid(m_pid, &m_status, 0);
+    child = -1;
+}
+
+Result ServeProcess::start(const std::vector<std::string>& arguments)
+{
+    std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    catchSignals(passOn);
+    const int error = posix_spawnp(&m_pid, argv[0], nullptr, nullptr, argv.data(), environ);
+    if (error != 0) {
+        m_pid = -1;
+        return Result(error == ENOENT ? ResultCode::NotFound : ResultCode::Failed,
+                      "cannot run " + arguments.front() + ": " + std::strerror(error));
+    }
+    child = m_pid;
+    // A signal that came in between found no child.
+    if (stopPassedOn)
+        kill(m_pid, SIGTERM);
+    return Result();
+}
+
+// Whether the child has ended by then.
+bool ServeProcess::waitFor(u64 milliseconds)
+{
+    const u64 endMs = Clock::instance()->nowMs() + milliseconds;
+    while (m_pid > 0) {
+        const pid_t ended = waitpid(m_pid, &m_status, WNOHANG);
+        if (ended == m_pid || (ended < 0 && errno == ECHILD)) {
+            child = m_pid = -1;
+            return true;
+        }
+        if (Clock::instance()->nowMs() >= endMs)
+            return false;
+        poll(nullptr, 0, 20);
+    }
+    return true;
+}
+
+Result ServeProcess::waitUntilAnswers(const ServeAddress& address)
+{
+    while (!address.answers()) {
+        if (waitFor(50))
+            return stopPassedOn ? Result() : waitForEnd(0);
+    }
+    return Result();
+}
+
+Result ServeProcess::waitForEnd(u64 stopSeconds)
+{
+    while (!stopPassedOn && !waitFor(500)) {
+    }
+    if (m_pid > 0 && !waitFor(stopSeconds * 1000)) {
+        kill(m_pid, SIGKILL);
+        waitFor(~u64{0} / 2);
+        return Result::failed("the server did not end in time and was killed");
+    }
+    if (WIFEXITED(m_status) && WEXITSTATUS(m_status) == 0)
+        return Result();
+    return Result::failed("the server failed; what it said tells more");
+}

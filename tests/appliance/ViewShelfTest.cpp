@@ -1,0 +1,278 @@
+#include "appliance/ViewShelf.h"
+
+#include <atomic>
+#include <thread>
+
+#include "appliance/Apply.h"
+#include "appliance/DiffMaps.h"
+#include "appliance/Trim.h"
+#include "tests/appliance/MirrorFixture.h"
+
+namespace {
+
+class ViewShelfTest : public MirrorFixture
+{
+protected:
+    static constexpr u64 PLENTY = u64{1} << 30;
+
+    void TearDown() override
+    {
+        m_shelf.reset();
+        MirrorFixture::TearDown();
+    }
+
+    void makeShelf(u64 budgetBytes = PLENTY, bool keepsUnused = true)
+    {
+        m_shelf = std::make_unique<ViewShelf>(*m_mirror, budgetBytes, keepsUnused);
+    }
+
+    static ChosenPoint point(u64 items)
+    {
+        ChosenPoint chosen;
+        chosen.m_items = items;
+        return chosen;
+    }
+
+    ViewShelf::Lease open(u64 items)
+    {
+        ViewShelf::Lease lease;
+        const Result result = m_shelf->open(point(items), &lease);
+        EXPECT_TRUE(result.ok()) << result.message();
+        return lease;
+    }
+
+    static Image read(const ViewShelf::Lease& lease)
+    {
+        Image image(BLOCKS * BLOCK_BYTES, 0xAA);
+        EXPECT_EQ(lease->reader().read(0, BLOCKS, image.data()), RC_SUCCESS);
+        return image;
+    }
+
+    std::unique_ptr<ViewShelf> m_shelf;
+};
+
+TEST_F(ViewShelfTest, EveryPointReadsAsItWasInWhateverOrderTheyAreOpened)
+{
+    for (const Compression compression : {Compression::None, Compression::Zstd}) {
+        m_shelf.reset();
+        m_mirror.reset();
+        m_images.resize(1);
+        std::filesystem::remove_all(folder());
+        makeMirror(compression);
+        writeRandomly(1, 200);
+        makeShelf();
+        std::mt19937 random(5);
+        for (int i = 0; i < 60; ++i) {
+            const u64 items = random() % m_images.size();
+            ASSERT_EQ(read(open(items)), m_images[items]) << items;
+        }
+        EXPECT_GT(m_shelf->report().m_continued, 0u);
+        EXPECT_LT(m_shelf->report().m_continued, m_shelf->report().m_built);
+    }
+}
+
+TEST_F(ViewShelfTest, ConnectionsToOnePointShareItsView)
+{
+    makeMirror();
+    writeRandomly(2, 100);
+    makeShelf();
+    constexpr u32 THREADS = 6;
+    std::atomic<u32> failures{0};
+    std::vector<std::thread> threads;
+    for (u32 id = 0; id < THREADS; ++id) {
+        threads.emplace_back([&, id] {
+            for (u64 i = 0; i < 20; ++i) {
+                ViewShelf::Lease lease;
+                failures += !m_shelf->open(point(id % 2 == 0 ? 50 : 90), &lease).ok();
+                failures += read(lease) != m_images[id % 2 == 0 ? 50 : 90];
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(failures, 0u);
+    const ViewShelfReport report = m_shelf->report();
+    EXPECT_EQ(report.m_built, 2u);
+    EXPECT_EQ(report.m_views, 2u);
+    EXPECT_EQ(report.m_open, 0u);
+    EXPECT_GT(report.m_bytes, 0u);
+}
+
+TEST_F(ViewShelfTest, TheBudgetDropsWhatWasUsedLeastRecentlyAndNeverWhatIsOpen)
+{
+    makeMirror();
+    writeRandomly(3, 120);
+    makeShelf();
+    open(40);
+    const u64 oneBytes = m_shelf->report().m_bytes;
+    ASSERT_GT(oneBytes, 0u);
+    makeShelf(oneBytes * 2 + oneBytes / 2);
+    open(40);
+    open(41);
+    open(40);
+    open(42); // drops 41
+    ViewShelfReport report = m_shelf->report();
+    EXPECT_EQ(report.m_dropped, 1u);
+    EXPECT_EQ(report.m_views, 2u);
+    EXPECT_LE(report.m_bytes, report.m_budgetBytes);
+    open(40);
+    EXPECT_EQ(m_shelf->report().m_built, 3u) << "40 was still there";
+
+    ViewShelf::Lease first = open(40);
+    ViewShelf::Lease second = open(42);
+    ViewShelf::Lease third;
+    const Result refused = m_shelf->open(point(43), &third);
+    EXPECT_EQ(refused.code(), ResultCode::NoSpace);
+    EXPECT_NE(refused.message().find("budget"), std::string::npos) << refused.message();
+    EXPECT_FALSE(third);
+    EXPECT_EQ(read(first), m_images[40]) << "what is open is not touched";
+    first = ViewShelf::Lease();
+    EXPECT_EQ(read(open(43)), m_images[43]);
+    EXPECT_EQ(read(second), m_images[42]);
+}
+
+TEST_F(ViewShelfTest, UnusedViewsStepOutOfApplysWay)
+{
+    makeMirror();
+    writeRandomly(4, 80);
+    makeShelf();
+    open(20);
+    ViewShelf::Lease used = open(60);
+    FlowControl control;
+    ApplyStatistics statistics;
+    EXPECT_EQ(
+        applyMirror(*m_mirror, m_host.getEngine(), point(50), ApplyOptions(), control, &statistics)
+            .code(),
+        ResultCode::InUse);
+    EXPECT_EQ(m_shelf->dropUnused(50), 1u);
+    EXPECT_TRUE(
+        applyMirror(*m_mirror, m_host.getEngine(), point(50), ApplyOptions(), control, &statistics)
+            .ok());
+    EXPECT_EQ(m_shelf->dropUnused(80), 0u) << "it is open";
+    EXPECT_EQ(read(used), m_images[60]);
+    ViewShelf::Lease passed;
+    EXPECT_EQ(m_shelf->open(point(20), &passed).code(), ResultCode::NotFound);
+    EXPECT_EQ(m_shelf->report().m_views, 1u) << "a view that cannot be built leaves nothing";
+}
+
+TEST_F(ViewShelfTest, OfAReaderNothingStaysThatNobodyHasOpen)
+{
+    makeMirror();
+    writeRandomly(5, 40);
+    openMirror(MirrorAccess::Reader);
+    makeShelf(PLENTY, false);
+    {
+        ViewShelf::Lease one = open(30);
+        ViewShelf::Lease two = open(30);
+        EXPECT_EQ(read(one), m_images[30]);
+        EXPECT_EQ(m_shelf->report().m_open, 1u);
+    }
+    EXPECT_EQ(m_shelf->report().m_views, 0u);
+    EXPECT_EQ(m_shelf->report().m_bytes, 0u);
+}
+
+TEST_F(ViewShelfTest, StoppingEndsWhatIsBuilt)
+{
+    makeMirror();
+    writeRandomly(6, 40);
+    makeShelf();
+    m_shelf->stop();
+    ViewShelf::Lease lease;
+    EXPECT_EQ(m_shelf->open(point(30), &lease).code(), ResultCode::Interrupted);
+}
+
+TEST_F(ViewShelfTest, ViewsStayTrueWhileTheJournalIsTrimmedAndOthersGoOnFromThem)
+{
+    MirrorSettings settings;
+    settings.m_sizeBytes = BLOCKS * BLOCK_BYTES;
+    ASSERT_TRUE(Mirror::create(folder(), settings).ok());
+    openMirror();
+    // Large enough that grains fill up, and go.
+    std::mt19937 random(7);
+    Image image(BLOCKS * BLOCK_BYTES);
+    for (u32 i = 0; i < 120; ++i) {
+        const u32 length = 1800 + random() % 200;
+        const u64 offset = random() % (BLOCKS - length);
+        std::fill_n(image.data() + offset * BLOCK_BYTES, size_t{length} * BLOCK_BYTES,
+                    static_cast<u8>(1 + random() % 255));
+        ASSERT_TRUE(m_mirror->write(offset, image.data() + offset * BLOCK_BYTES, length).ok());
+        m_images.push_back(image);
+    }
+    ASSERT_TRUE(m_mirror->flush().ok());
+    makeShelf();
+    ViewShelf::Lease kept = open(100);
+    std::atomic<bool> stop{false};
+    std::atomic<u32> failures{0};
+    std::thread reader([&] {
+        while (!stop)
+            failures += read(kept) != m_images[100];
+    });
+    std::thread opener([&] {
+        for (u64 i = 0; !stop; ++i) {
+            ViewShelf::Lease lease;
+            const u64 items = 101 + i % 20;
+            const Result result = m_shelf->open(point(items), &lease);
+            failures += result.ok() && read(lease) != m_images[items];
+            // A trim that has begun, or not yet ended, keeps builds and itself apart.
+            failures += !result.ok() && result.code() != ResultCode::InUse;
+            lease = ViewShelf::Lease();
+            m_shelf->dropUnused(121);
+        }
+    });
+    u64 removed = 0;
+    for (u64 to = 10; to <= 100; to += 10) {
+        FlowControl control;
+        ApplyStatistics applied;
+        ASSERT_TRUE(
+            applyMirror(*m_mirror, m_host.getEngine(), point(to), ApplyOptions(), control, &applied)
+                .ok());
+        // While a view is built the trim is refused.
+        for (int tries = 0; tries < 200; ++tries) {
+            TrimStatistics trimmed;
+            const Result result = trimMirror(*m_mirror, m_host.getEngine(), point(to),
+                                             TrimOptions(), control, &trimmed);
+            removed += trimmed.m_removedIos;
+            if (result.ok())
+                break;
+            ASSERT_EQ(result.code(), ResultCode::InUse) << result.message();
+        }
+    }
+    stop = true;
+    reader.join();
+    opener.join();
+    EXPECT_EQ(failures, 0u);
+    EXPECT_GT(removed, 0u);
+    EXPECT_GT(m_mirror->journal().begin().m_items, 0u);
+    EXPECT_EQ(read(kept), m_images[100]);
+    EXPECT_EQ(read(open(120)), m_images[120]);
+}
+
+TEST_F(ViewShelfTest, DiffMapsAreSharedAndBounded)
+{
+    makeMirror();
+    writeRandomly(8, 60);
+    makeShelf();
+    DiffMaps maps(*m_mirror, *m_shelf);
+    std::shared_ptr<const DiffMaps::Extents> first;
+    std::shared_ptr<const DiffMaps::Extents> second;
+    ASSERT_TRUE(maps.open(point(10), point(50), &first).ok());
+    ASSERT_TRUE(maps.open(point(10), point(50), &second).ok());
+    EXPECT_EQ(first, second);
+    for (u64 block = 0; block < BLOCKS; ++block) {
+        bool changed = false;
+        for (const DiffExtent& extent : *first)
+            changed = changed || (extent.m_offsetBlocks <= block &&
+                                  block < extent.m_offsetBlocks + extent.m_lengthBlocks);
+        if (!changed) {
+            ASSERT_EQ(std::memcmp(m_images[10].data() + block * BLOCK_BYTES,
+                                  m_images[50].data() + block * BLOCK_BYTES, BLOCK_BYTES),
+                      0);
+        }
+    }
+    EXPECT_EQ(maps.open(point(50), point(10), &second).code(), ResultCode::WrongUsage);
+    ViewShelf tiny(*m_mirror, 64, true);
+    DiffMaps bounded(*m_mirror, tiny);
+    EXPECT_EQ(bounded.open(point(10), point(50), &second).code(), ResultCode::NoSpace);
+}
+
+} // namespace

@@ -1,0 +1,274 @@
+"""A served mirror from outside: its exports, their maps, and how the server begins and ends.
+
+Skipped, and saying so, where nbdkit or one of its clients is not installed.
+"""
+
+import os
+import shutil
+import signal
+import socket
+import stat
+import subprocess
+import sys
+import time
+
+from support import RLCTL, Folder, check, rlctl, rlctl_json, run
+
+try:
+    import nbd
+except ImportError:
+    nbd = None
+
+SIZE = 16 << 20
+
+
+class Served:
+    """rlctl serve, from the line that says it is ready to its end."""
+
+    def __init__(self, mirror, *options):
+        self.mirror = mirror
+        self.socket = os.path.join(mirror, "nbd")
+        self.process = subprocess.Popen([RLCTL, "serve", mirror, *options],
+                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.log = b""
+        while b"serving " not in self.log:
+            line = self.process.stdout.readline()
+            check(line, "the server ended before it served: " + self.log.decode())
+            self.log += line
+
+    def uri(self, export=""):
+        return "nbd+unix:///%s?socket=%s" % (export, self.socket)
+
+    def connect(self, export=""):
+        client = nbd.NBD()
+        client.add_meta_context("base:allocation")
+        client.connect_uri(self.uri(export))
+        return client
+
+    def end(self, number=signal.SIGTERM, within=8, code=0):
+        began = time.monotonic()
+        self.process.send_signal(number)
+        self.log += self.process.stdout.read()
+        self.process.wait()
+        check(time.monotonic() - began < within, "the end took too long")
+        check(self.process.returncode == code, "exit code %d: %s" % (
+            self.process.returncode, self.log.decode()))
+        check(not os.path.exists(self.socket), "the socket is left behind")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, kind, value, trace):
+        if self.process.returncode is None:
+            self.process.kill()
+            self.process.wait()
+
+
+def made(folder, *options):
+    mirror = os.path.join(folder, "m")
+    rlctl("create", mirror, "--size", SIZE, *options)
+    return mirror
+
+
+def map_of(client, offset=0, length=SIZE):
+    """(offset, length, flags), neighbours of one kind joined."""
+    runs = []
+
+    def take(context, start, entries, error):
+        check(context == "base:allocation", context)
+        for length, flags in zip(entries[0::2], entries[1::2]):
+            if runs and runs[-1][2] == flags:
+                runs[-1][1] += length
+            else:
+                runs.append([start, length, flags])
+            start += length
+
+    done = offset
+    while done < offset + length:
+        before = done
+        client.block_status(offset + length - done, done, take)
+        done = runs[-1][0] + runs[-1][1]
+        check(done > before, "a map that does not go on")
+    return [tuple(one) for one in runs]
+
+
+HOLE, ZERO = 1, 2
+
+
+def error_of(action):
+    try:
+        action()
+    except nbd.Error as error:
+        return error.errno
+    return None
+
+
+def exports_and_their_maps():
+    with Folder() as folder:
+        mirror = made(folder)
+        with Served(mirror) as served:
+            mode = os.stat(served.socket).st_mode
+            check(stat.S_IMODE(mode) & 0o077 == 0, "others may open the socket: %o" % mode)
+            live = served.connect("live")
+            check(live.get_size() == SIZE, "size")
+            check(live.can_fua() and live.can_multi_conn() and live.can_trim() and
+                  live.can_zero() and live.can_fast_zero() and not live.is_read_only(), "flags")
+            check([live.get_block_size(kind) for kind in range(3)] == [512, 4096, 32 << 20],
+                  "block sizes")
+            live.pwrite(b"a" * 8192, 0)
+            live.pwrite(b"b" * 4096, 1 << 20, nbd.CMD_FLAG_FUA)
+            rlctl("checkpoint", mirror, "--tag", "first")
+            live.pwrite(b"c" * 4096, 4096)
+            live.zero(4096, 1 << 20, nbd.CMD_FLAG_FAST_ZERO)
+            live.trim(4096, 2 << 20)
+            live.flush()
+            rlctl("checkpoint", mirror)
+            live.pwrite(b"d" * 512, 8192)
+            live.flush()
+
+            listed = {}
+            lister = nbd.NBD()
+            lister.set_opt_mode(True)
+            lister.connect_unix(served.socket)
+            lister.opt_list(lambda name, description: listed.update({name: description}))
+            lister.opt_abort()
+            check(list(listed) == ["live", "latest", "cp:1", "cp:2"], listed)
+            check("(first)" in listed["cp:1"] and listed["cp:1"].startswith("cp:1 of 20"),
+                  listed["cp:1"])
+
+            first = served.connect("tag:first")
+            check(first.is_read_only(), "a view is read-only")
+            check(first.pread(SIZE, 0) == b"a" * 8192 + bytes((1 << 20) - 8192) + b"b" * 4096 +
+                  bytes(SIZE - (1 << 20) - 4096), "the content at the first checkpoint")
+            check(map_of(first) == [(0, 8192, 0), (8192, (1 << 20) - 8192, HOLE | ZERO),
+                                    (1 << 20, 4096, 0),
+                                    ((1 << 20) + 4096, SIZE - (1 << 20) - 4096, HOLE | ZERO)],
+                  map_of(first))
+            for name in ("cp:1", "item:2", "1"):
+                check(served.connect(name).pread(SIZE, 0) == first.pread(SIZE, 0), name)
+            now = served.connect("latest")
+            live.pwrite(b"e" * 512, 0)
+            check(now.pread(512, 0) == b"a" * 512, "latest is what it was when it was opened")
+            check(served.connect("latest").pread(512, 0) == b"e" * 512, "and later a later one")
+            check(served.connect().pread(512, 8192) == b"d" * 512, "the default is live")
+
+            # Unchanged is a hole and never zero.
+            diff = served.connect("diff:1..2")
+            check(diff.pread(SIZE, 0) == served.connect("cp:2").pread(SIZE, 0), "reads as the later")
+            check(map_of(diff) == [(0, 4096, HOLE), (4096, 4096, 0),
+                                   (8192, (1 << 20) - 8192, HOLE), (1 << 20, 4096, HOLE | ZERO),
+                                   ((1 << 20) + 4096, (1 << 20) - 4096, HOLE),
+                                   (2 << 20, 4096, HOLE | ZERO),
+                                   ((2 << 20) + 4096, SIZE - (2 << 20) - 4096, HOLE)],
+                  map_of(diff))
+            one = []
+            diff.block_status(SIZE - 4096, 4096, lambda c, o, entries, e: one.extend(entries),
+                              nbd.CMD_FLAG_REQ_ONE)
+            check(one == [4096, 0], one)
+
+            for name in ("cp:3", "tag:none", "item:99", "diff:2..1", "diff:1", "nonsense",
+                         "time:1999-01-01T00:00:00Z"):
+                check(error_of(lambda name=name: served.connect(name)) is not None, name)
+            odd = nbd.NBD()
+            odd.set_strict_mode(0)
+            odd.connect_uri(served.uri("live"))
+            check(error_of(lambda: odd.pwrite(b"x" * 100, 0)) == "EINVAL", "a part of a block")
+            check(error_of(lambda: odd.pread(512, 100)) == "EINVAL", "at no block")
+            check(odd.pread(512, 0) == b"e" * 512, "and it goes on")
+            served.end()
+        check("can serve" not in rlctl("verify", mirror).decode(), "verify")
+
+
+def clients_copy_in_both_directions():
+    with Folder() as folder:
+        mirror = made(folder, "--compress", "lz4")
+        image = os.path.join(folder, "image")
+        with open(image, "wb") as file:
+            file.truncate(SIZE)
+            for block in range(0, SIZE, 1 << 20):
+                file.seek(block)
+                file.write(os.urandom(4096) + b"z" * 65536)
+        with Served(mirror) as served:
+            subprocess.run(["nbdcopy", "--flush", image, served.uri("live")], check=True)
+            rlctl("checkpoint", mirror)
+            back = os.path.join(folder, "back")
+            subprocess.run(["nbdcopy", served.uri("cp:1"), back], check=True)
+            check(open(image, "rb").read() == open(back, "rb").read(), "nbdcopy")
+            live = served.connect("live")
+            live.pwrite(b"n" * 65536, 3 << 20)
+            live.zero(1 << 20, 5 << 20)
+            live.flush()
+            rlctl("checkpoint", mirror)
+            base, increment = (os.path.join(folder, name) for name in ("base.qcow2", "inc.qcow2"))
+            subprocess.run(["qemu-img", "convert", "-O", "qcow2", served.uri("cp:1"), base],
+                           check=True)
+            subprocess.run(["qemu-img", "convert", "-O", "qcow2", "-B", base, "-F", "qcow2",
+                            served.uri("diff:1..2"), increment], check=True)
+            subprocess.run(["qemu-img", "compare", increment, served.uri("cp:2")], check=True,
+                           stdout=subprocess.DEVNULL)
+            check(os.path.getsize(increment) < 1 << 20, "an increment holds what changed alone")
+            whole = os.path.join(folder, "whole")
+            shutil.copy(image, whole)
+            subprocess.run(["nbdcopy", served.uri("diff:1..2"), whole], check=True)
+            subprocess.run(["qemu-img", "compare", "-f", "raw", "-F", "raw", whole,
+                            served.uri("cp:2")], check=True, stdout=subprocess.DEVNULL)
+            served.end()
+
+
+def the_end_keeps_what_was_answered():
+    with Folder() as folder:
+        mirror = made(folder)
+        for number in (signal.SIGTERM, signal.SIGINT):
+            with Served(mirror) as served:
+                # One client goes on sitting there, another has said nothing at all.
+                idle = served.connect("live")
+                silent = socket.socket(socket.AF_UNIX)
+                silent.connect(served.socket)
+                idle.pwrite(b"k" * 4096, int(number) * 4096)
+                served.end(number)
+                silent.close()
+            check(rlctl("read", mirror, "--at", "latest", "--offset", int(number) * 4096,
+                        "--length", 4096) == b"k" * 4096, "what was answered is there")
+        with Served(mirror) as served:
+            rlctl("serve", mirror, code=11)
+            served.process.kill()
+            served.process.wait()
+        # The child of a parent that was killed ends as well, and a socket left behind is no reason
+        # not to serve.
+        deadline = time.monotonic() + 10
+        while True:
+            try:
+                with Served(mirror) as served:
+                    served.end()
+                break
+            except Exception:  # pylint: disable=broad-except
+                check(time.monotonic() < deadline, "the mirror stays in use")
+                time.sleep(0.2)
+
+
+def read_only_and_refusals():
+    with Folder() as folder:
+        mirror = made(folder)
+        rlctl("serve", os.path.join(folder, "none"), code=10)
+        rlctl("serve", mirror, "--tcp", "nonsense", code=2)
+        rlctl("serve", mirror, "--readonly", "--checkpoint-every", "5s", code=1)
+        rlctl("serve", mirror, "--socket", os.path.join(mirror, "mirror.json"), code=1)
+        with Served(mirror, "--readonly") as served:
+            check(error_of(lambda: served.connect("live")) is not None, "no live export")
+            view = served.connect()
+            check(view.is_read_only() and view.pread(512, 0) == bytes(512), "latest by default")
+            rlctl("checkpoint", mirror)  # another process may write
+            view.shutdown()
+            served.end()
+        check(rlctl_json("checkpoints", mirror)["checkpoints"][0]["id"] == 1, "it was set")
+
+
+if __name__ == "__main__":
+    missing = [name for name in ("nbdkit", "nbdcopy", "qemu-img") if shutil.which(name) is None]
+    if nbd is None:
+        missing.append("python3-libnbd")
+    if missing:
+        print("skipped: not installed: " + ", ".join(missing))
+        sys.exit(77)
+    run(exports_and_their_maps, clients_copy_in_both_directions, the_end_keeps_what_was_answered,
+        read_only_and_refusals)
