@@ -47,7 +47,7 @@ Result findPlugin(std::string* path)
         return Result();
     }
     const fs::path installed = fs::path(RL_NBDKIT_PLUGIN_DIR) / PLUGIN;
-    if (fs::exists(installed, error)) {
+    if (installed.is_absolute() && fs::exists(installed, error)) {
         *path = installed.string();
         return Result();
     }
