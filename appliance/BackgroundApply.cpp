@@ -107,8 +107,10 @@ Result BackgroundApply::trim()
     Mirror& mirror = m_jobs.mirror();
     ChosenPoint point;
     point.m_items = mirror.applyState().m_items;
-    if (point.m_items == mirror.journal().begin().m_items || point.m_items == m_trimmedAt ||
-        m_stop.isSet())
+    const bool unfinished = mirror.untakenPage() != ~u64{0};
+    const bool nothingLeft =
+        point.m_items == mirror.journal().begin().m_items || point.m_items == m_trimmedAt;
+    if ((nothingLeft && !unfinished) || m_stop.isSet())
         return Result();
     BackgroundPace::Options options = pace();
     options.m_bytesPerSecond = 0; // what is trimmed is not written

@@ -118,8 +118,13 @@ Result ControlClient::run(const std::string& command, const JsonValue& arguments
     const auto started = std::chrono::steady_clock::now();
     m_accepted = false;
     if (Result sent = send(controlLine(JsonValue{{"command", command}, {"arguments", arguments}}));
-        !sent.ok())
-        return sent;
+        !sent.ok()) {
+        // Why may have been told before the connection was closed.
+        const Result ignored = receive();
+        std::string line;
+        Result ended;
+        return m_in.next(&line) && take(line, control, result, &ended) ? ended : sent;
+    }
     bool cancelled = false;
     while (true) {
         std::string line;

@@ -154,9 +154,12 @@ void ControlServer::accept()
         }
         return;
     }
-    if (!isAllowed(fd) || !makeRoom()) {
-        const std::string text = controlError(Result(
-            ResultCode::InUse, "too many connections to the process that serves the mirror"));
+    const bool allowed = isAllowed(fd);
+    if (!allowed || !makeRoom()) {
+        const std::string text = controlError(
+            allowed ? Result(ResultCode::InUse,
+                             "too many connections to the process that serves the mirror")
+                    : Result::failed("only its owner gives commands to a mirror that is served"));
         [[maybe_unused]] const ssize_t ignored =
             ::send(fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         close(fd);

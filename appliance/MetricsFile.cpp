@@ -19,8 +19,7 @@ Result MetricsFile::write()
         done += good ? static_cast<size_t>(count) : 0;
     }
     good = good && rename(making.c_str(), m_path.c_str()) == 0;
-    const Result result =
-        good ? Result() : Result::fromErrno(errno, "cannot write metrics to " + m_path);
+    Result result = good ? Result() : Result::fromErrno(errno, "cannot write metrics to " + m_path);
     if (fd >= 0)
         close(fd);
     if (!good)

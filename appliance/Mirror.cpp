@@ -348,7 +348,9 @@ Result Mirror::usePoint(u64 items, const std::string& what, std::unique_ptr<Poin
     const RcStatus rc = loadJournalBegin(*m_storage, "journal", &begin);
     if (rc != RC_SUCCESS)
         return Result::fromStatus(rc, "cannot read where the journal begins");
-    if (begin.m_page != m_journal->begin().m_page)
+    // All that is left of the journal is there still, for the point is; else it is past what a
+    // reader knows of the journal.
+    if (begin.m_page != m_journal->begin().m_page && m_journal->followBegin(begin) != RC_SUCCESS)
         return Result(ResultCode::InUse,
                       m_folder + " was trimmed by another process meanwhile; try again");
     return PointUse::add(*m_storage, {items, begin.m_page, 0, what}, use);

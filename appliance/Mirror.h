@@ -80,7 +80,7 @@ public:
 
     // Registers that a point is read, so that apply and trim leave it alone until the use is
     // destroyed; the mirror outlives it. NotFound: the point has been passed meanwhile; InUse: the
-    // journal was trimmed since this mirror was opened, so it has to be opened anew. items:
+    // journal was trimmed since this mirror was opened, and beyond what it knew then. items:
     // NO_ITEMS for who reads the journal alone. A mirror on a file system that nobody can write to
     // needs no registration: *use stays null.
     Result usePoint(u64 items, const std::string& what, std::unique_ptr<PointUse>* use);

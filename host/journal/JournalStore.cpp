@@ -298,14 +298,29 @@ RcStatus JournalStore::Impl::setBegin(const JournalBegin& begin, u64 freedBlocks
     const RcStatus rc = storeJournalBegin(m_storage, m_options.folder, begin);
     if (rc != RC_SUCCESS)
         return rc;
-    m_begin = begin;
     m_storedBlocks -= std::min(m_storedBlocks, freedBlocks);
+    beginAtLocked(begin);
+    return RC_SUCCESS;
+}
+
+void JournalStore::Impl::beginAtLocked(const JournalBegin& begin)
+{
+    m_begin = begin;
     const auto gone =
         std::find_if(m_checkpoints.begin(), m_checkpoints.end(), [&](const JournalCheckpoint& one) {
             return one.m_id > begin.m_lastCheckpoint;
         });
     m_placedCheckpoints -= static_cast<size_t>(gone - m_checkpoints.begin());
     m_checkpoints.erase(m_checkpoints.begin(), gone);
+}
+
+RcStatus JournalStore::followBegin(const JournalBegin& begin)
+{
+    MutexGuard guard(m_impl->m_mutex);
+    if (m_impl->m_options.mode == JournalMode::Writer || begin.m_page < m_impl->m_begin.m_page ||
+        begin.m_page > m_impl->m_endPage)
+        return RC_BAD_ARGUMENT;
+    m_impl->beginAtLocked(begin);
     return RC_SUCCESS;
 }
 

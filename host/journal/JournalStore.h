@@ -153,6 +153,11 @@ public:
     // freedBlocks: stored blocks in the data grains that go.
     RcStatus setBegin(const JournalBegin& begin, u64 freedBlocks);
 
+    // Takes over the beginning that the writer has given the journal since this reader opened it,
+    // which was read by loadJournalBegin(); bytesUsed() stays what it was. RC_BAD_ARGUMENT: a
+    // writer, or it lies behind the end that this reader knows.
+    RcStatus followBegin(const JournalBegin& begin);
+
     // Gives the space of all grains before the beginning back. *removed: how many went. A failure
     // leaves some; the next writer that opens the journal tries again.
     RcStatus removeTrimmed(u64* removed);

@@ -33,6 +33,9 @@ struct JournalStore::Impl
     RcStatus setBegin(const JournalBegin& begin, u64 freedBlocks) RL_EXCLUDES(m_mutex);
     RcStatus close() RL_EXCLUDES(m_mutex);
 
+    // Forgets what is not part of the journal from its new beginning on.
+    void beginAtLocked(const JournalBegin& begin) RL_REQUIRES(m_mutex);
+
     RcStatus checkWritableLocked() const RL_REQUIRES(m_mutex);
     RcStatus placeLocked(std::vector<JournalPiece>& pieces, std::vector<PendingItem>* items)
         RL_REQUIRES(m_mutex);

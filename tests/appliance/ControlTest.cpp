@@ -5,6 +5,7 @@
 #include <future>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,7 +32,7 @@ public:
     void say(const std::string& line) override { m_said.push_back(line); }
     void detail(const std::string& line) override { m_details.push_back(line); }
 
-    u64 m_done = 0;
+    std::atomic<u64> m_done{0};
     std::atomic<bool> m_stop{false};
     std::vector<std::string> m_said;
     std::vector<std::string> m_details;
@@ -318,8 +319,11 @@ TEST_F(ControlTest, WhoDoesNotReadHoldsNothingUp)
     ASSERT_TRUE(send(fd, "{\"version\": 1, \"command\": \"large\"}\n"));
     for (int i = 0; i < 10; ++i)
         expectServed();
-    std::this_thread::sleep_for(1s);
-    // It has been cut off in the middle.
+    // It is cut off in the middle.
+    waitFor([&] {
+        pollfd status{fd, 0, 0};
+        return poll(&status, 1, 0) == 1 && (status.revents & POLLHUP) != 0;
+    });
     EXPECT_LT(receiveAll(fd).size(), size_t{8} << 20);
     close(fd);
     expectServed();
@@ -343,12 +347,11 @@ TEST_F(ControlTest, CancellingIsAnsweredByTheCommand)
         JsonValue result;
         return run("wait", JsonValue(), &result);
     });
-    waitFor([&] { return m_waiting == 1; });
+    waitFor([&] { return m_listener.m_done > 0; });
     m_listener.m_stop = true;
     const Result result = waiting.get();
     EXPECT_EQ(result.code(), ResultCode::Interrupted);
     EXPECT_EQ(result.message(), "interrupted; run it again and it goes on");
-    EXPECT_GT(m_listener.m_done, 0u);
 }
 
 TEST_F(ControlTest, CommandsAtATimeAreBounded)
@@ -368,6 +371,26 @@ TEST_F(ControlTest, CommandsAtATimeAreBounded)
     waitFor([&] { return run("echo", JsonValue(), &result).ok(); });
     close(first);
     close(second);
+}
+
+TEST_F(ControlTest, WhereAllConnectionsWorkTheNextIsToldSo)
+{
+    ControlLimits limits;
+    limits.m_connections = 1;
+    serve(limits);
+    const int busy = connected();
+    ASSERT_TRUE(send(busy, "{\"version\": 1, \"command\": \"wait\"}\n"));
+    waitFor([&] { return m_waiting == 1; });
+    for (int i = 0; i < 20; ++i) {
+        JsonValue result;
+        const Result refused = run("echo", JsonValue(), &result);
+        EXPECT_EQ(refused.code(), ResultCode::InUse) << refused.message();
+    }
+    close(busy);
+    waitFor([&] {
+        JsonValue result;
+        return run("echo", JsonValue(), &result).ok();
+    });
 }
 
 TEST_F(ControlTest, StoppingCancelsAndTells)

@@ -185,14 +185,38 @@ TEST_F(TrimTest, ViewOfAnotherOwnerHoldsItUntilItIsClosed)
     EXPECT_EQ(readAll(*open), m_images[35]);
     open.reset();
     ASSERT_TRUE(trim(30).ok());
-    // It has the journal as it was.
-    const Result stale = View::build(*other, point(35), control, &open);
-    EXPECT_EQ(stale.code(), ResultCode::InUse);
-    EXPECT_NE(stale.message().find("trimmed"), std::string::npos);
-    ASSERT_TRUE(Mirror::open(folder(), MirrorAccess::Reader, JournalRecovery::Tail, &other).ok());
+    // It had the journal as it was, and takes the new beginning over.
     ASSERT_TRUE(View::build(*other, point(35), control, &open).ok());
     EXPECT_EQ(readAll(*open), m_images[35]);
     open.reset();
+}
+
+TEST_F(TrimTest, ReaderOpenedBeforeReadsWhatIsLeft)
+{
+    makeMirror();
+    writeLarge(1, 60);
+    std::unique_ptr<Mirror> reader;
+    ASSERT_TRUE(Mirror::open(folder(), MirrorAccess::Reader, JournalRecovery::Tail, &reader).ok());
+    ASSERT_TRUE(apply(40).ok());
+    ASSERT_TRUE(trim(40).ok());
+    ASSERT_GT(m_statistics.m_dataGrains, 0u);
+    for (const u64 items : {40, 45, 60}) {
+        std::unique_ptr<View> opened;
+        FlowControl control;
+        const Result result = View::build(*reader, point(items), control, &opened);
+        ASSERT_TRUE(result.ok()) << result.message();
+        EXPECT_EQ(readAll(*opened), m_images[items]);
+    }
+    EXPECT_EQ(reader->window().m_firstItems, 40u);
+    EXPECT_EQ(reader->window().m_checkpoints.front().m_items, 40u);
+    // What is before the target is gone for it too, and what came after it was opened is not known.
+    std::unique_ptr<View> opened;
+    FlowControl control;
+    EXPECT_EQ(View::build(*reader, point(39), control, &opened).code(), ResultCode::NotFound);
+    writeLarge(2, 60);
+    ASSERT_TRUE(apply(120).ok());
+    ASSERT_TRUE(trim(120).ok());
+    EXPECT_FALSE(View::build(*reader, point(60), control, &opened).ok());
 }
 
 TEST_F(TrimTest, OwnViewsLoseWhatGoesAndReadTheSame)
