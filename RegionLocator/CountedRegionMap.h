@@ -111,8 +111,10 @@ public:
     // Whether the map is large enough for memory to be what its operations wait for.
     bool isLarge() const { return m_regionMap->size() >= m_accelerators.m_fromRegions; }
 
-    // Brings what operations on these blocks will touch into the cache. At most MAX_LOCKSTEP.
-    void warm(const u64* offsetsBlocks, u32 count) const;
+    // Brings what changes over these regions will touch into the cache; at most MAX_LOCKSTEP.
+    void warm(const SubRegionDescriptor* regions, u32 count) const;
+    // The same for taking out, and putting back, the region at this place.
+    void warmAround(const_iterator place) const;
     // The first step of that for one block, which waits for nothing.
     void warmFirst(u64 offsetBlocks) const
     {

@@ -42,14 +42,8 @@ public:
         m_regions[m_count++] = region;
     }
 
-    // Brings the ways to all regions into the cache.
-    void warm(const CountedRegionMap& map) const
-    {
-        u64 offsetsBlocks[MOST];
-        for (u32 i = 0; i < m_count; ++i)
-            offsetsBlocks[i] = m_regions[i].m_viewOffsetBlocks;
-        map.warm(offsetsBlocks, m_count);
-    }
+    // Brings what inserting the regions will touch into the cache.
+    void warm(const CountedRegionMap& map) const { map.warm(m_regions.data(), m_count); }
 
     // In the order in which they came.
     const SubRegionDescriptor* begin() const { return m_regions.data(); }

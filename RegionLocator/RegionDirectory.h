@@ -92,6 +92,21 @@ public:
     }
     void warm(u64 offsetBlocks) { prefetch(&m_memory.at(slotOf(offsetBlocks >> m_shift))); }
 
+    // Asks for the nodes noted for a range, and for those of the granules on both sides of a block.
+    void warmRange(u64 firstBlocks, u64 endBlocks) const
+    {
+        for (u64 granule = firstBlocks >> m_shift; granule << m_shift < endBlocks; ++granule)
+            prefetch(m_memory.at(slotOf(granule)));
+    }
+    void warmNeighbors(u64 offsetBlocks) const
+    {
+        const u64 granule = offsetBlocks >> m_shift;
+        prefetch(m_memory.at(slotOf(granule - 1)));
+        prefetch(m_memory.at(slotOf(granule + 1)));
+    }
+
+    u64 granuleBlocks() const { return u64{1} << m_shift; }
+
     // The node is in the map and starts there. Both do nothing while the directory is off.
     void note(RegionNode* node, u64 startBlocks)
     {
@@ -129,8 +144,10 @@ private:
     // length are spread.
     u64 slotOf(u64 granule) const
     {
-        constexpr u64 SPREAD = 0x9E3779B97F4A7C10;
-        return (granule + (granule >> m_lapShift) * SPREAD) & m_slotMask;
+        constexpr u64 SPREAD = 0x9E3779B97F4A7C15;
+        constexpr u32 UPPER = 32; // the product's upper bits depend on all of the lap's
+        const u64 lap = granule >> m_lapShift;
+        return (granule + (lap * SPREAD >> UPPER)) & m_slotMask;
     }
 
     void noteAll(const RegionMap& map);

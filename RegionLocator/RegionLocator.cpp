@@ -52,6 +52,24 @@ constexpr const char* UNLOCK_SIGNATURE =
     "void RegionLocator::unlockRegions(std::vector<SubRegionDescriptor>&, bool, "
     "RegionLocatorVoucher*)";
 
+// Whether rebuilding the whole region yields it again, but for the cscan flag.
+inline bool isRebuiltAsStored(const SubRegionDescriptor& region)
+{
+    if (region.isCompressed())
+        return !region.isAllZeroes();
+    return region.m_ioTotalLengthBytes == u32{region.m_lengthBlocks} << BLOCK_SHIFT &&
+           (!region.isAllZeroes() || (region.m_fifoOffsetOfIoStartBlocks == SFS_DEV_ADDR_INVALID &&
+                                      region.m_regionOffsetLBsWithinIo == 0));
+}
+
+// Whether the range covers the region, and rebuilding it yields it again.
+inline bool isWholeAsStored(const SubRegionDescriptor& region, u64 offsetBlocks, u32 lengthBlocks)
+{
+    return offsetBlocks <= region.m_viewOffsetBlocks && !region.isCscan() &&
+           region.m_viewOffsetBlocks + region.m_lengthBlocks <= offsetBlocks + lengthBlocks &&
+           isRebuiltAsStored(region);
+}
+
 // What canCombine() asks before anything that it would report; false is its answer then, too.
 inline bool mayCombine(const SubRegionDescriptor& left, const SubRegionDescriptor& right)
 {
@@ -295,18 +313,37 @@ void CountedRegionMap::accelerate(const Accelerators& accelerators)
     setDirectoryBounds();
 }
 
-void CountedRegionMap::warm(const u64* offsetsBlocks, u32 count) const
+void CountedRegionMap::warm(const SubRegionDescriptor* regions, u32 count) const
 {
-    u64 unknown[RegionDescent::MAX_LOCKSTEP];
-    u32 unknownCount = 0;
-    for (u32 i = 0; i < count; ++i) {
-        RegionNode* const node = m_directory.isOn() ? m_directory.peek(offsetsBlocks[i]) : nullptr;
-        if (node != nullptr)
-            prefetch(node);
-        else
-            unknown[unknownCount++] = offsetsBlocks[i];
+    RegionNode* noted[RegionDescent::MAX_LOCKSTEP] = {};
+    if (m_directory.isOn()) {
+        for (u32 i = 0; i < count; ++i) {
+            noted[i] = m_directory.peek(regions[i].m_viewOffsetBlocks);
+            prefetch(noted[i]);
+        }
     }
-    RegionDescent(*m_regionMap).warm(unknown, unknownCount);
+    // A region that is covered just so is all that is touched. For any other the neighbours are
+    // needed, too, and they lie on the way down the tree.
+    u64 offsetsBlocks[RegionDescent::MAX_LOCKSTEP];
+    u32 others = 0;
+    for (u32 i = 0; i < count; ++i) {
+        const bool isCovered = noted[i] != nullptr &&
+                               startOf(noted[i]) == regions[i].m_viewOffsetBlocks &&
+                               regionOf(noted[i]).m_lengthBlocks == regions[i].m_lengthBlocks;
+        offsetsBlocks[others] = regions[i].m_viewOffsetBlocks;
+        others += isCovered ? 0 : 1;
+    }
+    RegionDescent(*m_regionMap).warm(offsetsBlocks, others);
+}
+
+void CountedRegionMap::warmAround(const_iterator place) const
+{
+    if (!m_directory.isOn())
+        return;
+    m_directory.warmNeighbors(place->m_viewOffsetBlocks);
+    prefetch(place._M_node->_M_parent);
+    prefetch(place._M_node->_M_left);
+    prefetch(place._M_node->_M_right);
 }
 
 u64 CountedRegionMap::warmWalk(const_iterator next, u64 endBlocks) const
@@ -321,7 +358,11 @@ u64 CountedRegionMap::warmWalk(const_iterator next, u64 endBlocks) const
     if (from >= endBlocks || endBlocks - from < FEW_REGIONS * average)
         return endBlocks;
     const u64 until = std::min(endBlocks, from + REGIONS_AHEAD * average);
-    RegionDescent(*m_regionMap).warmRange(from, until);
+    // The directory names the nodes without a step down the tree, unless they are crowded.
+    if (m_directory.isOn() && m_directory.granuleBlocks() <= average)
+        m_directory.warmRange(from, until);
+    else
+        RegionDescent(*m_regionMap).warmRange(from, until);
     return until;
 }
 
@@ -444,22 +485,10 @@ bool RegionLocator::checkIntersection(const SubRegionDescriptor& a,
     return checkIntersection(a, b.m_viewOffsetBlocks, b.m_lengthBlocks);
 }
 
-inline bool RegionLocator::isRebuiltAsStored(const SubRegionDescriptor& region)
-{
-    if (region.isCompressed())
-        return !region.isAllZeroes();
-    return region.m_ioTotalLengthBytes == u32{region.m_lengthBlocks} << BLOCK_SHIFT &&
-           (!region.isAllZeroes() || (region.m_fifoOffsetOfIoStartBlocks == SFS_DEV_ADDR_INVALID &&
-                                      region.m_regionOffsetLBsWithinIo == 0));
-}
-
-// The same as getIntersection(), without rebuilding a whole region that would come out as it is.
 inline SubRegionDescriptor RegionLocator::getPiece(const SubRegionDescriptor& region,
                                                    u64 offsetBlocks, u32 lengthBlocks) const
 {
-    if (offsetBlocks <= region.m_viewOffsetBlocks && !region.isCscan() &&
-        region.m_viewOffsetBlocks + region.m_lengthBlocks <= offsetBlocks + lengthBlocks &&
-        isRebuiltAsStored(region))
+    if (isWholeAsStored(region, offsetBlocks, lengthBlocks))
         return region;
     return getIntersection(region, offsetBlocks, lengthBlocks);
 }
@@ -911,14 +940,22 @@ void RegionLocator::punchOutExact(CountedRegionMap* a_regionMap, const SubRegion
     if (iter != a_regionMap->cend() && !checkIntersection(*iter, desc))
         ++iter;
     const u64 endBlocks = desc.m_viewOffsetBlocks + desc.m_lengthBlocks;
+    const bool checked = checksChanges();
     while (iter != a_regionMap->cend() && iter->m_viewOffsetBlocks < endBlocks) {
         const bool isLast = iter->m_viewOffsetBlocks + iter->m_lengthBlocks >= endBlocks;
-        const SubRegionDescriptor piece =
-            getPiece(*iter, desc.m_viewOffsetBlocks, desc.m_lengthBlocks);
-        if (!isOtherIo(desc, piece))
-            iter = punchOutPiece(a_regionMap, iter, piece);
-        else if (!isLast)
-            ++iter;
+        if (isWholeAsStored(*iter, desc.m_viewOffsetBlocks, desc.m_lengthBlocks) && !checked) {
+            if (!isOtherIo(desc, *iter))
+                iter = a_regionMap->erase(iter);
+            else if (!isLast)
+                ++iter;
+        } else {
+            const SubRegionDescriptor piece =
+                getIntersection(*iter, desc.m_viewOffsetBlocks, desc.m_lengthBlocks);
+            if (!isOtherIo(desc, piece))
+                iter = punchOutPiece(a_regionMap, iter, piece);
+            else if (!isLast)
+                ++iter;
+        }
         if (isLast)
             break;
     }
@@ -1091,6 +1128,8 @@ RcStatus RegionLocator::lookup(AsyncTask* pAsyncTask, u64 a_viewOffsetBlocks, u3
         a_subRegionsResult->clear();
         const RegionMap::const_iterator first = appendIntersecting(
             m_unlockedRegions, a_viewOffsetBlocks, a_lengthBlocks, a_subRegionsResult);
+        if (!a_subRegionsResult->empty())
+            m_unlockedRegions->warmAround(first);
         lockRegions(*a_subRegionsResult, first);
         m_memPool.setActiveVoucher(nullptr);
         return RC_SUCCESS;

@@ -218,10 +218,9 @@ private:
     // The piece inside the range. REQUIRES: there is one.
     SubRegionDescriptor getIntersection(const SubRegionDescriptor& region, u64 offsetBlocks,
                                         u32 lengthBlocks) const;
+    // The same, without rebuilding a whole region that would come out as it is.
     SubRegionDescriptor getPiece(const SubRegionDescriptor& region, u64 offsetBlocks,
                                  u32 lengthBlocks) const;
-    // Whether rebuilding the whole region yields it again, but for the cscan flag.
-    static bool isRebuiltAsStored(const SubRegionDescriptor& region);
     // Whether both cover the same blocks; then they are checked to be the same piece of one IO.
     bool equalSubregions(const SubRegionDescriptor& a_region1,
                          const SubRegionDescriptor& a_region2) const;

@@ -104,7 +104,8 @@ Result View::scan(FlowControl& control, const ViewBuildOptions& building)
     m_statistics.m_itemsScanned = scanned.logicalItems;
     if (m_statistics.m_regions > 0)
         m_statistics.m_bytesPerRegion =
-            static_cast<double>(m_locator.getMemPool()->getMemoryStats().totalBytes) /
+            static_cast<double>(m_locator.getMemPool()->getMemoryStats().totalBytes +
+                                m_locator.getAcceleratorBytes()) /
             static_cast<double>(m_statistics.m_regions);
     m_statistics.m_indexSeconds = static_cast<double>(Clock::instance()->nowUs() - startedUs) / 1e6;
     return Result();

@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "common/infra/DynamicTweaks.h"
+#include "tests/support/Accelerators.h"
 #include "tests/support/LocatorModel.h"
 #include "tests/support/LogCapture.h"
 
@@ -59,6 +60,23 @@ TEST_P(ModelTest, RandomOperationsAgreeWithTheOracle)
     LogCapture log; // statistics lines and refused inserts
     ModelRun run(fromEnvironment("RL_MODEL_SEED", GetParam()), WORLD_BLOCKS);
     EXPECT_EQ("", run.run(operationsPerSeed()));
+}
+
+// The same with everything that speeds a large index up, on this small one, and with nothing of it.
+TEST_P(ModelTest, RandomOperationsAgreeWithTheOracleWhenAccelerated)
+{
+    LogCapture log;
+    const Accelerators on(Accelerators::ALL);
+    ModelRun run(fromEnvironment("RL_MODEL_SEED", GetParam()), WORLD_BLOCKS);
+    EXPECT_EQ("", run.run(operationsPerSeed()));
+}
+
+TEST_P(ModelTest, RandomOperationsAgreeWithTheOracleWhenPlain)
+{
+    LogCapture log;
+    const Accelerators on(Accelerators::NONE);
+    ModelRun run(fromEnvironment("RL_MODEL_SEED", GetParam()), WORLD_BLOCKS);
+    EXPECT_EQ("", run.run(operationsPerSeed() / 4));
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, ModelTest, testing::Range(u64{0}, SEEDS));

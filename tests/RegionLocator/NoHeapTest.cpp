@@ -10,6 +10,7 @@
 
 #include "RegionLocator/RegionLocator.h"
 #include "RegionLocator/RegionLocatorMetaDataContainer.h"
+#include "tests/support/Accelerators.h"
 #include "tests/support/LogCapture.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -161,6 +162,24 @@ TEST_F(NoHeapTest, InsertOverManyRegions)
     EXPECT_EQ(0U, counting.allocations());
 }
 
+TEST_F(NoHeapTest, InsertOverManyRegionsIntoASmallVoucher)
+{
+    const u64 regions = m_locator.getItemCount();
+    RegionLocatorVoucher* small = m_pool->createVoucher();
+    ASSERT_EQ(RC_SUCCESS, m_pool->fillVoucher(small, 2, 0, this).get());
+    {
+        Counting counting;
+        m_locator.insert(
+            SfsItemDescriptor::genUncompressed(0, 0xFFFF, SFS_DEV_ADDR_INVALID, 0, true), small);
+        EXPECT_EQ(0U, counting.allocations());
+    }
+    EXPECT_GT(regions, 1000U);
+    EXPECT_LT(m_locator.getItemCount(), 3U);
+    m_pool->destroyVoucher(small);
+    m_pool->clearVoucher(m_voucher);
+    EXPECT_EQ(m_pool->getMemoryStats().usedBytesNet, m_locator.getItemCount() * 64);
+}
+
 TEST_F(NoHeapTest, RemoveByRange)
 {
     Counting counting;
@@ -215,6 +234,58 @@ TEST_F(NoHeapTest, TakingAnItemOfAScan)
     }
     feeder->unPrepareToAdd();
     removing->unPrepareToAdd();
+}
+
+// The same with what speeds a large index up.
+class NoHeapAcceleratedTest : public NoHeapTest
+{
+protected:
+    // Before the locator of this test is made; the one of the base is not used.
+    Accelerators m_accelerators{Accelerators::ALL};
+    RegionLocator m_fast{2, RL_MMI_View};
+
+    // Each IO has its own place in the journal, or restoring its pieces would report it.
+    u64 nextAddress() { return m_writes++ << 15; }
+    u64 m_writes = 0;
+};
+
+TEST_F(NoHeapAcceleratedTest, EverythingButReservations)
+{
+    auto* feeder = m_fast.getInsertContainer();
+    RegionLocatorVoucher* voucher = m_fast.getMemPool()->createVoucher();
+    std::vector<SubRegionDescriptor> result;
+    result.reserve(2000);
+    for (int round = 0; round < 10; ++round) {
+        ASSERT_EQ(RC_SUCCESS, feeder->prepareToAdd(BATCH, 0).get());
+        ASSERT_EQ(RC_SUCCESS, m_fast.getMemPool()->fillVoucher(voucher, 4 * BATCH, 0, this).get());
+        {
+            Counting counting;
+            SfsDiskMetaItem item;
+            item.setType(SfsMetaType::UNCOMPRESSED_IO);
+            for (int i = 0; i < BATCH; ++i) {
+                item.setUncompressedLengthBlocks(1 + m_random() % 64);
+                item.m_ioData = {nextAddress(), m_random() % VIEW_BLOCKS};
+                feeder->addMetaData(item, JournalPtr::invalid);
+            }
+            for (int i = 0; i < BATCH / 10; ++i) {
+                const u64 offset = m_random() % VIEW_BLOCKS;
+                m_fast.lookup(nullptr, offset, 200, &result, true, voucher);
+                m_fast.unlockAndRestore(result, voucher);
+                m_fast.remove(offset, 10, voucher);
+                m_fast.insert(
+                    SfsItemDescriptor::genUncompressed(offset, 20, nextAddress(), 0, false),
+                    voucher);
+            }
+            m_fast.getFirstRegionsAndLock(nullptr, 100, &result, voucher);
+            m_fast.unlockAndRemove(result, voucher);
+            EXPECT_EQ(0U, counting.allocations());
+        }
+        feeder->unPrepareToAdd();
+        m_fast.getMemPool()->clearVoucher(voucher);
+    }
+    EXPECT_TRUE(m_log.softChecks().empty());
+    EXPECT_GT(m_fast.getAcceleratorBytes(), 0U);
+    m_fast.getMemPool()->destroyVoucher(voucher);
 }
 
 } // namespace

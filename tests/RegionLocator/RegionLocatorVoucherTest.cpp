@@ -183,6 +183,32 @@ TEST(VoucherTest, TakesSegmentsInOrderAndGivesTheLastFirst)
     EXPECT_TRUE(voucher.empty());
 }
 
+TEST(VoucherTest, TakesMoreTokensInThanItHasRoomForAndKnowsThemAll)
+{
+    const LogCapture log;
+    Pool pool(5, RL_MMI_View);
+    const VoucherGuard source(&pool, 2000);
+    RegionLocatorVoucher* voucher = pool.createVoucher();
+    std::vector<u8*> tokens;
+    while (!source.get()->empty()) {
+        tokens.push_back(source.get()->getObj());
+        voucher->addObj(tokens.back());
+    }
+    EXPECT_EQ(tokensIn(voucher), 2000U);
+    // The last ones first, and then some back in.
+    for (size_t i = 2000; i-- > 1000;)
+        ASSERT_EQ(voucher->getObj(), tokens[i]);
+    for (size_t i = 1000; i < 1500; ++i)
+        voucher->addObj(tokens[i]);
+    EXPECT_EQ(pool.fillVoucher(voucher, 10, 0, nullptr).get(), RC_SUCCESS); // and reports it
+    EXPECT_EQ(log.softChecks().size(), 1U);
+    EXPECT_EQ(tokensIn(voucher), 1510U);
+    for (size_t i = 1500; i < 2000; ++i)
+        voucher->addObj(tokens[i]);
+    pool.destroyVoucher(voucher);
+    EXPECT_EQ(tokensOut(pool), 0U);
+}
+
 TEST(VoucherTest, HandsOutDistinctAlignedTokensOfThePool)
 {
     Pool pool(5, RL_MMI_View);
@@ -197,7 +223,7 @@ TEST(VoucherTest, HandsOutDistinctAlignedTokensOfThePool)
     for (size_t i = 1; i < tokens.size(); ++i)
         EXPECT_GE(tokens[i] - tokens[i - 1], 64);
     for (u8* token : tokens)
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(token) % alignof(std::max_align_t), 0U);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(token) % 64, 0U); // a node is one cache line
 }
 
 TEST(VoucherDeathTest, AnEmptyOneHasNoTokenToGive)

@@ -4,6 +4,7 @@
 #include <array>
 #include <gtest/gtest.h>
 
+#include "tests/support/Accelerators.h"
 #include "tests/support/LocatorModel.h"
 #include "tests/support/LogCapture.h"
 
@@ -41,7 +42,16 @@ std::string describe(const Range& range)
     return "[" + std::to_string(range.offset) + "+" + std::to_string(range.length) + "]";
 }
 
-TEST(SmallWorldsTest, EveryWriteOverEveryWriteThenEveryLookup)
+// Each world plain and with everything that speeds a large index up.
+class SmallWorldsTest : public testing::TestWithParam<u64>
+{
+    Accelerators m_accelerators{GetParam()};
+};
+
+INSTANTIATE_TEST_SUITE_P(Accelerators, SmallWorldsTest,
+                         testing::Values(Accelerators::NONE, Accelerators::ALL));
+
+TEST_P(SmallWorldsTest, EveryWriteOverEveryWriteThenEveryLookup)
 {
     LogCapture log;
     const std::vector<Range> ranges = allRanges();
@@ -65,7 +75,7 @@ TEST(SmallWorldsTest, EveryWriteOverEveryWriteThenEveryLookup)
 
 // Two writes, a range locked, and every third write: refused or stored beside the lock; then the
 // lock is given back both ways.
-TEST(SmallWorldsTest, EveryWriteBesideEveryLock)
+TEST_P(SmallWorldsTest, EveryWriteBesideEveryLock)
 {
     LogCapture log;
     const std::vector<Range> ranges = allRanges();
@@ -95,7 +105,7 @@ TEST(SmallWorldsTest, EveryWriteBesideEveryLock)
 }
 
 // Every range removed from a world of three writes.
-TEST(SmallWorldsTest, EveryRemovalFromEveryCut)
+TEST_P(SmallWorldsTest, EveryRemovalFromEveryCut)
 {
     LogCapture log;
     const std::vector<Range> ranges = allRanges();
@@ -121,7 +131,7 @@ TEST(SmallWorldsTest, EveryRemovalFromEveryCut)
 
 // Every pair of ranges locked one after the other: beside each other, or the second one parked
 // until the first is given back, dropped or restored, in one go or block by block.
-TEST(SmallWorldsTest, EveryLockThatMeetsEveryLock)
+TEST_P(SmallWorldsTest, EveryLockThatMeetsEveryLock)
 {
     LogCapture log;
     const std::vector<Range> ranges = allRanges();

@@ -22,7 +22,18 @@ public:
     {
         return locator.m_mutex;
     }
-    static CountedRegionMap* unlocked(RegionLocator& locator) { return locator.m_unlockedRegions; }
+    // What is held back is inserted first.
+    static CountedRegionMap* unlocked(RegionLocator& locator)
+    {
+        if (heldBack(locator) != 0)
+            locator.settleScan();
+        return locator.m_unlockedRegions;
+    }
+    // Inserts that are held back now. For tests of one thread.
+    static u32 heldBack(RegionLocator& locator) RL_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return locator.m_heldBack.size();
+    }
     static CountedRegionMap* locked(RegionLocator& locator) { return locator.m_lockedRegions; }
     static bool immutable(RegionLocator& locator)
     {

@@ -1,8 +1,11 @@
 #include "common/infra/MemoryPoolImpl.h"
 
+#include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <random>
 #include <set>
+#include <vector>
 
 #include "host/infra/Clock.h"
 #include "host/infra/PoolGroup.h"
@@ -79,6 +82,47 @@ TEST_F(PoolTest, ChunksDoNotOverlapAndAreAlignedForEverySizeOfChunk)
         buf.deleteContent();
         EXPECT_EQ(m_pool.getMemoryStats().totalBytes, 0u);
     }
+}
+
+// In the order of taking, in its reverse, and mixed up; all at once or in parts.
+TEST_F(PoolTest, ManyChunksGoBackAtOnceInAnyOrder)
+{
+    constexpr u32 TOKEN = 64;
+    m_pool.init(TOKEN, 0, ~u64{0});
+    std::mt19937 random(2);
+    for (int round = 0; round < 12; ++round) {
+        const u32 count = 1 + round * 1500;
+        ScatteredBuf kept;
+        ASSERT_EQ(m_pool.fillBufNoWait(&kept, 3 * TOKEN, m_group), RC_SUCCESS);
+        ScatteredBuf buf;
+        ASSERT_EQ(m_pool.fillBufNoWait(&buf, count * TOKEN, m_group), RC_SUCCESS);
+        std::vector<u8*> chunks;
+        for (u32 i = 0; i < count; ++i) {
+            chunks.push_back(buf.getSegment(i).getPtr());
+            std::memset(chunks.back(), static_cast<int>(i), TOKEN);
+        }
+        ASSERT_EQ(std::set<u8*>(chunks.begin(), chunks.end()).size(), count);
+        if (round % 3 == 1)
+            std::reverse(chunks.begin(), chunks.end());
+        if (round % 3 == 2)
+            std::shuffle(chunks.begin(), chunks.end(), random);
+        const u32 first = count / (1 + round % 2);
+        m_pool.giveBackChunks(chunks.data(), first, m_group);
+        EXPECT_EQ(m_pool.getMemoryStats().usedBytesGross, u64{count - first + 3} * TOKEN);
+        // What is taken in between is none of those that are still out.
+        ScatteredBuf between;
+        ASSERT_EQ(m_pool.fillBufNoWait(&between, first * TOKEN, m_group), RC_SUCCESS);
+        std::set<u8*> out(chunks.begin() + first, chunks.end());
+        for (u32 i = 0; i < first; ++i)
+            ASSERT_TRUE(out.insert(between.getSegment(i).getPtr()).second);
+        between.deleteContent();
+        m_pool.giveBackChunks(chunks.data() + first, count - first, m_group);
+        EXPECT_EQ(m_pool.getMemoryStats().usedBytesGross, u64{3} * TOKEN);
+        kept.deleteContent();
+        EXPECT_EQ(m_pool.getMemoryStats().usedBytesNet, 0U);
+        EXPECT_EQ(m_pool.getMemoryStats().totalBytes, 0U);
+    }
+    m_pool.giveBackChunks(nullptr, 0, m_group);
 }
 
 TEST_F(PoolTest, AFillBeyondTheLimitFailsInsteadOfWaitingForEver)

@@ -1,0 +1,245 @@
+#include "RegionLocator/HeldBackInserts.h"
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+
+#include "RegionLocator/RegionLocatorMetaDataContainer.h"
+#include "common/infra/DynamicTweaks.h"
+#include "tests/support/Accelerators.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/RegionLocatorTestAccess.h"
+#include "tests/support/Tokens.h"
+#include "tests/support/VoucherGuard.h"
+
+namespace {
+
+using Access = RegionLocatorTestAccess;
+
+TEST(HeldBackInsertsTest, KeepsRegionsInTheirOrderUntilItIsFull)
+{
+    HeldBackInserts held;
+    EXPECT_TRUE(held.empty());
+    RegionLocatorVoucher voucher;
+    for (u64 i = 0; i < HeldBackInserts::MOST; ++i) {
+        EXPECT_FALSE(held.isFull());
+        held.add(plainRegion(100 - i, 1, i), &voucher);
+    }
+    EXPECT_TRUE(held.isFull());
+    EXPECT_EQ(held.voucher(), &voucher);
+    u64 i = 0;
+    for (const SubRegionDescriptor& region : held) {
+        EXPECT_EQ(region, plainRegion(100 - i, 1, i));
+        ++i;
+    }
+    EXPECT_EQ(i, HeldBackInserts::MOST);
+    held.clear();
+    EXPECT_TRUE(held.empty());
+}
+
+SfsDiskMetaItem item(u64 offset, u32 length, u64 address)
+{
+    SfsDiskMetaItem made;
+    made.m_ioData = {address, offset};
+    made.setUncompressedLengthBlocks(length);
+    made.setType(SfsMetaType::UNCOMPRESSED_IO);
+    return made;
+}
+
+// A locator that holds back the items of a scan from the first region on.
+class ScanTest : public testing::Test
+{
+protected:
+    ScanTest() : m_accelerators(Accelerators::ALL), m_locator(1, RL_MMI_View)
+    {
+        insertRegion(m_locator, plainRegion(1000, 8, 1000));
+        m_feeder = m_locator.getInsertContainer();
+        EXPECT_EQ(m_feeder->prepareToAdd(1000, 0).get(), RC_SUCCESS);
+    }
+    ~ScanTest() override { m_feeder->unPrepareToAdd(); }
+
+    void add(u64 offset, u32 length, u64 address)
+    {
+        EXPECT_EQ(m_feeder->addMetaData(item(offset, length, address), JournalPtr::invalid),
+                  RC_SUCCESS);
+    }
+    u32 heldBack() { return Access::heldBack(m_locator); }
+
+    LogCapture m_log;
+    Accelerators m_accelerators;
+    RegionLocator m_locator;
+    RegionLocatorMetaDataContainer_Insert* m_feeder;
+};
+
+TEST_F(ScanTest, HoldsItsItemsBackAndInsertsThemWhenThereAreEnough)
+{
+    for (u32 i = 0; i < HeldBackInserts::MOST; ++i) {
+        add(8 * i, 8, 8 * i);
+        EXPECT_EQ(heldBack(), i + 1);
+    }
+    add(800, 8, 800);
+    EXPECT_EQ(heldBack(), 1U);
+    EXPECT_EQ(m_locator.getItemCount(), HeldBackInserts::MOST + 2U);
+    EXPECT_EQ(heldBack(), 0U);
+}
+
+TEST_F(ScanTest, InsertsInTheOrderOfTheJournal)
+{
+    add(0, 8, 100);
+    add(4, 8, 200);
+    add(0, 2, 300);
+    EXPECT_EQ(lookupRange(m_locator, 0, 20),
+              (Regions{plainRegion(0, 2, 300), plainRegion(2, 2, 102, 2), plainRegion(4, 8, 200)}));
+}
+
+// Whatever is asked for, the items that were handed over before are in.
+TEST_F(ScanTest, EveryOperationFindsWhatWasHandedOver)
+{
+    const VoucherGuard voucher(m_locator.getMemPool(), 100);
+    Regions found;
+    const std::vector<std::pair<const char*, std::function<void()>>> operations = {
+        {"getItemCount", [&] { EXPECT_EQ(m_locator.getItemCount(), 2U); }},
+        {"getTotalRegionBlocks", [&] { EXPECT_EQ(m_locator.getTotalRegionBlocks(), 16U); }},
+        {"getFirstOffest", [&] { EXPECT_EQ(m_locator.getFirstOffest(), 500U); }},
+        {"getStatistics",
+         [&] {
+             const RegionLocatorStatistics statistics = m_locator.getStatistics();
+             EXPECT_EQ(statistics.m_numRegionsCreated, 2U);
+             EXPECT_EQ(statistics.m_uniqueBytesIosCover, 16U * 512);
+         }},
+        {"printStatistics",
+         [&] {
+             m_log.clear();
+             m_locator.printStatistics("p");
+             EXPECT_NE(m_log.only().m_text.find("m_unlockedRegions->size()=2"), std::string::npos);
+         }},
+        {"lookup", [&] { EXPECT_EQ(lookupRange(m_locator, 500, 8).size(), 1U); }},
+        {"lock and unlock",
+         [&] {
+             m_locator.lookup(nullptr, 500, 8, &found, true, voucher);
+             EXPECT_EQ(found.size(), 1U);
+             m_locator.unlockAndRestore(found, voucher);
+         }},
+        {"getFirstRegionsAndLock",
+         [&] {
+             m_locator.getFirstRegionsAndLock(nullptr, 1, &found, voucher);
+             ASSERT_EQ(found.size(), 1U);
+             EXPECT_EQ(found[0].m_viewOffsetBlocks, 500U);
+             m_locator.unlockAndRestore(found, voucher);
+         }},
+        {"insert",
+         [&] {
+             m_locator.insert(plainRegion(500, 8, 7777), voucher);
+             EXPECT_EQ(lookupRange(m_locator, 500, 8), Regions{plainRegion(500, 8, 7777)});
+         }},
+        {"remove by range",
+         [&] {
+             m_locator.remove(500, 4, voucher);
+             EXPECT_EQ(lookupRange(m_locator, 500, 8).size(), 1U);
+         }},
+        {"remove exactly",
+         [&] {
+             m_locator.remove(plainRegion(500, 8, 500), voucher);
+             EXPECT_TRUE(lookupRange(m_locator, 500, 8).empty());
+         }},
+        {"lockAndRemove",
+         [&] {
+             m_locator.lockAndRemove(nullptr, plainRegion(500, 8, 500), voucher);
+             EXPECT_TRUE(lookupRange(m_locator, 500, 8).empty());
+         }},
+        {"unPrepareToAdd",
+         [&] {
+             m_feeder->unPrepareToAdd();
+             EXPECT_EQ(Access::unlocked(m_locator)->size(), 2U);
+             EXPECT_EQ(m_feeder->prepareToAdd(100, 0).get(), RC_SUCCESS);
+         }},
+    };
+    for (const auto& [name, operation] : operations) {
+        SCOPED_TRACE(name);
+        add(500, 8, 500);
+        EXPECT_EQ(heldBack(), 1U);
+        operation();
+        EXPECT_EQ(heldBack(), 0U);
+    }
+}
+
+TEST_F(ScanTest, WhatIsHeldBackIsInBeforeTheIteratorsAreOut)
+{
+    add(500, 8, 500);
+    const RegionMap::const_iterator begin = m_locator.getConstBeginIterator();
+    EXPECT_EQ(*begin, plainRegion(500, 8, 500));
+    EXPECT_EQ(std::distance(begin, m_locator.getConstEndIterator()), 2);
+    // From now on each item is reported as it comes.
+    m_log.clear();
+    add(600, 8, 600);
+    EXPECT_EQ(heldBack(), 0U);
+    EXPECT_TRUE(
+        isSoftCheck(m_log.only(),
+                    "bool RegionLocator::insert(const SubRegionDescriptor&, RegionLocatorVoucher*)",
+                    "!m_immutable"));
+}
+
+TEST_F(ScanTest, AnItemThatMayBeRefusedIsNotHeldBack)
+{
+    const VoucherGuard voucher(m_locator.getMemPool(), 100);
+    Regions locked;
+    m_locator.lookup(nullptr, 1000, 8, &locked, true, voucher);
+    add(1004, 8, 1);
+    EXPECT_EQ(m_log.softChecks().size(), 1U);
+    add(2000, 8, 1);
+    EXPECT_EQ(heldBack(), 0U);
+    EXPECT_EQ(m_locator.getItemCount(), 2U);
+    m_locator.unlockAndRestore(locked, voucher);
+}
+
+TEST_F(ScanTest, ItemsAreTracedAsTheyComeAndThoseBeforeNotAtAll)
+{
+    add(500, 8, 500);
+    m_log.clear();
+    DynamicTweaks::instance()->t_RlVerboseLogs = true;
+    add(600, 8, 600);
+    DynamicTweaks::instance()->t_RlVerboseLogs = false;
+    EXPECT_EQ(heldBack(), 0U);
+    for (const LogRecord& record : m_log.records())
+        EXPECT_EQ(record.m_text.find("view=500"), std::string::npos) << record;
+    EXPECT_FALSE(m_log.records().empty());
+    EXPECT_EQ(m_locator.getItemCount(), 3U);
+}
+
+TEST_F(ScanTest, TokensAddUpWhileItemsAreHeldBack)
+{
+    const u64 before = tokensOut(m_locator);
+    for (u64 i = 0; i < 20; ++i)
+        add(8 * i, 8, 8 * i);
+    EXPECT_EQ(tokensOut(m_locator), before);
+    m_feeder->unPrepareToAdd();
+    EXPECT_EQ(tokensOut(m_locator), 21U);
+}
+
+TEST_F(ScanTest, AFeederThatGoesLeavesItsItems)
+{
+    {
+        RegionLocatorMetaDataContainer_Insert feeder(&m_locator);
+        ASSERT_EQ(feeder.prepareToAdd(10, 0).get(), RC_SUCCESS);
+        add(100, 8, 100);
+        // Items of another scan do not mix with this one's.
+        feeder.addMetaData(item(200, 8, 200), JournalPtr::invalid);
+        EXPECT_EQ(heldBack(), 1U);
+    }
+    EXPECT_EQ(heldBack(), 0U);
+    EXPECT_EQ(m_locator.getItemCount(), 3U);
+}
+
+TEST(ScanOfASmallMapTest, HoldsNothingBack)
+{
+    const LogCapture log;
+    RegionLocator locator(1, RL_MMI_View);
+    auto* feeder = locator.getInsertContainer();
+    ASSERT_EQ(feeder->prepareToAdd(10, 0).get(), RC_SUCCESS);
+    feeder->addMetaData(item(0, 8, 0), JournalPtr::invalid);
+    EXPECT_EQ(Access::heldBack(locator), 0U);
+    EXPECT_EQ(Access::unlocked(locator)->size(), 1U);
+    feeder->unPrepareToAdd();
+}
+
+} // namespace

@@ -1,0 +1,236 @@
+#include "RegionLocator/RegionDirectory.h"
+
+#include <gtest/gtest.h>
+#include <iterator>
+#include <memory>
+
+#include "tests/support/Accelerators.h"
+#include "tests/support/LimitedMemory.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/RegionLocatorTestAccess.h"
+#include "tests/support/VoucherGuard.h"
+
+namespace {
+
+using Access = RegionLocatorTestAccess;
+
+// ---- its size ----
+
+TEST(RegionDirectorySizeTest, IsAtLeastOneSlotAndLessThanThreeARegion)
+{
+    u64 slots = 0;
+    const auto check = [&slots](u64 regions) {
+        slots = RegionDirectory::wantedSlots(regions, slots);
+        ASSERT_EQ(slots & (slots - 1), 0U) << regions;
+        if (slots != 0) {
+            ASSERT_GE(slots, regions);
+            ASSERT_LT(slots, 3 * regions);
+        }
+    };
+    for (u64 regions = 0; regions < 100000; ++regions)
+        check(regions);
+    EXPECT_EQ(slots, 131072U);
+    for (u64 regions = 100000; regions-- > 0;)
+        check(regions);
+    EXPECT_EQ(slots, 0U);
+}
+
+TEST(RegionDirectorySizeTest, StaysWhileItIsWithinBounds)
+{
+    EXPECT_EQ(RegionDirectory::wantedSlots(1000, 1024), 1024U);
+    EXPECT_EQ(RegionDirectory::wantedSlots(342, 1024), 1024U);
+    EXPECT_EQ(RegionDirectory::wantedSlots(341, 1024), 512U);
+    EXPECT_EQ(RegionDirectory::wantedSlots(1025, 1024), 2048U);
+}
+
+// ---- its memory ----
+
+TEST(RegionDirectoryMemoryTest, ComesFromTheProcessWidePoolAndGoesBack)
+{
+    const LogCapture log;
+    for (const u32 chunkBytes : {4096U, 65536U, 100000U, 1U << 20}) {
+        const LimitedMemory limited(chunkBytes);
+        RegionLocator locator(1, RL_MMI_View);
+        const u64 before = LimitedMemory::pool()->getMemoryStats().usedBytesGross;
+        {
+            RegionDirectoryMemory memory;
+            ASSERT_TRUE(memory.obtain(*locator.getMemPool(), 16384));
+            EXPECT_EQ(memory.slots(), 16384U);
+            EXPECT_GE(memory.bytes(), 16384U * 8);
+            EXPECT_GT(LimitedMemory::pool()->getMemoryStats().usedBytesGross, before);
+            RegionNode* const some = reinterpret_cast<RegionNode*>(&memory);
+            for (u64 slot = 0; slot < memory.slots(); ++slot) {
+                ASSERT_EQ(memory.at(slot), nullptr);
+                memory.at(slot) = some + slot;
+            }
+            for (u64 slot = 0; slot < memory.slots(); ++slot)
+                ASSERT_EQ(memory.at(slot), some + slot);
+        }
+        EXPECT_EQ(LimitedMemory::pool()->getMemoryStats().usedBytesGross, before);
+    }
+}
+
+TEST(RegionDirectoryMemoryTest, IsNotToBeHadFromAPoolThatHasNone)
+{
+    const LogCapture log;
+    const LimitedMemory limited(4096, 8 * 4096);
+    RegionLocator locator(1, RL_MMI_View);
+    RegionDirectoryMemory memory;
+    EXPECT_FALSE(memory.obtain(*locator.getMemPool(), 16384));
+    EXPECT_EQ(memory.slots(), 0U);
+    EXPECT_EQ(LimitedMemory::pool()->getMemoryStats().usedBytesGross, 0U);
+}
+
+// ---- what it knows ----
+
+class RegionDirectoryTest : public testing::Test
+{
+protected:
+    static constexpr u64 REGIONS = 1000;
+
+    RegionDirectoryTest()
+        : m_voucher(std::make_unique<ActiveVoucher>(m_locator.getMemPool(), REGIONS)),
+          m_map(std::less<SubRegionDescriptor>(),
+                RlAllocator<SubRegionDescriptor>(Access::allocator(m_locator)))
+    {}
+    ~RegionDirectoryTest() override
+    {
+        m_map.clear();
+        m_voucher.reset();
+    }
+
+    void fill(u64 firstBlocks, u64 distanceBlocks)
+    {
+        for (u64 i = 0; i < REGIONS; ++i)
+            m_map.insert(plainRegion(firstBlocks + i * distanceBlocks, 8, 8 * i));
+        RegionDirectoryMemory memory;
+        ASSERT_TRUE(memory.obtain(*m_locator.getMemPool(), 1024));
+        m_directory.install(memory, m_map, 8 * REGIONS);
+        EXPECT_EQ(memory.slots(), 0U);
+    }
+
+    RegionNode* near(u64 offset) const
+    {
+        return m_directory.near(offset, m_directory.peek(offset));
+    }
+
+    LogCapture m_log;
+    RegionLocator m_locator{1, RL_MMI_View};
+    std::unique_ptr<ActiveVoucher> m_voucher;
+    RegionMap m_map;
+    RegionDirectory m_directory;
+};
+
+TEST_F(RegionDirectoryTest, IsOffWithoutMemoryAndThenKnowsAndKeepsNothing)
+{
+    EXPECT_FALSE(m_directory.isOn());
+    EXPECT_EQ(m_directory.bytes(), 0U);
+    const auto place = m_map.insert(plainRegion(8, 8, 0)).first;
+    m_directory.note(place._M_node, 8);
+    m_directory.move(place._M_node, 8, 16);
+    m_directory.forget(place._M_node, 16);
+    m_directory.forgetAll();
+}
+
+TEST_F(RegionDirectoryTest, KnowsEveryRegionOfAViewThatItIsLongEnoughFor)
+{
+    fill(0, 8);
+    EXPECT_EQ(m_directory.granuleBlocks(), 8U);
+    for (auto place = m_map.begin(); place != m_map.end(); ++place)
+        for (u64 within = 0; within < 8; ++within)
+            ASSERT_EQ(near(place->m_viewOffsetBlocks + within), place._M_node);
+    // Just behind the last region it is that one, and far behind it is nothing.
+    EXPECT_EQ(near(8 * REGIONS + 15), std::prev(m_map.end())._M_node);
+    EXPECT_EQ(near(8 * REGIONS + 40), nullptr);
+}
+
+TEST_F(RegionDirectoryTest, SpreadsAViewThatIsFarLongerThanItself)
+{
+    fill(1 << 20, 1 << 20);
+    u64 known = 0;
+    for (auto place = m_map.begin(); place != m_map.end(); ++place) {
+        RegionNode* const node = near(place->m_viewOffsetBlocks);
+        ASSERT_TRUE(node == nullptr || node == place._M_node);
+        known += node == nullptr ? 0 : 1;
+    }
+    EXPECT_GT(known, REGIONS / 2);
+}
+
+TEST_F(RegionDirectoryTest, ForgetsARegionThatLeavesAndNoOther)
+{
+    fill(0, 8);
+    const auto place = m_map.find(SubRegionDescriptor(80));
+    // Another node in the slot stays.
+    m_directory.forget(std::next(place)._M_node, 80);
+    EXPECT_EQ(near(80), place._M_node);
+    m_directory.forget(place._M_node, 80);
+    EXPECT_EQ(m_directory.peek(80), nullptr);
+    EXPECT_EQ(near(80), std::prev(place)._M_node);
+}
+
+TEST_F(RegionDirectoryTest, FollowsARegionThatMovesToAnotherGranule)
+{
+    fill(0, 8);
+    const auto place = m_map.find(SubRegionDescriptor(80));
+    m_directory.move(place._M_node, 80, 83);
+    EXPECT_EQ(m_directory.peek(80), place._M_node);
+    m_directory.move(place._M_node, 83, 90);
+    EXPECT_EQ(m_directory.peek(80), nullptr);
+    EXPECT_EQ(m_directory.peek(90), place._M_node);
+}
+
+TEST_F(RegionDirectoryTest, IsThrownAwayAndGivesItsMemoryBack)
+{
+    fill(0, 8);
+    m_directory.forgetAll();
+    for (u64 i = 0; i < REGIONS; ++i)
+        ASSERT_EQ(m_directory.peek(8 * i), nullptr);
+    RegionDirectoryMemory none;
+    m_directory.install(none, m_map, 8 * REGIONS);
+    EXPECT_FALSE(m_directory.isOn());
+    EXPECT_EQ(none.slots(), 1024U);
+}
+
+// ---- in a locator ----
+
+TEST(LocatorDirectoryTest, ComesAndGoesWithReservationsAndStaysWithinItsBound)
+{
+    const LogCapture log;
+    const Accelerators on(Accelerators::DIRECTORY, 100);
+    RegionLocator locator(1, RL_MMI_View);
+    for (u64 i = 0; i < 1000; ++i) {
+        insertRegion(locator, plainRegion(8 * i, 8, 8 * i));
+        ASSERT_LE(locator.getAcceleratorBytes(), 24 * locator.getItemCount());
+        ASSERT_EQ(locator.getAcceleratorBytes() != 0, locator.getItemCount() >= 100) << i;
+    }
+    for (u64 i = 0; i < 1000; ++i) {
+        removeRange(locator, 8 * ((i * 617) % 1000), 8);
+        ASSERT_LE(locator.getAcceleratorBytes(), 24 * locator.getItemCount()) << i;
+    }
+    EXPECT_EQ(locator.getAcceleratorBytes(), 0U);
+}
+
+TEST(LocatorDirectoryTest, IsDoneWithoutWhereThePoolHasNoMemoryForIt)
+{
+    const LogCapture log;
+    const Accelerators on(Accelerators::DIRECTORY, 100);
+    const LimitedMemory limited(64 * 1024, 64 * 1024);
+    RegionLocator locator(1, RL_MMI_View);
+    for (u64 i = 0; i < 500; ++i)
+        insertRegion(locator, plainRegion(8 * i, 8, 8 * i));
+    EXPECT_EQ(locator.getAcceleratorBytes(), 0U);
+    EXPECT_EQ(lookupRange(locator, 800, 16),
+              (Regions{plainRegion(800, 8, 800), plainRegion(808, 8, 808)}));
+}
+
+TEST(LocatorDirectoryTest, IsNotThereWhenItIsSwitchedOff)
+{
+    const LogCapture log;
+    const Accelerators on(Accelerators::ALL & ~Accelerators::DIRECTORY);
+    RegionLocator locator(1, RL_MMI_View);
+    for (u64 i = 0; i < 500; ++i)
+        insertRegion(locator, plainRegion(8 * i, 8, 8 * i));
+    EXPECT_EQ(locator.getAcceleratorBytes(), 0U);
+}
+
+} // namespace
