@@ -130,7 +130,10 @@ Result ServeProcess::start(const std::vector<std::string>& arguments)
         argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     catchSignals(passOn);
+    // A socket is anybody's who may write to it.
+    const mode_t before = umask(S_IRWXG | S_IRWXO);
     const int error = posix_spawnp(&m_pid, argv[0], nullptr, nullptr, argv.data(), environ);
+    umask(before);
     if (error != 0) {
         m_pid = -1;
         return Result(error == ENOENT ? ResultCode::NotFound : ResultCode::Failed,
