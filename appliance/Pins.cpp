@@ -1,8 +1,10 @@
 #include "appliance/Pins.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
+#include <random>
 #include <thread>
 #include <unistd.h>
 
@@ -48,6 +50,15 @@ bool isHoldName(const std::string& name)
     return !name.empty() && name.size() <= MAX_NAME && isWord(name.front()) &&
            std::all_of(name.begin(), name.end(),
                        [&](char c) { return isWord(c) || c == '.' || c == '_' || c == '-'; });
+}
+
+// A name that no other use has or had: who lets go removes a file by its name, without the latch,
+// and must not meet a file that somebody else has just made under the same one.
+std::string freshUseName(u64 process)
+{
+    static const u32 tag = std::random_device()(); // process numbers come again
+    static std::atomic<u64> count{0};
+    return std::to_string(process) + "-" + std::to_string(tag) + "-" + std::to_string(++count);
 }
 
 constexpr const char* HOLD_SUFFIX = ".hold";
@@ -164,25 +175,18 @@ PointUse::~PointUse()
 Result PointUse::add(Storage& storage, const UseInfo& info, std::unique_ptr<PointUse>* use)
 {
     const u64 process = static_cast<u64>(getpid());
-    for (u32 i = 0;; ++i) {
-        const std::string path = usePath(std::to_string(process) + "-" + std::to_string(i));
-        std::unique_ptr<StorageFile> file;
-        RcStatus rc = storage.open(path, StorageAccess::Create, &file);
-        if (rc == RC_SUCCESS)
-            rc = file->lock();
-        if (rc == RC_IN_USE)
-            continue;
-        const std::vector<u8> content =
-            packed({info.m_items, info.m_firstPage, process}, info.m_what);
-        if (rc == RC_SUCCESS)
-            rc = file->truncate(0);
-        if (rc == RC_SUCCESS)
-            rc = file->pwrite(content.data(), content.size(), 0);
-        if (rc != RC_SUCCESS)
-            return Result::fromStatus(rc, "cannot register what is in use");
-        use->reset(new PointUse(storage, path, std::move(file)));
-        return Result();
-    }
+    const std::string path = usePath(freshUseName(process));
+    std::unique_ptr<StorageFile> file;
+    RcStatus rc = storage.open(path, StorageAccess::Create, &file);
+    if (rc == RC_SUCCESS)
+        rc = file->lock();
+    const std::vector<u8> content = packed({info.m_items, info.m_firstPage, process}, info.m_what);
+    if (rc == RC_SUCCESS)
+        rc = file->pwrite(content.data(), content.size(), 0);
+    if (rc != RC_SUCCESS)
+        return Result::fromStatus(rc, "cannot register what is in use");
+    use->reset(new PointUse(storage, path, std::move(file)));
+    return Result();
 }
 
 Result listUses(Storage& storage, const std::vector<std::string>& except,
