@@ -168,6 +168,7 @@ Result DeltaReader::readHeader()
             m_header.m_sizeBytes = number(size, 8);
             hasSize = true;
         } else {
+            m_hasNextTag = true;
             break;
         }
         if (!result.ok())
@@ -181,10 +182,10 @@ Result DeltaReader::readHeader()
 Result DeltaReader::next(Kind* kind, u64* offsetBytes, u64* bytes)
 {
     char tag = m_nextTag;
-    m_nextTag = 0;
-    if (tag == 0)
+    if (!m_hasNextTag)
         if (Result result = take(&tag, 1); !result.ok())
             return result;
+    m_hasNextTag = false;
     *kind = Kind::End;
     *offsetBytes = 0;
     *bytes = 0;

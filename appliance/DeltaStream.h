@@ -126,6 +126,7 @@ private:
     std::unique_ptr<Frame> m_frame;
     u64 m_filePosition = 0;
     u64 m_fileBytes = 0;
+    bool m_hasNextTag = false; // the header's end was told by the tag that follows it
     char m_nextTag = 0;
     bool m_frameEnded = false;
 };

@@ -2,13 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <fcntl.h>
 #include <filesystem>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
+#include "appliance/NewFile.h"
 #include "appliance/Sizes.h"
 #include "host/journal/FileStorage.h"
 
@@ -19,63 +17,20 @@ namespace {
 class RegularFile : public ImageSink
 {
 public:
-    // The file keeps its name's suffix out of any pattern by which finished images are found.
-    explicit RegularFile(const std::string& path)
-        : m_path(path),
-          m_temporary((fs::path(path).parent_path() / ("." + fs::path(path).filename().string() +
-                                                       ".partial-" + std::to_string(getpid())))
-                          .string())
-    {}
-    ~RegularFile() override
-    {
-        if (m_fd < 0)
-            return;
-        close(m_fd);
-        unlink(m_temporary.c_str());
-    }
-    RegularFile(const RegularFile&) = delete;
-    RegularFile& operator=(const RegularFile&) = delete;
+    explicit RegularFile(const std::string& path) : m_file(path) {}
 
-    Result open(u64 sizeBytes)
-    {
-        m_fd = ::open(m_temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-        if (m_fd < 0)
-            return Result::failed("cannot make " + m_temporary + ": " + std::strerror(errno));
-        if (ftruncate(m_fd, static_cast<off_t>(sizeBytes)) != 0)
-            return Result::fromErrno(errno, "cannot make an image of " + formatSize(sizeBytes));
-        return Result();
-    }
+    Result open(u64 sizeBytes) { return m_file.open(sizeBytes); }
 
     Result write(u64 offsetBytes, const u8* data, u64 bytes) override
     {
-        while (bytes > 0) {
-            const ssize_t wrote = pwrite(m_fd, data, bytes, static_cast<off_t>(offsetBytes));
-            if (wrote < 0 && errno == EINTR)
-                continue;
-            if (wrote <= 0)
-                return Result::fromErrno(wrote == 0 ? EIO : errno, "cannot write " + m_path);
-            data += wrote;
-            offsetBytes += static_cast<u64>(wrote);
-            bytes -= static_cast<u64>(wrote);
-        }
-        return Result();
+        return Result::fromStatus(m_file.file().pwrite(data, bytes, offsetBytes),
+                                  "cannot write " + m_file.path());
     }
 
-    Result finish() override
-    {
-        if (fsync(m_fd) != 0)
-            return Result::fromErrno(errno, "cannot sync " + m_path);
-        if (rename(m_temporary.c_str(), m_path.c_str()) != 0)
-            return Result::fromErrno(errno, "cannot make " + m_path);
-        close(m_fd);
-        m_fd = -1;
-        return Result();
-    }
+    Result finish() override { return m_file.finish(); }
 
 private:
-    std::string m_path;
-    std::string m_temporary;
-    int m_fd = -1;
+    NewFile m_file;
 };
 
 class BlockDevice : public ImageSink

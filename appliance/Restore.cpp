@@ -1,80 +1,36 @@
 #include "appliance/Restore.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
-#include <unistd.h>
 
 #include "appliance/DeltaStream.h"
+#include "appliance/NewFile.h"
 #include "host/infra/Clock.h"
-#include "host/journal/FileStorage.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
 constexpr u64 BUFFER_BYTES = 1 << 20;
+// So much zeroed data becomes a hole; and it is the most that is zeroed between two looks at the
+// outside, as a file system without holes has to write it.
+constexpr u64 HOLE_BYTES = 1 << 16;
+constexpr u64 ZERO_STEP_BYTES = u64{1} << 30;
 
-// An image in the making: gone again unless it was finished.
-class NewImage
+bool isZero(const u8* data, u64 bytes)
 {
-public:
-    explicit NewImage(const std::string& path)
-        : m_path(path),
-          m_temporary((fs::path(path).parent_path() / ("." + fs::path(path).filename().string() +
-                                                       ".partial-" + std::to_string(getpid())))
-                          .string())
-    {}
-    ~NewImage()
-    {
-        if (m_file != nullptr)
-            unlink(m_temporary.c_str());
-    }
-    NewImage(const NewImage&) = delete;
-    NewImage& operator=(const NewImage&) = delete;
+    return data[0] == 0 && std::memcmp(data, data + 1, bytes - 1) == 0;
+}
 
-    Result open(u64 sizeBytes)
-    {
-        std::error_code error;
-        const auto status = fs::status(m_path, error);
-        if (fs::exists(status) && !fs::is_regular_file(status))
-            return Result::failed(m_path + " is no regular file");
-        const int fd = ::open(m_temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-        if (fd < 0)
-            return Result::fromErrno(errno, "cannot make " + m_temporary);
-        m_file = std::make_unique<PosixFile>(fd);
-        return Result::fromStatus(m_file->truncate(sizeBytes), "cannot make " + m_temporary);
-    }
-
-    Result write(u64 offsetBytes, const u8* data, u64 bytes)
-    {
-        return Result::fromStatus(m_file->pwrite(data, bytes, offsetBytes),
-                                  "cannot write " + m_path);
-    }
-
-    Result zero(u64 offsetBytes, u64 bytes)
-    {
-        return Result::fromStatus(m_file->zeroRange(offsetBytes, bytes), "cannot write " + m_path);
-    }
-
-    Result finish()
-    {
-        if (const RcStatus rc = m_file->sync(); rc != RC_SUCCESS)
-            return Result::fromStatus(rc, "cannot sync " + m_path);
-        if (rename(m_temporary.c_str(), m_path.c_str()) != 0)
-            return Result::fromErrno(errno, "cannot make " + m_path);
-        m_file.reset();
-        return Result();
-    }
-
-private:
-    const std::string m_path;
-    const std::string m_temporary;
-    std::unique_ptr<PosixFile> m_file; // while it is in the making
-};
+Result checkRegular(const std::string& path)
+{
+    std::error_code error;
+    const auto status = fs::status(path, error);
+    if (fs::exists(status) && !fs::is_regular_file(status))
+        return Result::failed(path + " is no regular file");
+    return Result();
+}
 
 // What a file says of itself.
 struct Link
@@ -130,7 +86,7 @@ Result readChain(const std::vector<std::string>& files, std::vector<Link>* chain
 class Applier
 {
 public:
-    Applier(NewImage& image, FlowControl& control, u64 totalBytes, RestoreStatistics* statistics)
+    Applier(NewFile& image, FlowControl& control, u64 totalBytes, RestoreStatistics* statistics)
         : m_image(image), m_control(control), m_totalBytes(totalBytes), m_statistics(*statistics),
           m_buffer(BUFFER_BYTES)
     {}
@@ -154,7 +110,7 @@ public:
                 break;
             if (bytes == 0)
                 continue;
-            Result result = kind == DeltaReader::Kind::Zeroes ? m_image.zero(offset, bytes)
+            Result result = kind == DeltaReader::Kind::Zeroes ? zero(*reader, offset, bytes)
                                                               : copy(*reader, offset, bytes);
             if (!result.ok())
                 return result;
@@ -171,8 +127,40 @@ private:
             const u64 now = std::min(bytes, BUFFER_BYTES);
             if (Result result = reader.readData(m_buffer.data(), now); !result.ok())
                 return result;
-            if (Result result = m_image.write(offset, m_buffer.data(), now); !result.ok())
+            if (Result result = write(offset, now); !result.ok())
                 return result;
+            if (Result result = tick(reader); !result.ok())
+                return result;
+            offset += now;
+            bytes -= now;
+        }
+        return Result();
+    }
+
+    // The buffer's first bytes; what is zero in them takes no space.
+    Result write(u64 offset, u64 bytes)
+    {
+        const auto stepAt = [&](u64 at) { return std::min(bytes - at, HOLE_BYTES); };
+        RcStatus rc = RC_SUCCESS;
+        for (u64 done = 0; done < bytes && rc == RC_SUCCESS;) {
+            const u8* data = m_buffer.data() + done;
+            const bool hole = isZero(data, stepAt(done));
+            u64 end = done + stepAt(done);
+            while (end < bytes && isZero(m_buffer.data() + end, stepAt(end)) == hole)
+                end += stepAt(end);
+            rc = hole ? m_image.file().zeroRange(offset + done, end - done)
+                      : m_image.file().pwrite(data, end - done, offset + done);
+            done = end;
+        }
+        return Result::fromStatus(rc, "cannot write " + m_image.path());
+    }
+
+    Result zero(const DeltaReader& reader, u64 offset, u64 bytes)
+    {
+        while (bytes > 0) {
+            const u64 now = std::min(bytes, ZERO_STEP_BYTES);
+            if (const RcStatus rc = m_image.file().zeroRange(offset, now); rc != RC_SUCCESS)
+                return Result::fromStatus(rc, "cannot write " + m_image.path());
             if (Result result = tick(reader); !result.ok())
                 return result;
             offset += now;
@@ -189,7 +177,7 @@ private:
         return Result();
     }
 
-    NewImage& m_image;
+    NewFile& m_image;
     FlowControl& m_control;
     const u64 m_totalBytes;
     RestoreStatistics& m_statistics;
@@ -213,7 +201,9 @@ Result restoreImage(const std::vector<std::string>& files, const std::string& pa
     statistics->m_point = chain.back().m_header.m_to;
     statistics->m_sizeBytes = chain.back().m_header.m_sizeBytes;
 
-    NewImage image(path);
+    if (Result result = checkRegular(path); !result.ok())
+        return result;
+    NewFile image(path);
     if (Result result = image.open(statistics->m_sizeBytes); !result.ok())
         return result;
     Applier applier(image, control, totalBytes, statistics);
