@@ -28,8 +28,9 @@ private:
     Result buildIndex();
     Result dropDone();
     void measure();
+    Result check(Drain& drain);
     Result begin();
-    Result drain();
+    Result drain(Drain& drain);
     Result note(Drain& drain);
     Result finish();
 
@@ -43,7 +44,9 @@ private:
     JournalPtr m_next = JournalPtr::invalid; // of the first item behind the point
     RegionLocator m_locator;
     std::shared_ptr<TargetVolume> m_target;
-    u64 m_notedBlocks = 0; // written when how far it came was noted last
+    u64 m_allBlocks = 0;     // that are to be written
+    u64 m_checkedBlocks = 0; // read beforehand
+    u64 m_notedBlocks = 0;   // written when how far it came was noted last
     u64 m_notedMs = 0;
 };
 
@@ -61,10 +64,12 @@ Result Applier::run()
     if (m_mirror.report().m_skippedPages > 0)
         return Result(ResultCode::Damaged, "what is damaged cannot be applied");
     // What the target is to hold must not be lost from the journal by a crash.
-    if (Result result = m_mirror.flush(); !result.ok())
-        return result;
-    if (const RcStatus rc = m_mirror.journal().syncMetadata(m_state.m_next); rc != RC_SUCCESS)
-        return Result::fromStatus(rc, "cannot make the journal durable");
+    if (!m_options.m_dryRun) {
+        if (Result result = m_mirror.flush(); !result.ok())
+            return result;
+        if (const RcStatus rc = m_mirror.journal().syncMetadata(m_state.m_next); rc != RC_SUCCESS)
+            return Result::fromStatus(rc, "cannot make the journal durable");
+    }
     if (Result result = buildIndex(); !result.ok())
         return result;
     if (m_statistics.m_resumed) {
@@ -80,9 +85,15 @@ Result Applier::run()
     }
     if (Result result = m_mirror.openTargetForWriting(&m_target); !result.ok())
         return result;
+    Drain drain(m_mirror, m_engine, m_locator, *m_target, m_options.m_stepBlocks);
+    m_allBlocks = m_locator.getTotalRegionBlocks();
+    if (!m_statistics.m_resumed) {
+        if (Result result = check(drain); !result.ok())
+            return result;
+    }
     if (Result result = begin(); !result.ok())
         return result;
-    if (Result result = drain(); !result.ok())
+    if (Result result = this->drain(drain); !result.ok())
         return result;
     return finish();
 }
@@ -153,6 +164,22 @@ void Applier::measure()
             u64{at->m_lengthBlocks} * BLOCK_BYTES;
 }
 
+// Holds first, as they are looked at in no time.
+Result Applier::check(Drain& drain)
+{
+    {
+        PinLatch latch;
+        if (Result result = latch.take(m_mirror.storage()); !result.ok())
+            return result;
+        if (Result result = checkPins(m_mirror.storage(), m_to.m_items); !result.ok())
+            return result;
+    }
+    return drain.check(m_control, [&](u64 blocks) {
+        m_checkedBlocks = blocks;
+        m_control.progress(blocks, 2 * m_allBlocks);
+    });
+}
+
 Result Applier::begin()
 {
     PinLatch latch;
@@ -179,10 +206,8 @@ Result Applier::note(Drain& drain)
     return m_mirror.setApplyState(m_state);
 }
 
-Result Applier::drain()
+Result Applier::drain(Drain& drain)
 {
-    Drain drain(m_mirror, m_engine, m_locator, *m_target, m_options.m_stepBlocks);
-    const u64 allBlocks = m_locator.getTotalRegionBlocks();
     m_notedMs = Clock::instance()->nowMs();
     for (bool more = true; more;) {
         if (Result result = drain.step(&more); !result.ok())
@@ -190,7 +215,7 @@ Result Applier::drain()
         const u64 done = drain.dataBlocks() + drain.zeroBlocks();
         m_statistics.m_dataBytes = drain.dataBlocks() * BLOCK_BYTES;
         m_statistics.m_zeroBytes = drain.zeroBlocks() * BLOCK_BYTES;
-        m_control.progress(done, std::max<u64>(allBlocks, 1));
+        m_control.progress(m_checkedBlocks + done, std::max<u64>(m_checkedBlocks + m_allBlocks, 1));
         if (!more)
             break;
         const bool stop = m_control.stopRequested();

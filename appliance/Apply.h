@@ -1,13 +1,15 @@
 // Apply: brings the target volume forward to a point, while views of later points are read.
 //
-//   journal -> scan of the items behind the target's point -> apply locator
+//   journal -> scan of the items behind the target's point -> apply locator -> all of its data read
+//              once, to be sure of it
 //   again and again: getFirstBlocksAndLock -> read the journal -> write the target
 //                    -> unlockAndRemove; now and then: sync the target, note how far it came
 //
 // The locator is drained from its lowest view offset on, so "how far it came" is one number. From
 // the first byte that is written the target is of no point before the new one any more: that is
-// noted durably before it. Views of later points do not see the change, as whatever is written here
-// they find in the journal.
+// noted durably before it; and before that, that the new point can be reached: everything that it
+// takes from the journal was read and found whole. Views of later points do not see the change, as
+// whatever is written here they find in the journal.
 #pragma once
 
 #include "appliance/FlowControl.h"
@@ -39,8 +41,10 @@ struct ApplyStatistics
 // The target holds the point, durably, when it is done. A point that it holds already is done at
 // once.
 // NotFound: before the target's point; InUse: a held point, or one that somebody reads, lies before
-// the one asked for, nothing was changed; Interrupted, NoSpace, Damaged, Failed: run it again, it
-// goes on. Until then points before the one asked for are gone, as the window tells.
+// the one asked for; Damaged: something that the point takes from the journal cannot be read, the
+// message says what. Nothing was changed by these, unless an apply was under way before: then
+// points before the one asked for stay gone. Interrupted, NoSpace, Failed: run it again, it goes
+// on. Until then points before the one asked for are gone, as the window tells.
 // Thread safety: a plain thread; one apply or trim at a time. Writes, views and reads of the mirror
 // may go on beside it.
 Result applyMirror(Mirror& mirror, TaskEngine& engine, const ChosenPoint& to,

@@ -10,6 +10,9 @@ namespace {
 
 // Longer runs are written in pieces of this, in flight together.
 constexpr u32 WRITE_BLOCKS = 1024;
+// Where nothing is, a lookup goes over so much at once: not all of a huge volume, as many pieces
+// may lie behind a gap.
+constexpr u32 EMPTY_WINDOW_BLOCKS = 1 << 22;
 constexpr u64 PATIENCE_MS = 30000;
 
 } // namespace
@@ -57,13 +60,67 @@ Result Drain::lockNext(Batch& batch)
     return Result::fromStatus(rc, "cannot take the next pieces to apply");
 }
 
-Result Drain::readBatch(Batch& batch)
+Result Drain::check(FlowControl& control, const std::function<void(u64 blocks)>& progress)
+{
+    if (Result result = reserve(std::min<u64>(m_locator.getItemCount(), m_stepBlocks));
+        !result.ok())
+        return result;
+    // By lookups, as iterators would end all changes of the locator.
+    Batch& batch = m_batches[m_current];
+    u64 done = 0;
+    u32 windowBlocks = m_stepBlocks;
+    for (u64 offset = m_locator.getFirstOffest(); offset < m_target.lengthBlocks();) {
+        m_locator.lookup(nullptr, offset, windowBlocks, &batch.m_regions, false, nullptr);
+        if (batch.m_regions.empty()) {
+            offset += windowBlocks;
+            windowBlocks = std::min(2 * windowBlocks, EMPTY_WINDOW_BLOCKS);
+            continue;
+        }
+        if (windowBlocks > m_stepBlocks) {
+            offset = batch.m_regions.front().m_viewOffsetBlocks;
+            windowBlocks = m_stepBlocks;
+            continue;
+        }
+        offset += windowBlocks;
+        for (const SubRegionDescriptor& region : batch.m_regions)
+            done += region.m_lengthBlocks;
+        if (const RcStatus rc = readBatch(batch); rc != RC_SUCCESS)
+            return unreadable(batch, rc);
+        progress(done);
+        if (control.stopRequested())
+            return Result(ResultCode::Interrupted, "interrupted before anything was applied");
+    }
+    batch.m_regions.clear();
+    return Result();
+}
+
+// Which of them it was, as far as that can still be found out.
+Result Drain::unreadable(Batch& batch, RcStatus rc)
+{
+    Batch alone;
+    for (const SubRegionDescriptor& region : batch.m_regions) {
+        alone.m_regions.assign(1, region);
+        const RcStatus one = readBatch(alone);
+        if (one == RC_SUCCESS)
+            continue;
+        const u64 address = region.getOrigIoFifoOffsetLbs();
+        return Result::fromStatus(
+            one, "cannot read the journal's data of blocks " +
+                     std::to_string(region.m_viewOffsetBlocks) + " to " +
+                     std::to_string(region.m_viewOffsetBlocks + region.m_lengthBlocks - 1) +
+                     " (data grain " + std::to_string(SFS_GRAIN_OF(address)) + ", IO at block " +
+                     std::to_string(address % SFS_GRAIN_BLOCKS) + ")");
+    }
+    return Result::fromStatus(rc, "cannot read the journal's data");
+}
+
+RcStatus Drain::readBatch(Batch& batch)
 {
     u64 blocks = 0;
     for (const SubRegionDescriptor& region : batch.m_regions)
         blocks += region.isAllZeroes() ? 0 : region.m_lengthBlocks;
     if (blocks == 0)
-        return Result();
+        return RC_SUCCESS;
     if (batch.m_bufferBlocks < blocks) {
         batch.m_buffer.reset(new u8[blocks * BLOCK_BYTES]);
         batch.m_bufferBlocks = blocks;
@@ -80,7 +137,7 @@ Result Drain::readBatch(Batch& batch)
         pieces.emplace_back(region, &buffers.back());
         next += bytes;
     }
-    const RcStatus rc = runAndWait(m_engine, [&](AsyncTask* task) {
+    return runAndWait(m_engine, [&](AsyncTask* task) {
         std::vector<IODescriptorEx> uncompressed;
         std::vector<IODescriptorExCompressed> compressed;
         m_reader.fillIoDescriptorVectors(pieces, &uncompressed, &compressed);
@@ -88,11 +145,6 @@ Result Drain::readBatch(Batch& batch)
             task, uncompressed, compressed, AioPriority::Low, m_memory,
             Clock::instance()->nowMs() + PATIENCE_MS, nullptr, nullptr, nullptr);
     });
-    const SubRegionDescriptor& first = batch.m_regions.front();
-    const SubRegionDescriptor& last = batch.m_regions.back();
-    return Result::fromStatus(
-        rc, "cannot read the journal's data of blocks " + std::to_string(first.m_viewOffsetBlocks) +
-                " to " + std::to_string(last.m_viewOffsetBlocks + last.m_lengthBlocks - 1));
 }
 
 Result Drain::startWrites(Batch& batch)
@@ -158,8 +210,8 @@ Result Drain::step(bool* more)
     Batch& batch = m_batches[m_current];
     if (Result result = lockNext(batch); !result.ok())
         return result;
-    if (Result result = readBatch(batch); !result.ok())
-        return result;
+    if (const RcStatus rc = readBatch(batch); rc != RC_SUCCESS)
+        return unreadable(batch, rc);
     if (Result result = finishWrites(); !result.ok())
         return result;
     *more = !batch.m_regions.empty();

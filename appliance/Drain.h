@@ -4,11 +4,13 @@
 // Thread safety: one plain thread.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <vector>
 
 #include "RegionLocator/RegionLocator.h"
 #include "Sfs/JournalIoReader.h"
+#include "appliance/FlowControl.h"
 #include "appliance/Mirror.h"
 #include "host/tasks/TaskEngine.h"
 
@@ -23,6 +25,13 @@ public:
     ~Drain();
     Drain(const Drain&) = delete;
     Drain& operator=(const Drain&) = delete;
+
+    // Reads everything that is to be drained, and makes sure of a step's memory, before anything is
+    // changed: what turns out damaged only half way would leave the target of no point at all, for
+    // good. Interrupted; Damaged: the message names the first blocks that cannot be read; Failed.
+    // REQUIRES: before the first step; nobody else changes the locator meanwhile.
+    // progress: of all the locator's blocks, how many were looked at.
+    Result check(FlowControl& control, const std::function<void(u64 blocks)>& progress);
 
     // Reads the next regions, waits for the writes of the step before, and starts those of this
     // one. *more: whether there is anything left to wait for. After a failure only the destructor
@@ -48,7 +57,8 @@ private:
     };
 
     Result lockNext(Batch& batch);
-    Result readBatch(Batch& batch);
+    RcStatus readBatch(Batch& batch);
+    Result unreadable(Batch& batch, RcStatus rc);
     Result startWrites(Batch& batch);
     Result reserve(u64 regions);
 

@@ -1,13 +1,12 @@
 #include "appliance/Mirror.h"
 
 #include <cerrno>
-#include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <random>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "appliance/NewFile.h"
 #include "appliance/Retention.h"
 #include "appliance/Sizes.h"
 #include "common/infra/LogItem.h"
@@ -95,16 +94,6 @@ bool isReadOnly(const std::string& folder)
     return access(folder.c_str(), W_OK) != 0 && errno == EROFS;
 }
 
-Result syncFolder(const fs::path& folder)
-{
-    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const bool good = fd >= 0 && fsync(fd) == 0;
-    const int error = errno;
-    if (fd >= 0)
-        close(fd);
-    return good ? Result() : Result::fromErrno(error, "cannot sync " + folder.string());
-}
-
 } // namespace
 
 Mirror::Mirror(std::string folder, std::unique_ptr<Storage> storage)
@@ -145,7 +134,7 @@ Result Mirror::create(const std::string& folder, MirrorSettings settings)
         rc = TargetVolume::create((making / TARGET_FILE).string(), settings.sizeBlocks());
     if (rc != RC_SUCCESS)
         return Result::fromStatus(rc, "cannot fill " + making.string());
-    if (Result result = mirror.openJournal(MirrorAccess::Writer, JournalRecovery::Strict);
+    if (Result result = mirror.openJournal(MirrorAccess::Writer, JournalRecovery::Strict, 0);
         !result.ok())
         return result;
     if (Result result = mirror.close(); !result.ok())
@@ -155,7 +144,7 @@ Result Mirror::create(const std::string& folder, MirrorSettings settings)
     if (::rename(making.c_str(), final.c_str()) != 0)
         return Result::fromErrno(errno, "cannot make " + folder);
     remove.done();
-    return syncFolder(final.parent_path());
+    return syncFolder(final.parent_path().string());
 }
 
 Result Mirror::open(const std::string& folder, MirrorAccess access, JournalRecovery recovery,
@@ -179,10 +168,12 @@ Result Mirror::openIn(std::unique_ptr<Storage> storage, const std::string& folde
         opened->m_currentSettings = opened->m_settings;
     }
     opened->m_access = access;
-    if (Result result = opened->openJournal(access, recovery); !result.ok())
-        return result;
-    // After the journal: what it says may have moved on meanwhile, and usePoint() notices.
     ApplyState state;
+    if (Result result = loadApplyState(*opened->m_storage, &state); !result.ok())
+        return Result(result.code(), folder + ": " + result.message());
+    if (Result result = opened->openJournal(access, recovery, state.firstItems()); !result.ok())
+        return result;
+    // Again after the journal: it may have moved on meanwhile, and usePoint() notices.
     if (Result result = loadApplyState(*opened->m_storage, &state); !result.ok())
         return Result(result.code(), folder + ": " + result.message());
     {
@@ -196,10 +187,11 @@ Result Mirror::openIn(std::unique_ptr<Storage> storage, const std::string& folde
     return Result();
 }
 
-Result Mirror::openJournal(MirrorAccess access, JournalRecovery recovery)
+Result Mirror::openJournal(MirrorAccess access, JournalRecovery recovery, u64 minimumItems)
 {
-    JournalStore::Opened opened =
-        JournalStore::open(*m_storage, journalOptions(m_settings, access, recovery));
+    JournalOptions options = journalOptions(m_settings, access, recovery);
+    options.minimumItems = minimumItems;
+    JournalStore::Opened opened = JournalStore::open(*m_storage, options);
     if (opened.m_rc == RC_IN_USE)
         return Result(ResultCode::InUse, m_folder + " is in use by another process that writes");
     if (opened.m_rc == RC_NOT_FOUND)

@@ -142,7 +142,8 @@ public:
 private:
     Mirror(std::string folder, std::unique_ptr<Storage> storage);
 
-    Result openJournal(MirrorAccess access, JournalRecovery recovery);
+    // minimumItems: what the target holds of it.
+    Result openJournal(MirrorAccess access, JournalRecovery recovery, u64 minimumItems);
     Result checkPointLatched(u64 items);
     Result openTargetAs(bool readOnly, std::shared_ptr<TargetVolume>* target);
     Result journaled(RcStatus rc, const std::string& what) const;

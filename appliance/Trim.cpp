@@ -50,8 +50,10 @@ Result Trimmer::run(const ChosenPoint& to)
                           " only; apply to " + to.name() + " first");
     if (m_mirror.report().m_skippedPages > 0)
         return Result(ResultCode::Damaged, "what is damaged cannot be trimmed");
-    if (Result result = m_mirror.flush(); !result.ok())
-        return result;
+    if (!m_options.m_dryRun) {
+        if (Result result = m_mirror.flush(); !result.ok())
+            return result;
+    }
     if (Result result = plan(to.m_items); !result.ok())
         return result;
     const JournalBegin old = m_journal.begin();

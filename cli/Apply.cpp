@@ -20,10 +20,10 @@ struct Arguments
 
 Result run(Context& context, const Arguments& arguments)
 {
-    // Writing also for a dry run, which so sees what an apply would.
+    // Opening to write may cut a journal's incomplete end, which a dry run leaves alone.
+    const MirrorAccess access = arguments.m_dryRun ? MirrorAccess::Reader : MirrorAccess::Writer;
     std::unique_ptr<Session> session;
-    if (Result result = Session::open(context, arguments.m_mirror, MirrorAccess::Writer, &session);
-        !result.ok())
+    if (Result result = Session::open(context, arguments.m_mirror, access, &session); !result.ok())
         return result;
     Json point;
     Json asked = {{"retention", arguments.m_retention}};

@@ -62,18 +62,19 @@ Result run(Context& context, const Arguments& arguments)
     if (Result result = pickSpan(context, *mirror, arguments.m_span, &from, &to); !result.ok())
         return result;
     std::vector<DiffExtent> extents;
-    const auto scanning = context.progress("scanning");
-    if (Result result = diffPoints(*mirror, from, to, *scanning, &extents); !result.ok())
+    const auto reporter = context.progress(arguments.m_compare ? "comparing" : "scanning");
+    if (arguments.m_compare)
+        reporter->setPart(0, 30);
+    if (Result result = diffPoints(*mirror, from, to, *reporter, &extents); !result.ok())
         return result;
-    scanning->finish();
     if (arguments.m_compare) {
-        const auto comparing = context.progress("comparing");
+        reporter->setPart(30, 100);
         if (Result result =
-                compareExtents(*mirror, context.engine(), from, to, *comparing, &extents);
+                compareExtents(*mirror, context.engine(), from, to, *reporter, &extents);
             !result.ok())
             return result;
-        comparing->finish();
     }
+    reporter->finish();
     print(context, extents, from, to);
     return Result();
 }

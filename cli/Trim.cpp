@@ -20,9 +20,9 @@ struct Arguments
 
 Result run(Context& context, const Arguments& arguments)
 {
+    const MirrorAccess access = arguments.m_dryRun ? MirrorAccess::Reader : MirrorAccess::Writer;
     std::unique_ptr<Session> session;
-    if (Result result = Session::open(context, arguments.m_mirror, MirrorAccess::Writer, &session);
-        !result.ok())
+    if (Result result = Session::open(context, arguments.m_mirror, access, &session); !result.ok())
         return result;
     Json point;
     Json asked = {{"retention", arguments.m_retention}};

@@ -66,7 +66,7 @@ private:
 
     RcStatus walkFrom(u64 page, u64 items, JournalPtr* end)
     {
-        u64 seen = 0;
+        u64 seen = m_store.begin().m_items;
         while (page < m_store.endPage()) {
             bool there = false;
             if (const RcStatus rc = readIntact(m_store.endPage(), &page, &there); rc != RC_SUCCESS)

@@ -101,6 +101,12 @@ bool JournalStore::Impl::recover(Opened& opened)
     m_dataGrain = found.m_position.m_dataGrain;
     m_dataBlock = m_dataGrain != 0 ? found.m_position.m_dataBlock : SFS_GRAIN_BLOCKS;
     if (m_options.mode == JournalMode::Writer) {
+        if (m_items < m_options.minimumItems)
+            return fail(opened, RC_DAMAGED,
+                        "the journal can be read up to item:" + std::to_string(m_items) +
+                            " only, but the target volume holds more of it, up to item:" +
+                            std::to_string(m_options.minimumItems) +
+                            "; it is not cut there, as what is written next would be lost");
         RcStatus cut = cutJournal(m_grains, found.m_position);
         u64 removed = 0; // what a trim that was cut off has left behind
         if (cut == RC_SUCCESS)

@@ -54,6 +54,9 @@ struct JournalOptions
     Compression compression = Compression::None;
     u64 limitBytes = 0;             // most bytes the journal may take; 0 for no limit
     u64 volumeBlocks = 0;           // items beyond are refused; 0 for no check
+    // What recovery must not cut, as something outside of the journal builds on it: a journal that
+    // ends before so many items is refused to a writer.
+    u64 minimumItems = 0;
     std::string folder = "journal"; // within the storage
     std::function<u64()> nowUs;     // microseconds since 1970 in UTC; empty: the process's clock
     u32 autoFlushItems = 16384;     // so many items pending are flushed by the appender

@@ -36,6 +36,8 @@ protected:
         return image;
     }
 
+    std::string dataGrain() const { return folder() + "/journal/d-0000000001"; }
+
     ResultCode viewCode(u64 items)
     {
         FlowControl control;
@@ -96,6 +98,34 @@ TEST_F(ApplyTest, GoesOnWithWhatCameAfterIt)
     ASSERT_TRUE(apply(40).ok());
     EXPECT_EQ(m_statistics.m_items, 20u);
     EXPECT_EQ(target(), m_images[40]);
+}
+
+TEST_F(ApplyTest, DamagedDataIsFoundBeforeAnythingIsChanged)
+{
+    makeMirror();
+    const std::vector<u8> data(8 * BLOCK_BYTES, 7);
+    for (u64 i = 0; i < 3; ++i)
+        ASSERT_TRUE(m_mirror->write(100 * i, data.data(), 8).ok());
+    ASSERT_TRUE(m_mirror->flush().ok());
+    {
+        std::fstream grain(dataGrain(), std::ios::binary | std::ios::in | std::ios::out);
+        grain.seekp(9 * BLOCK_BYTES); // of the second write
+        grain.put(8);
+        ASSERT_TRUE(grain.good());
+    }
+    const Result result = apply(3);
+    EXPECT_EQ(result.code(), ResultCode::Damaged);
+    EXPECT_EQ(result.message(),
+              "cannot read the journal's data of blocks 100 to 107 (data grain 1, "
+              "IO at block 8): checksum mismatch");
+    EXPECT_EQ(m_mirror->window().m_firstItems, 0u);
+    EXPECT_EQ(target(), m_images[0]);
+    // What lies before it, and what overrides it, can be had.
+    ASSERT_TRUE(apply(1).ok());
+    EXPECT_EQ(apply(2).code(), ResultCode::Damaged);
+    EXPECT_EQ(m_mirror->window().m_firstItems, 1u);
+    ASSERT_TRUE(m_mirror->writeZeroes(100, 8).ok());
+    EXPECT_TRUE(apply(4).ok());
 }
 
 TEST_F(ApplyTest, ZeroesBecomeHoles)
@@ -255,6 +285,32 @@ TEST_F(ApplyTest, InterruptedAnywhereGoesOnWhereItWas)
         }
         ASSERT_EQ(target(), m_images[80]);
     }
+}
+
+TEST_F(ApplyTest, RecoveryNeverCutsBelowWhatTheTargetHolds)
+{
+    makeMirror();
+    writeRandomly(13, 60);
+    CpId_t id = 0;
+    ASSERT_TRUE(m_mirror->checkpoint("", &id).ok());
+    ASSERT_TRUE(apply(50).ok());
+    ASSERT_TRUE(m_mirror->close().ok());
+    m_mirror.reset();
+    const std::string metadata = folder() + "/journal/m-0000000001";
+    const auto size = std::filesystem::file_size(metadata);
+    {
+        std::fstream file(metadata, std::ios::binary | std::ios::in | std::ios::out);
+        file.seekp(2 * BLOCK_BYTES + 40); // some item in the middle
+        file.put('\x55');
+        ASSERT_TRUE(file.good());
+    }
+    const Result result =
+        Mirror::open(folder(), MirrorAccess::Writer, JournalRecovery::PointInTime, &m_mirror);
+    EXPECT_EQ(result.code(), ResultCode::Damaged);
+    EXPECT_NE(result.message().find("the target volume holds more of it, up to item:50"),
+              std::string::npos)
+        << result.message();
+    EXPECT_EQ(std::filesystem::file_size(metadata), size) << "something was cut";
 }
 
 TEST_F(ApplyTest, DamagedNoteRefusesTheMirror)
