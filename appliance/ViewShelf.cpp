@@ -4,6 +4,9 @@
 
 namespace {
 
+// Each holds a file open that tells other processes of it, of which a process may not have many.
+constexpr u64 MOST_UNUSED = 32;
+
 // Ends a build when the shelf is stopped.
 class StopControl : public FlowControl
 {
@@ -52,22 +55,25 @@ u64 ViewShelf::bytesLocked() const
 bool ViewShelf::makeRoomLocked(Gone* gone)
 {
     u64 bytes = bytesLocked();
-    while (bytes > m_budgetBytes) {
+    for (;;) {
+        u64 unused = 0;
         auto oldest = m_slots.end();
         for (auto at = m_slots.begin(); at != m_slots.end(); ++at) {
-            const bool isUnused = at->second.m_leases == 0 && at->second.m_shared != nullptr;
-            if (isUnused &&
-                (oldest == m_slots.end() || at->second.m_lastUse < oldest->second.m_lastUse))
+            if (at->second.m_leases != 0 || at->second.m_shared == nullptr)
+                continue;
+            ++unused;
+            if (oldest == m_slots.end() || at->second.m_lastUse < oldest->second.m_lastUse)
                 oldest = at;
         }
-        if (oldest == m_slots.end())
+        if (bytes <= m_budgetBytes && unused <= MOST_UNUSED)
+            return true;
+        if (unused == 0)
             return false;
         bytes -= oldest->second.m_bytes;
         gone->push_back(std::move(oldest->second.m_shared));
         m_slots.erase(oldest);
         ++m_dropped;
     }
-    return true;
 }
 
 void ViewShelf::leaseLocked(u64 items, Slot& slot, Lease* lease)
@@ -189,6 +195,7 @@ void ViewShelf::giveBack(u64 items)
         gone.push_back(std::move(found->second.m_shared));
         m_slots.erase(found);
     }
+    makeRoomLocked(&gone);
 }
 
 u64 ViewShelf::dropUnused(u64 beforeItems)

@@ -106,6 +106,10 @@ Result commandLine(Context& context, const Arguments& arguments, const ServeAddr
         line->insert(line->end(), {"--unix", address.m_socket});
     else
         line->insert(line->end(), {"--ipaddr", address.m_host, "--port", address.m_port});
+    // With several workers on one connection the server aborts when a client vanishes while one of
+    // them has an answer to send (seen with nbdkit 1.32.5 and any plugin). Connections run beside
+    // each other all the same.
+    line->insert(line->end(), {"--threads", "1"});
     line->insert(line->end(), arguments.m_nbdkit.begin(), arguments.m_nbdkit.end());
     line->push_back(plugin);
     const auto pass = [&](const char* key, const std::string& value) {

@@ -52,8 +52,8 @@ struct JournalOptions
     JournalMode mode = JournalMode::ReadOnly;
     JournalRecovery recovery = JournalRecovery::Tail;
     Compression compression = Compression::None;
-    u64 limitBytes = 0;             // most bytes the journal may take; 0 for no limit
-    u64 volumeBlocks = 0;           // items beyond are refused; 0 for no check
+    u64 limitBytes = 0;   // most bytes the journal may take; 0 for no limit
+    u64 volumeBlocks = 0; // items beyond are refused; 0 for no check
     // What recovery must not cut, as something outside of the journal builds on it: a journal that
     // ends before so many items is refused to a writer.
     u64 minimumItems = 0;

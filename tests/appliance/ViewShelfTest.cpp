@@ -131,6 +131,22 @@ TEST_F(ViewShelfTest, TheBudgetDropsWhatWasUsedLeastRecentlyAndNeverWhatIsOpen)
     EXPECT_EQ(read(second), m_images[42]);
 }
 
+TEST_F(ViewShelfTest, FewStayThatNobodyHasOpenHoweverSmall)
+{
+    makeMirror();
+    writeRandomly(3, 60);
+    makeShelf();
+    for (u64 items = 1; items <= 60; ++items)
+        EXPECT_EQ(read(open(items)), m_images[items]);
+    EXPECT_EQ(m_shelf->report().m_views, 32u);
+    std::vector<ViewShelf::Lease> leases;
+    for (u64 items = 1; items <= 60; ++items)
+        leases.push_back(open(items));
+    EXPECT_EQ(m_shelf->report().m_views, 60u) << "what is open stays";
+    leases.clear();
+    EXPECT_EQ(m_shelf->report().m_views, 32u);
+}
+
 TEST_F(ViewShelfTest, UnusedViewsStepOutOfApplysWay)
 {
     makeMirror();
