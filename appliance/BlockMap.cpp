@@ -22,6 +22,9 @@ public:
         u64 windowBlocks = FIRST_WINDOW_BLOCKS;
         while (block < end && !m_isFull) {
             const u64 windowEnd = std::min(end, block + windowBlocks);
+            // What an apply writes to a hole of the target may be out of the index by the next
+            // lookup, so a hole that was found before one says nothing after it.
+            m_targetFrom = m_targetStart = m_targetEnd = 0;
             m_locator.lookup(nullptr, block, static_cast<u32>(windowEnd - block), &m_pieces, false,
                              nullptr);
             for (size_t i = 0; i < m_pieces.size() && !m_isFull; ++i) {

@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <system_error>
 #include <unistd.h>
 
 #include "appliance/ControlSocket.h"
@@ -119,7 +120,9 @@ void ControlServer::run()
         fds.push_back({takes ? m_listening : -1, POLLIN, 0});
         for (const Connection& one : m_connections) {
             const short out = one.m_out.empty() ? short{0} : short{POLLOUT};
-            const short in = one.m_closing ? short{0} : short{POLLIN};
+            // Who does not read its answers asks for no more.
+            const bool takesMore = !one.m_closing && (one.m_out.empty() || one.m_call != nullptr);
+            const short in = takesMore ? short{POLLIN} : short{0};
             // Of one that is gone only the command's end is waited for.
             fds.push_back({one.m_gone ? -1 : one.m_fd, static_cast<short>(in | out), 0});
         }
@@ -228,7 +231,11 @@ void ControlServer::look(Connection& connection)
 {
     std::string line;
     // While a command runs, nothing but its cancellation may come: whoever floods is cut off.
-    while (!connection.m_closing && !connection.m_gone && connection.m_in.next(&line))
+    const auto takesMore = [&] {
+        return !connection.m_closing && !connection.m_gone &&
+               (connection.m_call != nullptr || connection.m_out.empty());
+    };
+    while (takesMore() && connection.m_in.next(&line))
         takeLine(connection, line);
     if (!connection.m_closing && connection.m_in.isTooLong())
         refuse(connection, Result::usage("the line is too long for a command"));
@@ -272,9 +279,15 @@ void ControlServer::startCall(Connection& connection, const std::string& command
             controlError(Result(ResultCode::InUse, "too many commands are under way; try again"));
         return;
     }
+    try {
+        connection.m_call =
+            std::make_unique<ControlCall>(m_handler, command, arguments, [this] { wake(); });
+    } catch (const std::system_error&) { // no more threads may be made
+        connection.m_out +=
+            controlError(Result(ResultCode::InUse, "no thread for the command; try again"));
+        return;
+    }
     connection.m_out += controlLine(JsonValue{{"type", "accepted"}});
-    connection.m_call =
-        std::make_unique<ControlCall>(m_handler, command, arguments, [this] { wake(); });
 }
 
 void ControlServer::serveCall(Connection& connection)

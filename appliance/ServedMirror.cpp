@@ -54,6 +54,10 @@ Result ServedMirror::seal(u64 deadlineMs)
 {
     m_sealed = true;
     m_views->stop();
+    // At once, as a request that hangs may use up all the time that there is.
+    Result result = m_options.m_readOnly ? Result() : m_mirror->flush();
+    if (!result.ok())
+        return result;
     if (!m_requests.wait(deadlineMs))
         return Result::failed("a request is still under way");
     return m_options.m_readOnly ? Result() : m_mirror->flush();
@@ -64,6 +68,9 @@ Result ServedMirror::stop()
     if (m_mirror == nullptr)
         return Result();
     m_views->stop();
+    // First, as an apply may take its time to come to a point where it can stop.
+    if (!m_options.m_readOnly)
+        const Result ignored = m_mirror->flush(); // closing tries again, and tells
     m_services.reset();
     m_diffs.reset();
     m_views.reset();

@@ -9,6 +9,7 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <sys/resource.h>
 
 #include "appliance/ServedExport.h"
 #include "nbd/Nbdkit.h"
@@ -133,9 +134,21 @@ int threadModel()
 }
 
 // Threads do not survive the fork before this.
+// Connections, grains and open views each take some; one that cannot be opened would be a failure
+// of the journal.
+void raiseFileLimit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 int afterFork()
 {
     return guarded(-1, [] {
+        raiseFileLimit();
         server = std::make_unique<PluginServer>();
         if (tell(server->start(config)) == -1)
             return -1;

@@ -110,8 +110,9 @@ Result PluginConfig::set(const std::string& key, const std::string& value)
     if (key == "checkpoint-every")
         return parseCheckpointEvery(key, value, &m_served);
     if (key == "stop-timeout")
-        return parseDuration(value, &m_stopSeconds).ok() ? Result()
-                                                         : wrong(key, value, "a time, as 10s");
+        return parseDuration(value, &m_stopSeconds).ok() && m_stopSeconds > 0
+                   ? Result()
+                   : wrong(key, value, "a time above 0, as 10s");
     return Result::usage("unknown parameter '" + key + "'");
 }
 

@@ -128,6 +128,22 @@ bool JournalStore::Impl::prepareWriting(Opened& opened)
     const RcStatus rc = m_tags.openForWriting(m_storage, m_options.folder);
     if (rc != RC_SUCCESS)
         return fail(opened, rc, std::string("cannot open the tags: ") + rcStatusText(rc));
+    // A process that was killed may have written pages that it never synced. They are part of the
+    // journal from here on, and the next flush counts on their being durable.
+    u64 page = 0;
+    u64 end = 0;
+    {
+        MutexGuard pages(m_mutex);
+        page = m_begin.m_page;
+        end = m_endPage;
+    }
+    for (; page < end; page += JOURNAL_PAGES_PER_GRAIN - pageInGrain(page)) {
+        const RcStatus written = m_grains.sync(GrainKind::Meta, pageGrain(page));
+        // Salvage goes on without what is lost.
+        if (written != RC_SUCCESS && m_options.recovery != JournalRecovery::Salvage)
+            return fail(opened, written,
+                        std::string("cannot make the journal durable: ") + rcStatusText(written));
+    }
     const RcStatus synced = m_storage.syncDir(m_options.folder);
     return synced == RC_SUCCESS ||
            fail(opened, synced,

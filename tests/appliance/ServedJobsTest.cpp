@@ -215,7 +215,12 @@ TEST_F(ServedJobsTest, BackgroundKeepsToTheSettings)
             std::this_thread::sleep_for(1ms);
         }
     });
-    waitFor([&] { return m_served->mirror().journal().begin().m_items > 1000 || HasFailure(); });
+    // More checkpoints than are kept, however fast the clients are.
+    waitFor([&] {
+        const std::vector<CheckpointInfo> made = m_served->mirror().window().m_checkpoints;
+        return HasFailure() || (m_served->mirror().journal().begin().m_items > 1000 &&
+                                !made.empty() && made.back().m_id >= 6);
+    });
     counting = false;
     counter.join();
     stopClients();

@@ -352,6 +352,27 @@ std::unique_ptr<CrashStorage> CrashStorage::restart() const
     return crash([](size_t) { return Fate{Fate::Kept, 0}; });
 }
 
+std::unique_ptr<CrashStorage> CrashStorage::takeOver() const
+{
+    auto next = std::make_unique<CrashStorage>();
+    std::map<const Inode*, InodePtr> made;
+    const auto copyOf = [&](const InodePtr& inode) {
+        InodePtr& copy = made[inode.get()];
+        if (inode && !copy) {
+            copy = std::make_shared<Inode>(*inode);
+            copy->m_locked = false;
+        }
+        return copy;
+    };
+    for (const auto& [name, inode] : m_current)
+        next->m_current[name] = copyOf(inode);
+    for (const auto& [name, inode] : m_durable)
+        next->m_durable[name] = copyOf(inode);
+    for (const NameChange& change : m_unsyncedNames)
+        next->m_unsyncedNames.push_back({change.m_name, copyOf(change.m_inode)});
+    return next;
+}
+
 std::vector<std::string> CrashStorage::files() const
 {
     std::vector<std::string> names;

@@ -72,6 +72,10 @@ public:
     // All as it is seen now, durable, and without locks: what a restarted process finds.
     std::unique_ptr<CrashStorage> restart() const;
 
+    // The same without locks, with what was not synced still lost by a later power cut: what a
+    // process finds that comes after one that was killed.
+    std::unique_ptr<CrashStorage> takeOver() const;
+
     // For tests that damage files: the names, and the offsets of the sectors that were ever
     // written.
     std::vector<std::string> files() const;

@@ -194,6 +194,36 @@ private:
     LogItem::Sink m_sink;
 };
 
+// The page cache outlives a killed process, and what it holds is found by the next one: which then
+// has to make it durable before a flush may say so.
+TEST_F(JournalCrashTest, WhatAKilledProcessLeftIsDurableOnceTheNextOneFlushes)
+{
+    for (u64 changes = 1;; ++changes) {
+        CrashStorage storage;
+        storage.dieAfter(changes);
+        Ledger ledger;
+        play(storage, ledger);
+        const bool isWhole = !storage.isDead();
+        const std::unique_ptr<CrashStorage> next = storage.takeOver();
+        JournalOptions options;
+        options.mode = JournalMode::Writer;
+        const JournalStore::Opened opened = JournalStore::open(*next, options);
+        ASSERT_EQ(opened.m_rc, RC_SUCCESS) << opened.m_message << ", " << changes << " changes";
+        const u64 items = opened.m_store->itemCount();
+        ASSERT_EQ(opened.m_store->flush(), RC_SUCCESS);
+        const std::unique_ptr<CrashStorage> cut = next->crash([](size_t) {
+            return Fate{Fate::Lost, 0};
+        });
+        const JournalStore::Opened left = JournalStore::open(*cut, JournalOptions());
+        if (items == 0 && left.m_rc == RC_NOT_FOUND)
+            continue;
+        ASSERT_EQ(left.m_rc, RC_SUCCESS) << left.m_message << ", " << changes << " changes";
+        ASSERT_EQ(left.m_store->itemCount(), items) << changes << " changes";
+        if (isWhole)
+            break;
+    }
+}
+
 TEST_F(JournalCrashTest, HistoryWithoutACrashIsWhole)
 {
     CrashStorage storage;
