@@ -206,6 +206,8 @@ CountedRegionMap::moveTo(CountedRegionMap& other, const_iterator next, const_ite
     RegionMap::node_type node = m_regionMap->extract(iter);
     const iterator place = other.m_regionMap->insert(next, std::move(node));
     if (other.size() == before) {
+        // A node that finds its place taken stays as it was.
+        // NOLINTNEXTLINE(bugprone-use-after-move)
         added(m_regionMap->insert(std::move(node)).position);
         return {place, false};
     }

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <fmt/format.h>
 #include <iostream>
 #include <spawn.h>
 #include <sstream>
@@ -92,8 +93,9 @@ Result takeOutput(const std::string& output, const std::string& contender, Diges
         const auto& [digest, first] =
             digests->try_emplace(m.m_work, m.m_digest, contender).first->second;
         if (digest != m.m_digest)
-            return Result::failed(contender + " and " + first + " answer differently after " +
-                                  m.m_work + " on " + samples->m_subject.m_workload);
+            return Result::failed(fmt::format("{} and {} answer differently after {} on {}",
+                                              contender, first, m.m_work,
+                                              samples->m_subject.m_workload));
     }
     if (!lines.eof() || samples->m_contenders[contender].empty())
         return Result::failed("a measuring process wrote something else than measurements");

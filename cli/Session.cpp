@@ -51,7 +51,7 @@ Result Session::run(const std::string& command, const Json& arguments, ProgressR
         if (Result connected = ControlClient::connect(m_folder, &m_client); !connected.ok())
             return Result::failed("the process that served " + m_folder + " is gone; try again");
     }
-    const Result done = m_client->run(command, arguments, talk, result);
+    Result done = m_client->run(command, arguments, talk, result);
     m_client.reset();
     return done;
 }
