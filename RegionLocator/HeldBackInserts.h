@@ -17,6 +17,7 @@
 // When not to use it: where an insert may fail. Its caller has been told that it has not.
 #pragma once
 
+#include <atomic>
 #include <vector>
 
 #include "RegionLocator/CountedRegionMap.h"
@@ -30,30 +31,33 @@ class HeldBackInserts
 public:
     static constexpr u32 MOST = RegionDescent::MAX_LOCKSTEP;
 
-    bool empty() const { return m_count == 0; }
-    bool isFull() const { return m_count == MOST; }
-    u32 size() const { return m_count; }
+    // May be asked without the mutex, by who accepts a momentary view.
+    bool empty() const { return size() == 0; }
+    bool isFull() const { return size() == MOST; }
+    u32 size() const { return m_count.load(std::memory_order_relaxed); }
     RegionLocatorVoucher* voucher() const { return m_voucher; }
 
     // REQUIRES: not full, and no region of another voucher is held.
     void add(const SubRegionDescriptor& region, RegionLocatorVoucher* voucher)
     {
         m_voucher = voucher;
-        m_regions[m_count++] = region;
+        const u32 count = size();
+        m_regions[count] = region;
+        m_count.store(count + 1, std::memory_order_relaxed);
     }
 
     // Brings what inserting the regions will touch into the cache.
-    void warm(const CountedRegionMap& map) const { map.warm(m_regions.data(), m_count); }
+    void warm(const CountedRegionMap& map) const { map.warm(m_regions.data(), size()); }
 
     // In the order in which they came.
     const SubRegionDescriptor* begin() const { return m_regions.data(); }
-    const SubRegionDescriptor* end() const { return m_regions.data() + m_count; }
+    const SubRegionDescriptor* end() const { return m_regions.data() + size(); }
 
-    void clear() { m_count = 0; }
+    void clear() { m_count.store(0, std::memory_order_relaxed); }
 
 private:
     std::vector<SubRegionDescriptor> m_regions =
         std::vector<SubRegionDescriptor>(MOST, SubRegionDescriptor(0));
-    u32 m_count = 0;
+    std::atomic<u32> m_count{0};
     RegionLocatorVoucher* m_voucher = nullptr;
 };

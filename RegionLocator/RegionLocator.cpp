@@ -1497,9 +1497,12 @@ u64 RegionLocator::getItemCount()
 
 RegionLocatorStatistics RegionLocator::getStatistics()
 {
-    // What is held back is counted as if it were in already, and for that it has to be.
-    if (!m_heldBack.empty())
-        settleScan();
+    // What is held back is counted as if it were in already, and for that it has to be. Who has
+    // the mutex may be this very thread; whoever it is, what it leaves is a momentary view.
+    if (!m_heldBack.empty() && m_mutex.tryLock()) {
+        settle();
+        m_mutex.unlock();
+    }
     RegionLocatorStatistics statistics;
     statistics.m_numIOsInserted = m_counters.getInserts();
     statistics.m_bytesInserted = m_counters.getInsertLbs() * BLOCK_BYTES;

@@ -163,6 +163,19 @@ TEST_F(ScanTest, EveryOperationFindsWhatWasHandedOver)
     }
 }
 
+// They take no lock, so who holds it may ask as well, and gets what is in by then.
+TEST_F(ScanTest, StatisticsAreToldUnderTheMutexToo)
+{
+    add(0, 8, 10);
+    ASSERT_EQ(heldBack(), 1u);
+    {
+        MutexGuard guard(Access::mutex(m_locator));
+        EXPECT_EQ(m_locator.getStatistics().m_numIOsInserted, 1u);
+    }
+    EXPECT_EQ(m_locator.getStatistics().m_numIOsInserted, 2u);
+    EXPECT_EQ(heldBack(), 0u);
+}
+
 TEST_F(ScanTest, WhatIsHeldBackIsInBeforeTheIteratorsAreOut)
 {
     add(500, 8, 500);
