@@ -4,8 +4,10 @@
 // from the indexes, and then the grains behind them, waits in between for every reader that was
 // there already: those that come later do not find the pieces any more.
 //
-// Thread safety: any thread. A reader takes no lock and never waits for a remover; it waits for
-// others only when more than SLOTS threads read at once.
+// The slots come in blocks; where more read at once than there are slots, a block is added, and
+// stays. So a reader waits for another one only where there is no memory for that.
+//
+// Thread safety: any thread. A reader takes no lock and never waits for a remover.
 // Invariants: a slot is 0, or the number of the period in which its reader came.
 #pragma once
 
@@ -18,6 +20,12 @@
 class GracePeriod
 {
 public:
+    GracePeriod() = default;
+    // REQUIRES: no reader is left.
+    ~GracePeriod();
+    GracePeriod(const GracePeriod&) = delete;
+    GracePeriod& operator=(const GracePeriod&) = delete;
+
     // One reader, for the length of a scope.
     class Reader
     {
@@ -36,15 +44,23 @@ public:
     bool wait(u64 deadlineMs = Clock::NEVER);
 
 private:
-    std::atomic<u64>& takeSlot();
-
-    static constexpr u32 SLOTS = 128;
+    static constexpr u32 SLOTS = 128; // of a block
 
     struct alignas(64) Slot
     {
         std::atomic<u64> m_period{0};
     };
 
+    struct Block
+    {
+        std::array<Slot, SLOTS> m_slots;
+        std::atomic<Block*> m_next{nullptr}; // set once
+    };
+
+    std::atomic<u64>& takeSlot();
+    std::atomic<u64>* takeSlotOf(Block& block, u32& usual);
+    static Block* blockAfter(Block& block);
+
     std::atomic<u64> m_period{1};
-    std::array<Slot, SLOTS> m_slots;
+    Block m_first;
 };
