@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <filesystem>
 #include <unistd.h>
 #include <vector>
@@ -23,13 +24,25 @@ public:
 
     Result write(u64 offsetBytes, const u8* data, u64 bytes) override
     {
-        return Result::fromStatus(m_file.file().pwrite(data, bytes, offsetBytes),
-                                  "cannot write " + m_file.path());
+        const RcStatus rc = m_file.file().pwrite(data, bytes, offsetBytes);
+        if (rc == RC_SUCCESS)
+            startWriteback(offsetBytes, bytes);
+        return Result::fromStatus(rc, "cannot write " + m_file.path());
     }
 
     Result finish() override { return m_file.finish(); }
 
 private:
+    // Has the disk write while the next data is read, so that little is left to the sync at the
+    // end. Only a hint: errors, and what was not written, are the sync's to find.
+    void startWriteback(u64 offsetBytes, u64 bytes)
+    {
+        if (m_file.file().fd() >= 0)
+            static_cast<void>(
+                ::sync_file_range(m_file.file().fd(), static_cast<off64_t>(offsetBytes),
+                                  static_cast<off64_t>(bytes), SYNC_FILE_RANGE_WRITE));
+    }
+
     NewFile m_file;
 };
 
