@@ -134,8 +134,8 @@ int threadModel()
 }
 
 // Threads do not survive the fork before this.
-// Connections, grains and open views each take some; one that cannot be opened would be a failure
-// of the journal.
+// Connections, grains and open views each take some; while one cannot be opened
+// the requests that need it are refused.
 void raiseFileLimit()
 {
     rlimit limit{};

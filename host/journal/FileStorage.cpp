@@ -26,6 +26,18 @@ RcStatus rcFromErrno(int error)
     }
 }
 
+namespace {
+
+// Of a call that opens something. That there is no descriptor or memory for it is over as soon as
+// others close theirs; only here, where nothing has been changed or lost yet, does it say so.
+RcStatus rcFromOpen(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOMEM ? RC_NO_MEMORY
+                                                                 : rcFromErrno(error);
+}
+
+} // namespace
+
 PosixFile::~PosixFile()
 {
     ::close(m_fd);
@@ -42,7 +54,7 @@ RcStatus PosixFile::open(const std::string& path, StorageAccess access,
         fd = ::open(path.c_str(), flags, 0644);
     while (fd < 0 && errno == EINTR);
     if (fd < 0)
-        return rcFromErrno(errno);
+        return rcFromOpen(errno);
     *file = std::make_unique<PosixFile>(fd);
     return RC_SUCCESS;
 }
@@ -169,7 +181,7 @@ RcStatus FileStorage::list(const std::string& folder, std::vector<std::string>* 
     names->clear();
     DIR* dir = ::opendir(path(folder).c_str());
     if (dir == nullptr)
-        return rcFromErrno(errno);
+        return rcFromOpen(errno);
     errno = 0;
     while (const dirent* entry = ::readdir(dir)) {
         const std::string name = entry->d_name;
@@ -204,7 +216,7 @@ RcStatus FileStorage::syncDir(const std::string& folder)
 {
     const int fd = ::open(path(folder).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0)
-        return rcFromErrno(errno);
+        return rcFromOpen(errno);
     const RcStatus rc = ::fsync(fd) == 0 ? RC_SUCCESS : rcFromErrno(errno);
     ::close(fd);
     return rc;

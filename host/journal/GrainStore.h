@@ -31,8 +31,8 @@ struct GrainRead
 // Thread safety: any thread, except that one thread at a time changes (create, append, cut, remove)
 // the grains of a kind. Reads of what is appended already may run beside that.
 //
-// Statuses of all calls: RC_SUCCESS, RC_NOT_FOUND (no such grain), RC_NO_SPACE, RC_IO_ERROR, and
-// those named below.
+// Statuses of all calls: RC_SUCCESS, RC_NOT_FOUND (no such grain), RC_NO_SPACE, RC_NO_MEMORY (it
+// could not be opened just now, and nothing was done), RC_IO_ERROR, and those named below.
 class GrainStore
 {
 public:

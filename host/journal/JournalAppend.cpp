@@ -37,7 +37,8 @@ u64 JournalStore::Impl::bytesUsedLocked() const
 
 RcStatus JournalStore::Impl::failLocked(RcStatus rc, const char* what)
 {
-    if (rc == RC_NO_SPACE)
+    // Neither has lost anything: a write that met it is undone, a group is kept.
+    if (rc == RC_NO_SPACE || rc == RC_NO_MEMORY)
         return rc;
     if (m_failed == RC_SUCCESS)
         LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)

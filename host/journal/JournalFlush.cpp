@@ -2,6 +2,17 @@
 
 #include "host/journal/JournalStoreImpl.h"
 
+namespace {
+
+// Whatever a failed sync dropped is gone, also when it was for want of space. One that could not
+// even open the grain has dropped nothing.
+RcStatus ofSync(RcStatus rc)
+{
+    return rc == RC_NO_MEMORY ? rc : RC_IO_ERROR;
+}
+
+} // namespace
+
 RcStatus JournalStore::Impl::flush()
 {
     MutexGuard guard(m_mutex);
@@ -65,9 +76,8 @@ RcStatus JournalStore::Impl::writeGroup(const std::set<u64>& dirtyGrains)
     RcStatus rc = RC_SUCCESS;
     for (const u64 grain : dirtyGrains) {
         rc = m_grains.sync(GrainKind::Data, grain);
-        // Whatever a failed sync dropped is gone, also when it was for want of space.
         if (rc != RC_SUCCESS)
-            return RC_IO_ERROR;
+            return ofSync(rc);
     }
     const u64 end = m_group.m_firstPage + m_group.m_pages.size();
     for (u64 page = m_group.m_firstPage; page < end;) {
@@ -85,7 +95,7 @@ RcStatus JournalStore::Impl::writeGroup(const std::set<u64>& dirtyGrains)
     for (u64 grain = pageGrain(m_group.m_firstPage); grain <= pageGrain(end - 1); ++grain) {
         rc = m_grains.sync(GrainKind::Meta, grain);
         if (rc != RC_SUCCESS)
-            return RC_IO_ERROR;
+            return ofSync(rc);
     }
     return RC_SUCCESS;
 }

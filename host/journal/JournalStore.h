@@ -111,7 +111,8 @@ public:
 
     // Appends one request; lengthBlocks > 0. Not durable before a flush, but read back at once.
     // RC_NO_SPACE: the limit is reached or the disk is full, nothing changed; RC_BAD_ARGUMENT: zero
-    // length, beyond the volume, or not a writer; RC_IO_ERROR: nothing more is accepted.
+    // length, beyond the volume, or not a writer; RC_NO_MEMORY: a grain could not be opened for
+    // want of descriptors or memory, nothing changed; RC_IO_ERROR: nothing more is accepted.
     RcStatus append(u64 offsetBlocks, const void* data, u32 lengthBlocks);
     RcStatus appendZeroes(u64 offsetBlocks, u64 lengthBlocks);
 
@@ -128,7 +129,7 @@ public:
     RcStatus appendCheckpoint(const std::string& tag, CpId_t* id);
 
     // Makes all that was appended before durable. Callers at the same time share one flush.
-    // RC_NO_SPACE: not durable, but kept; a later flush tries again.
+    // RC_NO_SPACE, RC_NO_MEMORY: not durable, but kept; a later flush tries again.
     RcStatus flush();
 
     // Closes as the destructor does, and says how it went. Appends fail afterwards.
@@ -151,9 +152,9 @@ public:
 
     // Gives the journal a later beginning, durably; its grains go by removeTrimmed(). Readers of
     // what lies before it are the caller's to keep away. RC_BAD_ARGUMENT: not a writer, before the
-    // present beginning or behind the end; RC_NO_SPACE, RC_IO_ERROR: the old beginning holds, or
-    // after a crash one of the two.
-    // freedBlocks: stored blocks in the data grains that go.
+    // present beginning or behind the end; RC_NO_SPACE, RC_NO_MEMORY, RC_IO_ERROR: the old
+    // beginning holds, or after a crash one of the two. freedBlocks: stored blocks in the data
+    // grains that go.
     RcStatus setBegin(const JournalBegin& begin, u64 freedBlocks);
 
     // Takes over the beginning that the writer has given the journal since this reader opened it,

@@ -46,7 +46,8 @@ struct JournalStore::Impl
     void beginGroupLocked() RL_REQUIRES(m_mutex);
     void endGroupLocked() RL_REQUIRES(m_mutex);
 
-    // After anything but a full disk nothing more is accepted.
+    // After anything but a full disk, or a file that could not be opened for want of descriptors
+    // or memory, nothing more is accepted.
     RcStatus failLocked(RcStatus rc, const char* what) RL_REQUIRES(m_mutex);
 
     // Writes the group that m_group holds; called by the one thread that flushes.
@@ -82,8 +83,9 @@ struct JournalStore::Impl
     u64 m_items RL_GUARDED_BY(m_mutex) = 0;    // logical items accepted
     u64 m_accepted RL_GUARDED_BY(m_mutex) = 0; // items of all kinds since the store was opened
 
-    // The group that is being written, or could not be for want of space and is to be written again
-    // as it is: pages of two attempts must not differ. Only the flushing thread reads it unlocked.
+    // The group that is being written, or could not be for want of space or descriptors and is to
+    // be written again as it is: pages of two attempts must not differ. Only the flushing thread
+    // reads it unlocked.
     JournalGroup m_group;
     u64 m_groupAccepted RL_GUARDED_BY(m_mutex) = 0; // m_accepted at its end
     bool m_flushing RL_GUARDED_BY(m_mutex) = false;

@@ -66,7 +66,9 @@ class Storage
 public:
     virtual ~Storage() = default;
 
-    // RC_NOT_FOUND: no such file; also RC_NO_SPACE, RC_IO_ERROR.
+    // RC_NOT_FOUND: no such file; RC_NO_MEMORY: no descriptor or no memory for one more open file,
+    // which may be tried again (list() and syncDir() can answer it too, and have done nothing
+    // then); RC_NO_SPACE, RC_IO_ERROR.
     virtual RcStatus open(const std::string& name, StorageAccess access,
                           std::unique_ptr<StorageFile>* file) = 0;
 

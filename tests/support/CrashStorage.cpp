@@ -168,6 +168,9 @@ RcStatus CrashStorage::open(const std::string& name, StorageAccess access,
                             std::unique_ptr<StorageFile>* file)
 {
     std::lock_guard<std::mutex> guard(m_mutex);
+    const RcStatus opening = begin(Call::Open, false);
+    if (opening != RC_SUCCESS)
+        return opening;
     auto found = m_current.find(name);
     if (found == m_current.end()) {
         if (access != StorageAccess::Create)

@@ -29,6 +29,7 @@ public:
         Write,
         Sync, // of files and folders
         Create,
+        Open, // of any file, also of one that is not there yet
     };
 
     // Kept, Lost, or the number of new bytes that a torn sector got.

@@ -1,0 +1,125 @@
+// A process that has no file descriptor left, with real files.
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "host/journal/FileStorage.h"
+#include "tests/support/JournalReadback.h"
+
+namespace {
+
+// While it lives, nothing can be opened.
+class NoDescriptors
+{
+public:
+    NoDescriptors()
+    {
+        EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &m_before), 0);
+        // All below the lowest free number are taken, and the limit keeps the others away.
+        const int lowest = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        EXPECT_GE(lowest, 0);
+        ::close(lowest);
+        rlimit none = m_before;
+        none.rlim_cur = static_cast<rlim_t>(lowest);
+        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+        EXPECT_LT(::open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
+    }
+    ~NoDescriptors() { EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &m_before), 0); }
+    NoDescriptors(const NoDescriptors&) = delete;
+    NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+private:
+    rlimit m_before{};
+};
+
+class JournalDescriptorsTest : public testing::Test
+{
+protected:
+    JournalDescriptorsTest()
+        : m_root(std::filesystem::temp_directory_path() /
+                 ("rl-descriptors-" + std::to_string(::getpid())))
+    {
+        std::filesystem::create_directory(m_root);
+        m_storage = std::make_unique<FileStorage>(m_root.string());
+    }
+    ~JournalDescriptorsTest() override { std::filesystem::remove_all(m_root); }
+
+    RcStatus append(JournalStore& store, u64 seed, u32 blocks)
+    {
+        const std::vector<u8> data = patternBlocks(seed, blocks);
+        const RcStatus rc = store.append(seed, data.data(), blocks);
+        if (rc == RC_SUCCESS)
+            m_accepted.push_back({seed, blocks, data});
+        return rc;
+    }
+
+    void expectAllAfterReopening(std::unique_ptr<JournalStore> store)
+    {
+        EXPECT_EQ(readBack(*store), m_accepted);
+        store.reset();
+        store = openJournal(*m_storage, JournalMode::Writer);
+        EXPECT_EQ(store->report().m_text, "");
+        EXPECT_EQ(readBack(*store), m_accepted);
+    }
+
+    const std::filesystem::path m_root;
+    std::unique_ptr<FileStorage> m_storage;
+    std::vector<JournalRequest> m_accepted;
+};
+
+TEST_F(JournalDescriptorsTest, WriteThatNeedsANewGrainIsRefusedAndLaterTaken)
+{
+    auto store = openJournal(*m_storage, JournalMode::Writer);
+    {
+        const NoDescriptors none;
+        EXPECT_EQ(append(*store, 1, 4), RC_NO_MEMORY);
+        EXPECT_EQ(store->itemCount(), 0u);
+    }
+    ASSERT_EQ(append(*store, 2, 4), RC_SUCCESS);
+    ASSERT_EQ(store->flush(), RC_SUCCESS);
+    {
+        const NoDescriptors none;
+        EXPECT_EQ(append(*store, 3, 40000), RC_NO_MEMORY);
+        // What the grain at hand has room for needs no descriptor.
+        EXPECT_EQ(append(*store, 4, 4), RC_SUCCESS);
+        EXPECT_EQ(store->flush(), RC_SUCCESS);
+        EXPECT_EQ(readBack(*store), m_accepted);
+    }
+    ASSERT_EQ(append(*store, 5, 40000), RC_SUCCESS);
+    ASSERT_EQ(store->flush(), RC_SUCCESS);
+    expectAllAfterReopening(std::move(store));
+}
+
+TEST_F(JournalDescriptorsTest, FlushThatCannotOpenKeepsWhatItWasToWrite)
+{
+    auto store = openJournal(*m_storage, JournalMode::Writer);
+    ASSERT_EQ(append(*store, 1, 4), RC_SUCCESS);
+    {
+        const NoDescriptors none;
+        EXPECT_EQ(store->flush(), RC_NO_MEMORY);
+        EXPECT_EQ(store->flush(), RC_NO_MEMORY);
+        EXPECT_EQ(append(*store, 2, 4), RC_SUCCESS);
+        EXPECT_EQ(store->durableItemCount(), 0u);
+    }
+    ASSERT_EQ(store->flush(), RC_SUCCESS);
+    EXPECT_EQ(store->durableItemCount(), 2u);
+    expectAllAfterReopening(std::move(store));
+}
+
+TEST_F(JournalDescriptorsTest, JournalThatCannotBeOpenedIsNotDamagedByThat)
+{
+    auto store = openJournal(*m_storage, JournalMode::Writer);
+    ASSERT_EQ(append(*store, 1, 4), RC_SUCCESS);
+    store.reset();
+    for (const JournalMode mode : {JournalMode::Writer, JournalMode::ReadOnly}) {
+        const NoDescriptors none;
+        JournalOptions options;
+        options.mode = mode;
+        EXPECT_EQ(JournalStore::open(*m_storage, options).m_rc, RC_NO_MEMORY);
+    }
+    expectAllAfterReopening(openJournal(*m_storage, JournalMode::Writer));
+}
+
+} // namespace
