@@ -12,5 +12,5 @@ Result confirm(const std::string& question)
     std::getline(std::cin, answer);
     if (answer == "y" || answer == "Y" || answer == "yes")
         return Result();
-    return Result(ResultCode::Interrupted, "not done");
+    return Result::failed("nothing was done, as the answer was not yes");
 }

@@ -30,7 +30,12 @@ Result Session::open(Context& context, const std::string& folder, MirrorAccess a
                      std::unique_ptr<Session>* session)
 {
     std::unique_ptr<Session> opened(new Session(context, folder));
-    if (!ControlClient::connect(folder, &opened->m_client).ok()) {
+    const Result connected = ControlClient::connect(folder, &opened->m_client);
+    // Beside a server that only cannot be reached, a command would change the mirror behind its
+    // back or fail for a reason that says nothing.
+    if (!connected.ok() && connected.code() != ResultCode::NotFound)
+        return connected;
+    if (!connected.ok()) {
         if (Result result = context.openMirror(folder, access, &opened->m_mirror); !result.ok())
             return result;
         opened->m_jobs = std::make_unique<MirrorJobs>(*opened->m_mirror, context.engine());

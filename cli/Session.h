@@ -14,7 +14,8 @@
 class Session
 {
 public:
-    // access: what the command needs of a mirror that nobody serves.
+    // access: what the command needs of a mirror that nobody serves. Failed: a process serves it
+    // that cannot be reached; else as Mirror::open().
     static Result open(Context& context, const std::string& folder, MirrorAccess access,
                        std::unique_ptr<Session>* session);
 
