@@ -2,6 +2,20 @@
 
 #include "appliance/ServedServices.h"
 
+namespace {
+
+class StartControl : public FlowControl
+{
+public:
+    explicit StartControl(const std::atomic<bool>& interrupted) : m_interrupted(interrupted) {}
+    bool stopRequested() override { return m_interrupted; }
+
+private:
+    const std::atomic<bool>& m_interrupted;
+};
+
+} // namespace
+
 const char* servedOpName(ServedOp op)
 {
     switch (op) {
@@ -31,7 +45,7 @@ Result ServedMirror::start()
         !result.ok())
         return result;
     if (!m_options.m_readOnly) {
-        FlowControl control;
+        StartControl control(m_startInterrupted);
         if (Result result = LiveVolume::open(*m_mirror, control, &m_live); !result.ok()) {
             m_mirror.reset();
             return result;
@@ -43,7 +57,9 @@ Result ServedMirror::start()
         std::make_unique<ViewShelf>(*m_mirror, m_options.m_viewsBudgetBytes, !m_options.m_readOnly);
     m_diffs = std::make_unique<DiffMaps>(*m_mirror, *m_views);
     m_services = std::make_unique<ServedServices>(*this);
-    Result result = m_services->start();
+    Result result = m_startInterrupted
+                        ? Result(ResultCode::Interrupted, "interrupted before anything was served")
+                        : m_services->start();
     if (!result.ok()) {
         const Result ignored = stop();
     }

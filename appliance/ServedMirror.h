@@ -49,8 +49,13 @@ public:
     ServedMirror(const ServedMirror&) = delete;
     ServedMirror& operator=(const ServedMirror&) = delete;
 
-    // Opens all. As Mirror::open() and LiveVolume::open(); nothing is left open after a failure.
+    // Opens all. As Mirror::open() and LiveVolume::open(), and Interrupted after interruptStart();
+    // nothing is left open after a failure.
     Result start();
+
+    // Ends a start() that is under way, or comes later, at its next safe point: building the index
+    // of a big journal takes its time. From any thread; once start() has returned it does nothing.
+    void interruptStart() { m_startInterrupted = true; }
 
     // Ends what is under way, and closes the mirror: all that was answered is durable after that.
     // REQUIRES: no client has anything open. Failures of the journal's close.
@@ -94,6 +99,7 @@ private:
     ServedCounters m_counters;
     GracePeriod m_requests; // of clients
     std::atomic<bool> m_sealed{false};
+    std::atomic<bool> m_startInterrupted{false};
     std::unique_ptr<Mirror> m_mirror;
     std::unique_ptr<LiveVolume> m_live;
     std::unique_ptr<ViewShelf> m_views;

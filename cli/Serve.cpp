@@ -33,6 +33,7 @@ struct Arguments
     std::string m_metrics;
     std::string m_metricsHttp;
     std::string m_stopTimeout = "10s";
+    u64 m_connections = 32;
     std::vector<std::string> m_nbdkit;
 };
 
@@ -110,8 +111,11 @@ Result commandLine(Context& context, const Arguments& arguments, const ServeAddr
     // them has an answer to send (seen with nbdkit 1.32.5 and any plugin). Connections run beside
     // each other all the same.
     line->insert(line->end(), {"--threads", "1"});
+    // Each connection may keep a buffer as large as the largest request.
+    line->emplace_back("--filter=limit");
     line->insert(line->end(), arguments.m_nbdkit.begin(), arguments.m_nbdkit.end());
     line->push_back(plugin);
+    line->push_back("limit=" + std::to_string(arguments.m_connections));
     const auto pass = [&](const char* key, const std::string& value) {
         if (!value.empty())
             line->push_back(std::string(key) + "=" + value);
@@ -148,8 +152,9 @@ Result run(Context& context, const Arguments& arguments)
     ServeProcess server;
     if (Result result = server.start(line); !result.ok())
         return result;
-    Result result = server.waitUntilAnswers(address);
-    if (result.ok()) {
+    bool answers = false;
+    Result result = server.waitUntilAnswers(address, &answers);
+    if (result.ok() && answers) {
         // nbdkit makes it so that nobody else may write to it, which connecting takes.
         if (!address.m_socket.empty())
             chmod(address.m_socket.c_str(), S_IRUSR | S_IWUSR);
@@ -159,8 +164,9 @@ Result run(Context& context, const Arguments& arguments)
                                 {"readonly", arguments.m_readOnly}});
         else
             context.say("serving " + arguments.m_mirror + " at " + address.uri());
-        result = server.waitForEnd(stopSeconds + MARGIN_SECONDS);
     }
+    if (result.ok())
+        result = server.waitForEnd(stopSeconds + MARGIN_SECONDS);
     // nbdkit leaves it behind.
     if (!address.m_socket.empty())
         unlink(address.m_socket.c_str());
@@ -196,6 +202,10 @@ void addServe(CLI::App& app, Context& context)
                         "Write metrics to this file, in Prometheus text");
     command->add_option("--metrics-http", arguments->m_metricsHttp,
                         "Serve metrics on ADDRESS:PORT");
+    command
+        ->add_option("--connections", arguments->m_connections,
+                     "Most connections of clients at a time (default 32)")
+        ->check(CLI::Range(u64{1}, u64{10000}));
     command->add_option("--stop-timeout", arguments->m_stopTimeout,
                         "What ending may take (default 10s)");
     command->callback([&context, arguments] {

@@ -39,8 +39,9 @@ public:
     // on. NotFound: there is no such program.
     Result start(const std::vector<std::string>& arguments);
 
-    // Waits until a server answers there; Failed: the child ended first.
-    Result waitUntilAnswers(const ServeAddress& address);
+    // Waits until a server answers there, or a signal has been passed on: then *answers is false.
+    // Failed: the child ended by itself first.
+    Result waitUntilAnswers(const ServeAddress& address, bool* answers);
 
     // Waits for the child's end; after a signal that was passed on so many seconds at most, then
     // it is killed. Failed: it failed, or had to be killed.

@@ -145,14 +145,37 @@ void raiseFileLimit()
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+void endServer()
+{
+    stopper.beginOrderlyEnd();
+    if (server != nullptr) {
+        const int ignored = tell(server->stop());
+        static_cast<void>(ignored);
+    }
+    // The stopper's thread may look at what is served until it has ended.
+    stopper.disarm();
+    server.reset();
+}
+
 int afterFork()
 {
     return guarded(-1, [] {
         raiseFileLimit();
         server = std::make_unique<PluginServer>();
-        if (tell(server->start(config)) == -1)
+        if (tell(server->prepare(config)) == -1)
             return -1;
+        // Before the mirror is opened, as a big journal takes long to index.
         stopper.arm(server->served(), config.m_stopSeconds);
+        const Result started = server->start();
+        if (started.ok()) {
+            stopper.beginServing();
+            return 0;
+        }
+        endServer();
+        if (started.code() != ResultCode::Interrupted || !PluginStopper::isToldToEnd())
+            return tell(started);
+        // nbdkit has heard of the signal too and ends in order, before it takes a client.
+        nbdkit_debug("rl: told to end while the mirror was being opened");
         return 0;
     });
 }
@@ -160,20 +183,28 @@ int afterFork()
 void cleanup()
 {
     guarded(0, [] {
-        stopper.beginOrderlyEnd();
-        if (server != nullptr)
-            tell(server->stop());
-        server.reset();
-        stopper.disarm();
+        endServer();
         return 0;
     });
 }
 
 // ---- exports ----
 
+// There is no server once the opening was interrupted; a client that comes in then is turned away.
+bool isServing()
+{
+    if (server != nullptr)
+        return true;
+    nbdkit_error("the server is ending");
+    nbdkit_set_error(ESHUTDOWN);
+    return false;
+}
+
 int listExports(int /*readonly*/, int /*isTls*/, struct nbdkit_exports* exports)
 {
     return guarded(-1, [&] {
+        if (!isServing())
+            return -1;
         ServedMirror& served = server->served();
         if (served.live() != nullptr &&
             nbdkit_add_export(exports, ServedExport::LIVE, "the live volume") == -1)
@@ -202,6 +233,8 @@ const char* defaultExport(int /*readonly*/, int /*isTls*/)
 void* openExport(int /*readonly*/)
 {
     return guarded(static_cast<void*>(nullptr), []() -> void* {
+        if (!isServing())
+            return nullptr;
         auto handle = std::make_unique<Handle>();
         const char* name = nbdkit_export_name();
         if (tell(ServedExport::open(server->served(), name != nullptr ? name : "",

@@ -2,7 +2,7 @@
 
 #include "host/volume/AsyncFileIo.h"
 
-Result PluginServer::start(const PluginConfig& config)
+Result PluginServer::prepare(const PluginConfig& config)
 {
     m_stopSeconds = config.m_stopSeconds;
     HostOptions options;
@@ -11,12 +11,7 @@ Result PluginServer::start(const PluginConfig& config)
     if (!started.ok())
         return Result::fromStatus(started.m_rc, started.m_message);
     m_served = std::make_unique<ServedMirror>(m_host.getEngine(), config.m_served);
-    Result result = m_served->start();
-    if (!result.ok()) {
-        m_served.reset();
-        const Result ignored = stop();
-    }
-    return result;
+    return Result();
 }
 
 Result PluginServer::stop()

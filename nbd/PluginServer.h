@@ -1,6 +1,7 @@
 // What the plugin runs once nbdkit has forked: the host and the mirror that it serves.
 //
-// Thread safety: start() and stop() from nbdkit's main thread; served() between the two, from any.
+// Thread safety: all from nbdkit's main thread; served() also from any other, between
+// prepare() and stop().
 #pragma once
 
 #include <memory>
@@ -12,8 +13,12 @@
 class PluginServer
 {
 public:
-    // Starts threads, and opens the mirror.
-    Result start(const PluginConfig& config);
+    // Starts threads. What is served is there after it, and not open yet.
+    Result prepare(const PluginConfig& config);
+
+    // Opens the mirror, as ServedMirror::start(). REQUIRES: prepared. stop() is due after a failure
+    // too.
+    Result start() { return m_served->start(); }
 
     // Ends everything within the configured time, and makes what was answered durable; once more
     // does nothing. REQUIRES: no export is open.

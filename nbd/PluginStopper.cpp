@@ -1,6 +1,7 @@
 #include "nbd/PluginStopper.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <mutex>
@@ -20,17 +21,19 @@ constexpr std::array<int, 4> SIGNALS = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
 
 // What a signal handler may touch.
 int wakeUps = -1;
+std::atomic<bool> toldToEnd{false};
 std::array<struct sigaction, SIGNALS.size()> nbdkitActions;
 
 // What the main thread has come to, and the right to end the process.
 enum class Phase
 {
+    Starting,
     Serving,
     Ending, // in order
     Ended,
 };
 std::mutex phaseMutex;
-Phase phase = Phase::Serving;
+Phase phase = Phase::Starting;
 
 void wakeUp()
 {
@@ -42,6 +45,7 @@ void wakeUp()
 void onSignal(int number)
 {
     const int error = errno;
+    toldToEnd = true;
     wakeUp();
     for (size_t i = 0; i < SIGNALS.size(); ++i) {
         if (SIGNALS[i] == number && nbdkitActions[i].sa_handler != SIG_DFL &&
@@ -96,10 +100,21 @@ void PluginStopper::watch(ServedMirror& served, u64 stopSeconds)
     }
     const u64 startMs = Clock::instance()->nowMs();
     const u64 deadlineMs = startMs + stopSeconds * 1000;
+    {
+        // Served is there as long as it is being opened, which ends under the mutex.
+        std::lock_guard<std::mutex> guard(phaseMutex);
+        if (phase == Phase::Starting)
+            served.interruptStart();
+    }
+    waitForPhase(Phase::Starting, deadlineMs);
     waitForPhase(Phase::Serving, startMs + std::min(PATIENCE_MS, stopSeconds * 500));
     {
         // Whoever gets here first ends the process.
         std::unique_lock<std::mutex> guard(phaseMutex);
+        if (phase == Phase::Starting) {
+            nbdkit_error("opening the mirror could not be stopped in time");
+            _exit(EXIT_FAILURE);
+        }
         if (phase == Phase::Serving)
             endSealed(served, deadlineMs);
     }
@@ -131,10 +146,22 @@ void PluginStopper::endSealed(ServedMirror& served, u64 deadlineMs)
     _exit(EXIT_FAILURE);
 }
 
+void PluginStopper::beginServing()
+{
+    std::lock_guard<std::mutex> guard(phaseMutex);
+    if (phase == Phase::Starting)
+        phase = Phase::Serving;
+}
+
+bool PluginStopper::isToldToEnd()
+{
+    return toldToEnd;
+}
+
 void PluginStopper::beginOrderlyEnd()
 {
     std::lock_guard<std::mutex> guard(phaseMutex);
-    if (phase == Phase::Serving)
+    if (phase == Phase::Starting || phase == Phase::Serving)
         phase = Phase::Ending;
     if (wakeUps >= 0)
         wakeUp();

@@ -5,6 +5,8 @@
 //
 //   signal -> a moment's patience -> sealed: no request is answered any more, what was answered is
 //             durable -> the process ends, with 0
+//   signal while the mirror is being opened -> that is interrupted; nothing was answered yet, so
+//             where it does not end in time the process does, with 1
 //   nbdkit's own end comes first -> only the time is watched
 //   the time is over in either -> the process ends, with 1
 //
@@ -23,16 +25,22 @@ public:
     PluginStopper(const PluginStopper&) = delete;
     PluginStopper& operator=(const PluginStopper&) = delete;
 
-    // From now on; nbdkit's own handlers of signals are called as before. served: lives until
-    // disarm().
+    // From now on, with served yet to be started; nbdkit's own handlers of signals are called as
+    // before. served: lives until disarm().
     void arm(ServedMirror& served, u64 stopSeconds);
 
-    // All clients have gone: the mirror is closed by the caller, with the time watched. Does not
-    // return where the clients did not go in time.
+    // The mirror has been opened: from here on there are clients.
+    void beginServing();
+
+    // All clients have gone, or none ever came: the mirror is closed by the caller, with the time
+    // watched. Does not return where the clients did not go in time.
     void beginOrderlyEnd();
 
     // Done; once more does nothing.
     void disarm();
+
+    // Whether a signal has told the process to end.
+    static bool isToldToEnd();
 
 private:
     void watch(ServedMirror& served, u64 stopSeconds);

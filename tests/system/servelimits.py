@@ -1,0 +1,251 @@
+"""rlctl serve at its limits: told to end before it serves, flooded with connections, with TLS.
+
+Skipped, and saying so, where nbdkit or libnbd is not installed.
+"""
+
+import os
+import pty
+import random
+import secrets
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import time
+
+from serve import SIZE, Served, made, nbd
+from support import RLCTL, Folder, check, rlctl, rlctl_json, run
+
+ITEMS = 300000
+LARGEST = 32 << 20
+MIB = 1 << 20
+SIZE_LARGE = 64 << 20
+
+
+def of_many_items(folder):
+    """A mirror whose index takes a while to build."""
+    chance = random.Random(11)
+    trace = os.path.join(folder, "trace.csv")
+    with open(trace, "w", encoding="ascii") as file:
+        file.write("time_us,op,offset_blocks,length_blocks\n")
+        for i in range(ITEMS):
+            file.write("%d,Z,%d,1\n" % (i, chance.randrange(SIZE // 512)))
+    mirror = made(folder)
+    subprocess.run([RLCTL, "record", mirror, "--trace", trace], check=True,
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    return mirror
+
+
+def an_end_before_it_serves():
+    """At moments all over the start: it ends soon, well, and leaves the mirror as it was."""
+    chance = random.Random(12)
+    with Folder() as folder:
+        mirror = of_many_items(folder)
+        began = time.monotonic()
+        check(rlctl_json("info", mirror)["items"] == ITEMS, "how many items there are")
+        with Served(mirror) as served:
+            whole = time.monotonic() - began
+            served.end()
+        slowest = interrupted = before = 0
+        for number in range(24):
+            process = subprocess.Popen([RLCTL, "serve", mirror, "-v"], stdout=subprocess.PIPE,
+                                       stderr=subprocess.STDOUT)
+            time.sleep(0.03 + chance.random() * whole)  # rlctl has its handlers by then
+            process.send_signal(signal.SIGTERM if number % 2 else signal.SIGINT)
+            told = time.monotonic()
+            log = process.communicate(timeout=60)[0].decode(errors="replace")
+            slowest = max(slowest, time.monotonic() - told)
+            check(process.returncode == 0, "exit code %d: %s" % (process.returncode, log[-3000:]))
+            interrupted += "told to end while the mirror was being opened" in log
+            before += "serving " not in log
+            check(not os.path.exists(os.path.join(mirror, "nbd")), "the socket is left behind")
+        print("     start %.2f s; of 24 ends %d before it served, %d of them in the opening; "
+              "slowest end %.2f s" % (whole, before, interrupted, slowest), flush=True)
+        check(slowest < 5, "an end took %.1f s" % slowest)
+        check(interrupted > 0, "no end came while the index was being built")
+        with Served(mirror) as served:
+            served.end()
+
+
+def memory_bytes(served):
+    """What nbdkit, the child, keeps resident."""
+    pid = served.process.pid
+    with open("/proc/%d/task/%d/children" % (pid, pid), encoding="ascii") as file:
+        child = int(file.read().split()[0])
+    with open("/proc/%d/status" % child, encoding="ascii") as file:
+        return next(int(line.split()[1]) << 10 for line in file if line.startswith("VmRSS"))
+
+
+def connected(served, keeper):
+    """How many connections of floods the server takes, each with the largest read and no ear."""
+    flood = []
+    refused = 0
+    for _ in range(40):
+        client = nbd.NBD()
+        client.set_export_name("live")
+        try:
+            client.connect_unix(served.socket)
+        except nbd.Error:
+            refused += 1
+            continue
+        client.aio_pread(nbd.Buffer(LARGEST), 0)
+        flood.append(client)
+        keeper.pwrite(b"k" * 4096, 0)
+    return flood, refused
+
+
+def a_flood_of_connections():
+    most = 5
+    with Folder() as folder:
+        mirror = os.path.join(folder, "m")
+        rlctl("create", mirror, "--size", SIZE_LARGE)
+        with Served(mirror, "--connections", str(most)) as served:
+            keeper = served.connect("live")
+            data = secrets.token_bytes(LARGEST)
+            keeper.pwrite(data, 0)
+            before = memory_bytes(served)
+            peak = slowest = 0
+            for _ in range(3):
+                flood, refused = connected(served, keeper)
+                check(len(flood) == most - 1, "%d connections are taken" % len(flood))
+                check(refused == 40 - len(flood), "%d are refused" % refused)
+                for _ in range(50):
+                    began = time.monotonic()
+                    keeper.pwrite(data[:4096], 4096)
+                    check(keeper.pread(4096, 4096) == data[:4096], "what the keeper reads")
+                    slowest = max(slowest, time.monotonic() - began)
+                    peak = max(peak, memory_bytes(served))
+                flood.clear()  # and with them go the connections
+                wait_for_a_place(served)
+            bound = before + most * 64 * MIB
+            print("     %d MiB before, %d at most (bound %d); slowest write and read %.3f s" % (
+                before // MIB, peak // MIB, bound // MIB, slowest), flush=True)
+            check(peak < bound, "%d MiB of memory" % (peak // MIB))
+            check(slowest < 10, "the keeper waits")
+            keeper.shutdown()
+            served.end()
+
+
+def wait_for_a_place(served):
+    until = time.monotonic() + 20
+    while True:
+        try:
+            client = served.connect("live")
+            client.shutdown()
+            break
+        except nbd.Error:
+            check(time.monotonic() < until, "clients that have gone keep their place")
+            time.sleep(0.05)
+    time.sleep(0.5)
+
+
+def tls_with_keys():
+    if not nbd.NBD().supports_tls():
+        print("     left out: libnbd was built without TLS", flush=True)
+        return
+    with Folder() as folder:
+        keys, wrong = (os.path.join(folder, name) for name in ("keys", "wrong"))
+        for path in (keys, wrong):
+            with open(os.open(path, os.O_CREAT | os.O_WRONLY, 0o600), "w",
+                      encoding="ascii") as file:
+                file.write("writer:%s\n" % secrets.token_hex(32))
+        mirror = made(folder)
+        data = secrets.token_bytes(MIB)
+
+        def client_of(served, tls, path=keys):
+            client = nbd.NBD()
+            client.set_tls(tls)
+            if tls != nbd.TLS_DISABLE:
+                client.set_tls_psk_file(path)
+                client.set_tls_username("writer")
+            client.set_export_name("live")
+            client.connect_unix(served.socket)
+            return client
+
+        with Served(mirror, "--", "--tls=require", "--tls-psk=" + keys) as served:
+            client = client_of(served, nbd.TLS_REQUIRE)
+            check(client.get_tls_negotiated(), "the connection is not encrypted")
+            client.pwrite(data, MIB)
+            client.flush()
+            check(client.pread(MIB, MIB) == data, "what is read back")
+            for tls, path in ((nbd.TLS_DISABLE, keys), (nbd.TLS_REQUIRE, wrong)):
+                try:
+                    client_of(served, tls, path)
+                except nbd.Error:
+                    continue
+                check(False, "a client without the key is let in")
+            check(client.pread(4096, MIB) == data[:4096], "after the others were refused")
+            client.shutdown()
+            served.end()
+        with Served(mirror) as served:
+            client = served.connect("latest")
+            check(client.pread(MIB, MIB) == data, "what was written with TLS")
+            client.shutdown()
+            served.end()
+
+
+
+def a_server_that_takes_no_commands():
+    """Its socket is there and it does not accept: the mirror is not opened beside it."""
+    with Folder() as folder:
+        mirror = made(folder)
+        held = [socket.socket(socket.AF_UNIX)]
+        held[0].bind(os.path.join(mirror, "control"))
+        held[0].listen(0)
+        while True:
+            client = socket.socket(socket.AF_UNIX)
+            client.setblocking(False)
+            held.append(client)
+            try:
+                client.connect(os.path.join(mirror, "control"))
+            except BlockingIOError:
+                break
+        rlctl("checkpoint", mirror, code=1)
+        check("cannot reach the process that serves" in rlctl.errors, rlctl.errors)
+        for one in held:
+            one.close()
+        rlctl("checkpoint", mirror)  # what is left behind is no server
+        check(len(rlctl_json("checkpoints", mirror)["checkpoints"]) == 1, "how many were set")
+
+
+def an_answer_that_is_not_yes():
+    with Folder() as folder:
+        mirror = made(folder)
+        trace = os.path.join(folder, "trace.csv")
+        with open(trace, "w", encoding="ascii") as file:
+            file.write("time_us,op,offset_blocks,length_blocks\n0,W,8,8\n")
+        rlctl("record", mirror, "--trace", trace)
+        before = sorted(os.listdir(os.path.join(mirror, "journal")))
+        for answer in (b"n\n", b"\n", b"maybe\n"):
+            pid, terminal = pty.fork()
+            if pid == 0:
+                os.execv(RLCTL, [RLCTL, "apply", mirror, "--to", "latest"])
+            said = b""
+            try:
+                while b"[y/N]" not in said:
+                    said += os.read(terminal, 4096)
+            except OSError:
+                check(False, "it ended without a question: %r" % said)
+            os.write(terminal, answer)
+            try:
+                while True:
+                    part = os.read(terminal, 4096)
+                    if not part:
+                        break
+                    said += part
+            except OSError:  # the terminal's other end has gone
+                pass
+            code = os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1])
+            os.close(terminal)
+            check(code == 1 and b"nothing was done" in said, "%d: %r" % (code, said))
+        check(sorted(os.listdir(os.path.join(mirror, "journal"))) == before, "it was changed")
+        check(rlctl_json("info", mirror)["applied_items"] == 0, "it was applied")
+
+
+if __name__ == "__main__":
+    if nbd is None or shutil.which("nbdkit") is None:
+        print("skipped: nbdkit or python3-libnbd is not installed")
+        sys.exit(77)
+    run(an_end_before_it_serves, a_flood_of_connections, tls_with_keys,
+        a_server_that_takes_no_commands, an_answer_that_is_not_yes)
