@@ -142,6 +142,11 @@ private:
     RegionNode* header() const { return m_regionMap->end()._M_node; }
     static const_iterator at(RegionNode* node) { return const_iterator(node); }
     void setDirectoryBounds();
+    // Below, a directory that is there goes.
+    u64 leastWithDirectory() const
+    {
+        return m_accelerators.m_fromRegions - m_accelerators.m_fromRegions / 4;
+    }
     void added(const_iterator place);
     void leaving(const_iterator place);
 

@@ -35,8 +35,10 @@ constexpr u64 ACCELERATE_ALL = 15;
 // Ranges shorter than that have so few regions that the walk waits for none of them long.
 constexpr u32 LEAST_WARMED_BLOCKS = 32;
 
-// Below, a map fits into the caches, and its operations do not wait for memory.
-constexpr u64 LARGE_MAP_REGIONS = 32 * 1024;
+// Below, a directory would be dear: the process-wide pool gives it 256 KiB at least, which is not
+// to be more than 24 bytes a region. A descent waits for the caches from there on, if not for
+// memory.
+constexpr u64 LARGE_MAP_REGIONS = 15 * 1024;
 
 // Steps that several functions share report under the signature that their records are known by;
 // the functions of these names check that it still is theirs.
@@ -373,7 +375,7 @@ u64 CountedRegionMap::wantedDirectorySlots() const
     // Once it is there, it goes only when the map has become much smaller: so it does not come and
     // go with every region.
     const u64 slots = m_directory.slots();
-    const u64 from = slots == 0 ? m_accelerators.m_fromRegions : m_accelerators.m_fromRegions / 2;
+    const u64 from = slots == 0 ? m_accelerators.m_fromRegions : leastWithDirectory();
     if (!m_accelerators.m_directory || size() < from)
         return 0;
     return RegionDirectory::wantedSlots(size(), slots);
@@ -395,8 +397,8 @@ void CountedRegionMap::setDirectoryBounds()
         m_directoryLeast = 0;
         m_directorySpan = std::max<u64>(m_accelerators.m_fromRegions, 1) - 1;
     } else {
-        m_directoryLeast = std::max(slots / RegionDirectory::MOST_SLOTS_A_REGION + 1,
-                                    m_accelerators.m_fromRegions / 2);
+        m_directoryLeast =
+            std::max(slots / RegionDirectory::MOST_SLOTS_A_REGION + 1, leastWithDirectory());
         m_directorySpan = slots - m_directoryLeast;
     }
 }
