@@ -25,8 +25,8 @@ JournalPiece encodePiece(u64 offsetBlocks, const u8* data, u32 blocks, Compressi
         piece.m_stored = piece.m_compressed.data();
     }
     piece.m_checksums.resize(piece.m_storedBlocks);
-    crc32cOfBlocks(piece.m_stored, piece.m_storedBlocks, piece.m_checksums.data());
-    piece.m_item.setUserData(crc32c(piece.m_stored, u64{piece.m_storedBlocks} * BLOCK_BYTES));
+    piece.m_item.setUserData(
+        crc32cOfBlocks(piece.m_stored, piece.m_storedBlocks, piece.m_checksums.data()));
     return piece;
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <gtest/gtest.h>
+#include <vector>
 
 #include "host/journal/Crc32c.h"
 #include "tests/support/JournalReadback.h"
@@ -16,6 +17,23 @@ TEST(Crc32cTest, HasThePublishedCheckValueAndGoesOn)
     EXPECT_EQ(crc32c("123456789", 9), 0xe3069283u);
     EXPECT_EQ(crc32c("56789", 5, crc32c("1234", 4)), 0xe3069283u);
     EXPECT_EQ(crc32c("", 0), 0u);
+}
+
+TEST(Crc32cTest, PutsTheWholeTogetherFromItsBlocks)
+{
+    const u32 mostBlocks = 300;
+    std::vector<u8> data(mostBlocks * BLOCK_BYTES);
+    u32 random = 1;
+    for (u8& byte : data)
+        byte = static_cast<u8>((random = random * 1664525 + 1013904223) >> 24);
+    std::vector<u32> checksums(mostBlocks);
+    for (const u32 blocks : {0U, 1U, 2U, 3U, 8U, 299U, mostBlocks}) {
+        EXPECT_EQ(crc32cOfBlocks(data.data(), blocks, checksums.data()),
+                  crc32c(data.data(), blocks * BLOCK_BYTES))
+            << blocks;
+        for (u32 i = 0; i < blocks; ++i)
+            ASSERT_EQ(checksums[i], crc32c(&data[i * BLOCK_BYTES], BLOCK_BYTES)) << i;
+    }
 }
 
 TEST_P(CompressionTest, ComesBackWholeAndInPart)
