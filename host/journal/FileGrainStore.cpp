@@ -129,6 +129,8 @@ RcStatus FileGrainStore::append(GrainKind kind, u64 grain, u32 firstBlock, const
 {
     FilePtr target;
     RcStatus rc = file(kind, grain, &target);
+    if (kind == GrainKind::Data)
+        m_checksums.forget(grain, firstBlock, blocks);
     if (rc == RC_SUCCESS)
         rc = target->pwrite(data, u64{blocks} * BLOCK_BYTES, u64{firstBlock} * BLOCK_BYTES);
     if (rc == RC_SUCCESS && kind == GrainKind::Data)
@@ -207,6 +209,28 @@ FutureStatus FileGrainStore::readData(std::vector<GrainRead> reads, AioPriority)
     return future;
 }
 
+// Reads the chunks that these blocks are part of, and keeps those that are there whole.
+RcStatus FileGrainStore::readChecksums(StorageFile& source, u64 grain, u32 firstBlock, u32 blocks,
+                                       u32* checksums)
+{
+    constexpr u32 CHUNK = ChecksumCache::CHUNK_BLOCKS;
+    std::array<u32, 2 * CHUNK> table;
+    const u32 begin = firstBlock - firstBlock % CHUNK;
+    const u32 end = (firstBlock + blocks + CHUNK - 1) / CHUNK * CHUNK;
+    u64 doneBytes = 0;
+    const RcStatus rc = source.pread(table.data(), u64{end - begin} * sizeof(u32),
+                                     TABLE_OFFSET_BYTES + u64{begin} * sizeof(u32), &doneBytes);
+    if (rc != RC_SUCCESS)
+        return rc;
+    const u64 done = begin + doneBytes / sizeof(u32);
+    if (done < firstBlock + blocks)
+        return RC_DAMAGED;
+    for (u32 chunk = begin; chunk + CHUNK <= done; chunk += CHUNK)
+        m_checksums.keep(grain, chunk, &table[chunk - begin]);
+    std::copy_n(&table[firstBlock - begin], blocks, checksums);
+    return RC_SUCCESS;
+}
+
 RcStatus FileGrainStore::readDataNow(u64 grain, u32 firstBlock, u32 blocks, u8* data, u32* badBlock)
 {
     FilePtr source;
@@ -214,28 +238,34 @@ RcStatus FileGrainStore::readDataNow(u64 grain, u32 firstBlock, u32 blocks, u8* 
     if (rc != RC_SUCCESS)
         return rc == RC_NOT_FOUND ? RC_DAMAGED : rc;
     std::array<u32, 512> checksums;
-    for (u32 done = 0; done < blocks;) {
-        const u32 step = std::min(blocks - done, static_cast<u32>(checksums.size()));
+    static_assert(checksums.size() <= ChecksumCache::CHUNK_BLOCKS); // so it lies in two chunks
+    for (const u32 end = firstBlock + blocks; firstBlock < end;) {
+        const u32 step = std::min(end - firstBlock, static_cast<u32>(checksums.size()));
         const u64 dataBytes = u64{step} * BLOCK_BYTES;
-        const u64 tableBytes = u64{step} * sizeof(u32);
         u64 dataDone = 0;
-        u64 tableDone = 0;
-        rc = source->pread(data, dataBytes, u64{firstBlock + done} * BLOCK_BYTES, &dataDone);
-        if (rc == RC_SUCCESS)
-            rc = source->pread(checksums.data(), tableBytes,
-                               TABLE_OFFSET_BYTES + u64{firstBlock + done} * sizeof(u32),
-                               &tableDone);
+        rc = source->pread(data, dataBytes, u64{firstBlock} * BLOCK_BYTES, &dataDone);
+        bool kept = m_checksums.find(grain, firstBlock, step, checksums.data());
+        if (rc == RC_SUCCESS && !kept)
+            rc = readChecksums(*source, grain, firstBlock, step, checksums.data());
         if (rc != RC_SUCCESS)
             return rc;
-        if (dataDone < dataBytes || tableDone < tableBytes)
+        if (dataDone < dataBytes)
             return RC_DAMAGED;
         for (u32 i = 0; i < step; ++i, data += BLOCK_BYTES) {
-            if (crc32c(data, BLOCK_BYTES) == checksums[i])
+            const u32 checksum = crc32c(data, BLOCK_BYTES);
+            if (checksum != checksums[i] && kept) {
+                // The blocks may have been written anew since the checksums were read.
+                kept = false;
+                rc = readChecksums(*source, grain, firstBlock, step, checksums.data());
+                if (rc != RC_SUCCESS)
+                    return rc;
+            }
+            if (checksum == checksums[i])
                 continue;
-            *badBlock = firstBlock + done + i;
+            *badBlock = firstBlock + i;
             return RC_BAD_CHECKSUM;
         }
-        done += step;
+        firstBlock += step;
     }
     return RC_SUCCESS;
 }

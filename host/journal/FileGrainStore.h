@@ -11,6 +11,7 @@
 #include <string>
 
 #include "common/infra/Mutex.h"
+#include "host/journal/ChecksumCache.h"
 #include "host/journal/GrainStore.h"
 #include "host/journal/Storage.h"
 
@@ -51,11 +52,14 @@ private:
 
     RcStatus file(GrainKind kind, u64 grain, FilePtr* file) RL_EXCLUDES(m_mutex);
     std::string path(GrainKind kind, u64 grain) const;
+    RcStatus readChecksums(StorageFile& source, u64 grain, u32 firstBlock, u32 blocks,
+                           u32* checksums);
 
     Storage& m_storage;
     std::string m_folder;
     bool m_readOnly;
     AsyncFileIo& m_io;
+    ChecksumCache m_checksums; // what readDataNow() has read of the tables
 
     Mutex m_mutex;
     std::map<Key, OpenFile> m_files RL_GUARDED_BY(m_mutex);
