@@ -8,23 +8,61 @@ namespace {
 constexpr u32 SLOTS = 4;
 constexpr u32 SLOT_BLOCKS = 4096; // 2 MiB
 
+constexpr u64 REGIONS_PER_LOOK = 4096; // between two questions whether to stop
+
+bool joins(const DiffExtent& last, const DiffExtent& next)
+{
+    return last.m_isZero == next.m_isZero &&
+           last.m_offsetBlocks + last.m_lengthBlocks == next.m_offsetBlocks;
+}
+
 void append(std::vector<DiffExtent>* extents, const DiffExtent& extent)
 {
-    if (!extents->empty()) {
-        DiffExtent& last = extents->back();
-        if (last.m_isZero == extent.m_isZero &&
-            last.m_offsetBlocks + last.m_lengthBlocks == extent.m_offsetBlocks) {
-            last.m_lengthBlocks += extent.m_lengthBlocks;
-            return;
-        }
+    if (!extents->empty() && joins(extents->back(), extent))
+        extents->back().m_lengthBlocks += extent.m_lengthBlocks;
+    else
+        extents->push_back(extent);
+}
+
+// Has a scan stop for want of memory too.
+class AdmittedControl : public FlowControl
+{
+public:
+    AdmittedControl(FlowControl& outer, RegionLocator& locator, const DiffAdmits& admits)
+        : m_outer(outer), m_locator(locator), m_admits(admits)
+    {}
+    void progress(u64 done, u64 total) override { m_outer.progress(done, total); }
+    bool stopRequested() override { return m_outer.stopRequested() || !admits(0); }
+
+    // Beside the index.
+    bool admits(u64 bytes)
+    {
+        return !m_admits || m_admits(m_locator.getMemPool()->getMemoryStats().totalBytes + bytes);
     }
-    extents->push_back(extent);
+
+private:
+    FlowControl& m_outer;
+    RegionLocator& m_locator;
+    const DiffAdmits& m_admits;
+};
+
+// use(extent) for each region of the index; false: stopped.
+template <typename Use> bool forEachRegion(RegionLocator& locator, FlowControl& control, Use use)
+{
+    u64 regions = 0;
+    const auto end = locator.getConstEndIterator();
+    for (auto region = locator.getConstBeginIterator(); region != end; ++region) {
+        if (regions++ % REGIONS_PER_LOOK == 0 && control.stopRequested())
+            return false;
+        use(DiffExtent{region->m_viewOffsetBlocks, region->m_lengthBlocks, region->isAllZeroes()});
+    }
+    return true;
 }
 
 } // namespace
 
 Result diffPoints(Mirror& mirror, const ChosenPoint& from, const ChosenPoint& to,
-                  FlowControl& control, std::vector<DiffExtent>* extents)
+                  FlowControl& control, std::vector<DiffExtent>* extents, const DiffAdmits& admits)
 {
     extents->clear();
     if (Result result = checkSpan(from, to); !result.ok())
@@ -34,14 +72,25 @@ Result diffPoints(Mirror& mirror, const ChosenPoint& from, const ChosenPoint& to
         !result.ok())
         return result;
     RegionLocator locator(mirror.settings().m_id, RL_MMI_View);
+    AdmittedControl admitted(control, locator, admits);
     ScanResult scanned;
-    if (Result result = indexSpan(mirror, from, to, locator, control, &scanned); !result.ok())
+    if (Result result = indexSpan(mirror, from, to, locator, admitted, &scanned); !result.ok())
         return result;
-    const auto end = locator.getConstEndIterator();
-    for (auto region = locator.getConstBeginIterator(); region != end; ++region)
-        append(extents,
-               {region->m_viewOffsetBlocks, region->m_lengthBlocks, region->isAllZeroes()});
-    return Result();
+    // Counted first, so that no more is allocated than was asked for: a vector that grows takes up
+    // to three times what it holds.
+    const Result interrupted(ResultCode::Interrupted, "interrupted while listing what changed");
+    u64 count = 0;
+    DiffExtent last;
+    const bool isCounted = forEachRegion(locator, control, [&](const DiffExtent& extent) {
+        count += count == 0 || !joins(last, extent);
+        last = extent;
+    });
+    if (!isCounted || !admitted.admits(count * sizeof(DiffExtent)))
+        return interrupted;
+    extents->reserve(count);
+    const bool isListed =
+        forEachRegion(locator, control, [&](const DiffExtent& extent) { append(extents, extent); });
+    return isListed ? Result() : interrupted;
 }
 
 Result compareExtents(Mirror& mirror, TaskEngine& engine, const ChosenPoint& from,

@@ -70,6 +70,7 @@ Result ServedMirror::seal(u64 deadlineMs)
 {
     m_sealed = true;
     m_views->stop();
+    m_diffs->stop();
     // At once, as a request that hangs may use up all the time that there is.
     Result result = m_options.m_readOnly ? Result() : m_mirror->flush();
     if (!result.ok())
@@ -84,6 +85,7 @@ Result ServedMirror::stop()
     if (m_mirror == nullptr)
         return Result();
     m_views->stop();
+    m_diffs->stop();
     // First, as an apply may take its time to come to a point where it can stop.
     if (!m_options.m_readOnly)
         const Result ignored = m_mirror->flush(); // closing tries again, and tells
