@@ -1,5 +1,7 @@
 #include "appliance/LiveVolume.h"
 
+#include <exception>
+
 #include "RegionLocator/RegionLocatorMetaDataContainer.h"
 #include "appliance/SpanScan.h"
 
@@ -81,25 +83,31 @@ RcStatus LiveVolume::append(Waiting& waiting)
 }
 
 // Takes what queues, the leader's own request first, and hands the lead over.
+// Whatever happens in between, or those that wait would do so for ever.
 void LiveVolume::lead(Waiting& leader)
 {
-    m_group.clear();
+    Waiting* first = nullptr;
     {
         MutexGuard guard(m_queueMutex);
-        for (Waiting* one = m_first; one != nullptr; one = one->m_next)
-            m_group.push_back(one);
+        first = m_first;
         m_first = m_last = nullptr;
     }
-    appendGroup(m_group);
+    try {
+        appendGroup(first);
+    } catch (const std::exception&) {
+        // The heap gave nothing: each request keeps the status that it had got by then.
+    }
     m_groups.fetch_add(1, std::memory_order_relaxed);
     const auto wake = [](Waiting* one, Waiting::State state) {
         // It may be gone as soon as the state is set; waking takes its address alone.
         one->m_state.store(state, std::memory_order_release);
         one->m_state.notify_one();
     };
-    for (Waiting* one : m_group) {
+    for (Waiting* one = first; one != nullptr;) {
+        Waiting* const after = one->m_next;
         if (one != &leader)
             wake(one, Waiting::Done);
+        one = after;
     }
     Waiting* next = nullptr;
     {
@@ -111,34 +119,35 @@ void LiveVolume::lead(Waiting& leader)
         wake(next, Waiting::Leads);
 }
 
-void LiveVolume::appendGroup(const std::vector<Waiting*>& group)
+void LiveVolume::appendGroup(Waiting* first)
 {
     u64 insertions = 0;
-    for (const Waiting* one : group)
+    for (const Waiting* one = first; one != nullptr; one = one->m_next)
         insertions += one->m_request.maxItems();
     if (m_reserve.prepare(insertions) == RC_SUCCESS) {
-        appendPrepared(group);
+        appendPrepared(first, nullptr);
     } else {
         // There may be memory for some of them.
-        for (Waiting* one : group) {
-            one->m_rc = m_reserve.prepare(one->m_request.maxItems());
-            if (one->m_rc == RC_SUCCESS)
-                appendPrepared({one});
+        for (Waiting* one = first; one != nullptr; one = one->m_next) {
+            if (m_reserve.prepare(one->m_request.maxItems()) == RC_SUCCESS)
+                appendPrepared(one, one->m_next);
         }
     }
     m_mirror.tellNearlyFull();
 }
 
-void LiveVolume::appendPrepared(const std::vector<Waiting*>& group)
+// The requests from `first` up to `end`, without it. Once they are in the journal nothing here
+// takes memory, or the index could lack what the journal has.
+void LiveVolume::appendPrepared(Waiting* first, Waiting* end)
 {
     m_requests.clear();
-    for (Waiting* one : group)
+    for (Waiting* one = first; one != end; one = one->m_next)
         m_requests.push_back(&one->m_request);
     // In between the items can be applied and trimmed, but are not to be found in the index: a trim
     // waits for this before it takes anything out.
     const GracePeriod::Reader inBetween(m_mirror.gracePeriod());
     m_mirror.journal().appendGroup(m_requests);
-    for (Waiting* one : group) {
+    for (Waiting* one = first; one != end; one = one->m_next) {
         one->m_rc = one->m_request.rc();
         for (const SfsDiskMetaItem& item : one->m_request.items()) {
             m_reserve.insert(SfsItemDescriptor::genFromSfsDiskMetaItem(item));

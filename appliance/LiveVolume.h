@@ -15,7 +15,8 @@
 // Thread safety: any thread.
 // Invariants: 1. nothing of the index is ever locked, so no operation on it waits, or stops the
 //                process over what it meets;
-//             2. the memory that a group's insertions take is reserved before it is appended.
+//             2. the memory that a group's insertions take is reserved before it is appended;
+//             3. every request is answered, also where the heap gives nothing for the group.
 #pragma once
 
 #include <atomic>
@@ -44,9 +45,9 @@ public:
     u64 sizeBlocks() const { return m_mirror.settings().sizeBlocks(); }
 
     // One request each. RC_BAD_ARGUMENT: no length, or beyond the volume; RC_NO_SPACE: the
-    // journal's limit is reached or the disk is full; RC_NO_MEMORY: no memory for the index;
-    // RC_IO_ERROR: the journal accepts nothing more. After a failure nothing has changed.
-    // Zeroes take no data, whatever their length.
+    // journal's limit is reached or the disk is full; RC_NO_MEMORY: no memory for the
+    // request or the index; RC_IO_ERROR: the journal accepts nothing more. After a failure nothing
+    // has changed. Zeroes take no data, whatever their length.
     RcStatus write(u64 offsetBlocks, const u8* data, u32 lengthBlocks);
     RcStatus writeZeroes(u64 offsetBlocks, u64 lengthBlocks);
 
@@ -85,7 +86,7 @@ private:
             Done,
         };
         PreparedRequest m_request;
-        RcStatus m_rc = RC_FAILURE;
+        RcStatus m_rc = RC_NO_MEMORY; // until it is appended
         Waiting* m_next = nullptr;
         std::atomic<int> m_state{Queued};
     };
@@ -95,8 +96,8 @@ private:
     Result build(FlowControl& control);
     RcStatus append(Waiting& waiting);
     void lead(Waiting& leader);
-    void appendGroup(const std::vector<Waiting*>& group);
-    void appendPrepared(const std::vector<Waiting*>& group);
+    void appendGroup(Waiting* first);
+    void appendPrepared(Waiting* first, Waiting* end);
 
     Mirror& m_mirror;
     RegionLocator m_locator;
@@ -114,6 +115,5 @@ private:
 
     // Of the one that leads.
     TokenReserve m_reserve;
-    std::vector<Waiting*> m_group;
     std::vector<PreparedRequest*> m_requests;
 };

@@ -103,6 +103,29 @@ Result ViewShelf::open(const ChosenPoint& point, Lease* lease)
         }
         m_slots[point.m_items].m_lastUse = ++m_uses;
     }
+    // Whatever comes out of the build, the slot must not stay as one that is being built: all who
+    // open the point would wait for ever.
+    try {
+        Result result = buildAndShelve(point, lease);
+        endBuild(point.m_items, result.ok());
+        return result;
+    } catch (...) {
+        endBuild(point.m_items, false);
+        throw;
+    }
+}
+
+void ViewShelf::endBuild(u64 items, bool isBuilt)
+{
+    MutexGuard guard(m_mutex);
+    if (!isBuilt)
+        m_slots.erase(items);
+    m_settled.notify_all();
+}
+
+// A failure, or an exception, leaves the slot as it was.
+Result ViewShelf::buildAndShelve(const ChosenPoint& point, Lease* lease)
+{
     std::shared_ptr<Shared> built;
     Result result = build(point, &built);
     Gone gone;
@@ -124,9 +147,6 @@ Result ViewShelf::open(const ChosenPoint& point, Lease* lease)
             Result(ResultCode::NoSpace, "no room for a view of " + point.name() +
                                             ": the budget of " + formatSize(m_budgetBytes) +
                                             " for all views is used up by those that are open");
-    if (!result.ok())
-        m_slots.erase(point.m_items);
-    m_settled.notify_all();
     return result;
 }
 

@@ -95,7 +95,9 @@ public:
     ViewShelf& operator=(const ViewShelf&) = delete;
 
     // NoSpace: the budget is used up by views that are open; Interrupted: stopped; else as
-    // View::build(). What a writer has journaled before the call is part of what is found.
+    // View::build(). What a writer has journaled before the call is part of what is found. Throws
+    // what the build throws (std::bad_alloc); as after a failure, others that wait for the point
+    // then build it themselves.
     Result open(const ChosenPoint& point, Lease* lease);
 
     // Closes the views that nobody has open and that are of points before this one: for who wants
@@ -121,6 +123,8 @@ private:
     using Slots = std::map<u64, Slot>; // by items
     using Gone = std::vector<std::shared_ptr<Shared>>;
 
+    Result buildAndShelve(const ChosenPoint& point, Lease* lease);
+    void endBuild(u64 items, bool isBuilt);
     Result build(const ChosenPoint& point, std::shared_ptr<Shared>* built);
     std::shared_ptr<Shared> nearest(const ChosenPoint& point);
     bool admits(u64 items, u64 bytes);

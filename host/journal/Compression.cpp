@@ -43,6 +43,9 @@ public:
     }
 
 private:
+    // Giving back is a destructor's, which cannot fail.
+    ContextStock() { m_contexts.reserve(STOCK_CONTEXTS); }
+
     Mutex m_mutex;
     std::vector<std::unique_ptr<CompressionContext>> m_contexts RL_GUARDED_BY(m_mutex);
 };

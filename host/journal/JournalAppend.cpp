@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <mutex>
+#include <new>
 
 #include "common/infra/LogItem.h"
 #include "host/journal/Crc32c.h"
@@ -70,18 +71,28 @@ RcStatus JournalStore::Impl::appendPiecesLocked(std::vector<JournalPiece>& piece
     const u64 grainBefore = m_dataGrain;
     const u32 blockBefore = m_dataBlock;
     std::vector<PendingItem> items;
-    rc = placeLocked(pieces, &items);
+    try {
+        rc = placeLocked(pieces, &items);
+        if (rc == RC_SUCCESS) {
+            // Whatever takes memory comes before the request counts; its being pending comes last.
+            for (const PendingItem& one : items) {
+                if (placed != nullptr)
+                    placed->push_back(one.m_item);
+            }
+            m_pending.insert(m_pending.end(), items.begin(), items.end());
+        }
+    } catch (const std::bad_alloc&) {
+        rc = RC_NO_MEMORY;
+    }
     if (rc != RC_SUCCESS) {
         m_dataGrain = grainBefore;
         m_dataBlock = blockBefore;
+        if (placed != nullptr)
+            placed->clear();
         return failLocked(rc, "writing data");
     }
-    for (const PendingItem& one : items) {
+    for (const PendingItem& one : items)
         m_storedBlocks += storedBlocks(one.m_item);
-        if (placed != nullptr)
-            placed->push_back(one.m_item);
-    }
-    m_pending.insert(m_pending.end(), items.begin(), items.end());
     m_accepted += items.size();
     ++m_items;
     return RC_SUCCESS;

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <new>
 
 #include "host/journal/JournalStoreImpl.h"
 
@@ -32,19 +33,28 @@ RcStatus JournalStore::Impl::flushLocked()
             m_flushed.wait(m_mutex);
             continue;
         }
+        try {
+            if (m_group.m_pages.empty())
+                beginGroupLocked();
+        } catch (const std::bad_alloc&) {
+            return RC_NO_MEMORY; // all is still pending
+        }
         m_flushing = true;
-        if (m_group.m_pages.empty())
-            beginGroupLocked();
         std::set<u64> dirtyGrains;
         dirtyGrains.swap(m_dirtyGrains);
         m_mutex.unlock();
-        const RcStatus rc = writeGroup(dirtyGrains);
+        RcStatus rc = RC_IO_ERROR;
+        try {
+            rc = writeGroup(dirtyGrains);
+        } catch (const std::bad_alloc&) {
+            // How far it came is not known: nothing more is accepted.
+        }
         m_mutex.lock();
         m_flushing = false;
         if (rc == RC_SUCCESS)
             endGroupLocked();
         else
-            m_dirtyGrains.insert(dirtyGrains.begin(), dirtyGrains.end());
+            m_dirtyGrains.merge(dirtyGrains); // takes no memory
         m_flushed.notify_all();
         if (rc != RC_SUCCESS)
             return failLocked(rc, "a flush");

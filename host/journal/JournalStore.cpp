@@ -1,6 +1,7 @@
 #include "host/journal/JournalStore.h"
 
 #include <algorithm>
+#include <new>
 
 #include "common/infra/LogItem.h"
 #include "host/infra/Clock.h"
@@ -219,8 +220,12 @@ RcStatus JournalStore::prepareWrite(u64 offsetBlocks, const void* data, u32 leng
     *request = PreparedRequest();
     if (!isInVolume(offsetBlocks, lengthBlocks, m_impl->m_options.volumeBlocks))
         return RC_BAD_ARGUMENT;
-    encodeWrite(offsetBlocks, static_cast<const u8*>(data), lengthBlocks,
-                m_impl->m_options.compression, &request->m_pieces);
+    try {
+        encodeWrite(offsetBlocks, static_cast<const u8*>(data), lengthBlocks,
+                    m_impl->m_options.compression, &request->m_pieces);
+    } catch (const std::bad_alloc&) {
+        return RC_NO_MEMORY;
+    }
     return RC_SUCCESS;
 }
 
@@ -230,7 +235,11 @@ RcStatus JournalStore::prepareZeroes(u64 offsetBlocks, u64 lengthBlocks,
     *request = PreparedRequest();
     if (!isInVolume(offsetBlocks, lengthBlocks, m_impl->m_options.volumeBlocks))
         return RC_BAD_ARGUMENT;
-    encodeZeroes(offsetBlocks, lengthBlocks, &request->m_pieces);
+    try {
+        encodeZeroes(offsetBlocks, lengthBlocks, &request->m_pieces);
+    } catch (const std::bad_alloc&) {
+        return RC_NO_MEMORY;
+    }
     return RC_SUCCESS;
 }
 

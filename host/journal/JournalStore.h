@@ -111,8 +111,9 @@ public:
 
     // Appends one request; lengthBlocks > 0. Not durable before a flush, but read back at once.
     // RC_NO_SPACE: the limit is reached or the disk is full, nothing changed; RC_BAD_ARGUMENT: zero
-    // length, beyond the volume, or not a writer; RC_NO_MEMORY: a grain could not be opened for
-    // want of descriptors or memory, nothing changed; RC_IO_ERROR: nothing more is accepted.
+    // length, beyond the volume, or not a writer; RC_NO_MEMORY: no memory for the request, or a
+    // grain could not be opened for want of descriptors, nothing changed; RC_IO_ERROR: nothing more
+    // is accepted.
     RcStatus append(u64 offsetBlocks, const void* data, u32 lengthBlocks);
     RcStatus appendZeroes(u64 offsetBlocks, u64 lengthBlocks);
 

@@ -1,0 +1,112 @@
+// The journal where the heap gives nothing: a request is refused and leaves no trace, a flush is
+// tried again or ends the journal's accepting; never is anything in between.
+
+#include <gtest/gtest.h>
+
+#include "tests/support/CrashStorage.h"
+#include "tests/support/FailingHeap.h"
+#include "tests/support/JournalReadback.h"
+
+namespace {
+
+constexpr u32 LENGTH = 8;
+
+class JournalNoMemoryTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (!HEAP_CAN_FAIL)
+            GTEST_SKIP() << "the sanitizer's allocator does not fail";
+    }
+};
+
+// After `failing` has run with each of its allocations failing in turn, until none does.
+template <class Failing> u64 eachAllocation(Failing failing)
+{
+    u64 nth = 1;
+    while (nth < 1000 && failing(nth))
+        ++nth;
+    EXPECT_LT(nth, 1000u);
+    return nth - 1;
+}
+
+TEST_F(JournalNoMemoryTest, AnAppendIsRefusedAndLeavesNoTrace)
+{
+    for (const Compression compression : {Compression::None, Compression::Lz4}) {
+        const u64 failures = eachAllocation([&](u64 nth) {
+            CrashStorage storage;
+            JournalOptions options;
+            options.compression = compression;
+            std::unique_ptr<JournalStore> store =
+                openJournal(storage, JournalMode::Writer, options);
+            std::vector<JournalRequest> expected;
+            bool failed = false;
+            for (u64 i = 0; i < 3; ++i) {
+                const std::vector<u8> data = patternBlocks(nth * 10 + i, LENGTH, i != 1);
+                RcStatus rc = RC_FAILURE;
+                const u64 before = store->bytesUsed();
+                {
+                    FailingHeap heap(i == 0 ? nth : 0);
+                    rc = store->append(i * LENGTH, data.data(), LENGTH);
+                    failed |= i == 0 && heap.failed();
+                }
+                EXPECT_EQ(rc, i == 0 && failed ? RC_NO_MEMORY : RC_SUCCESS) << nth;
+                if (rc == RC_SUCCESS)
+                    expected.push_back({i * LENGTH, LENGTH, data});
+                else
+                    EXPECT_EQ(store->bytesUsed(), before);
+            }
+            EXPECT_EQ(store->itemCount(), expected.size());
+            EXPECT_EQ(store->flush(), RC_SUCCESS);
+            EXPECT_EQ(readBack(*store), expected) << nth;
+            store.reset();
+            store = openJournal(storage, JournalMode::Writer, options);
+            EXPECT_EQ(readBack(*store), expected) << nth;
+            return failed;
+        });
+        EXPECT_GT(failures, 5u);
+    }
+}
+
+TEST_F(JournalNoMemoryTest, AFlushIsTriedAgainOrTheJournalAcceptsNothingMore)
+{
+    u64 again = 0;
+    const u64 failures = eachAllocation([&](u64 nth) {
+        CrashStorage storage;
+        std::unique_ptr<JournalStore> store = openJournal(storage, JournalMode::Writer);
+        const std::vector<u8> data = patternBlocks(nth, LENGTH);
+        EXPECT_EQ(store->append(0, data.data(), LENGTH), RC_SUCCESS);
+        RcStatus rc = RC_FAILURE;
+        bool failed = false;
+        {
+            FailingHeap heap(nth);
+            rc = store->flush();
+            failed = heap.failed();
+        }
+        const RcStatus next = store->append(LENGTH, data.data(), LENGTH);
+        if (rc == RC_IO_ERROR) {
+            EXPECT_TRUE(failed);
+            EXPECT_EQ(next, RC_IO_ERROR);
+            EXPECT_EQ(store->flush(), RC_IO_ERROR);
+        } else {
+            EXPECT_EQ(rc, failed ? RC_NO_MEMORY : RC_SUCCESS);
+            EXPECT_EQ(next, RC_SUCCESS);
+            EXPECT_EQ(store->flush(), RC_SUCCESS) << "nothing is lost";
+            EXPECT_EQ(store->durableItemCount(), 2u);
+            again += failed;
+        }
+        store.reset();
+        store = openJournal(storage, JournalMode::Writer);
+        const std::vector<JournalRequest> found = readBack(*store);
+        EXPECT_LE(found.size(), 2u);
+        EXPECT_TRUE(rc == RC_IO_ERROR || found.size() == 2) << nth;
+        for (const JournalRequest& request : found)
+            EXPECT_EQ(request.m_bytes, data);
+        return failed;
+    });
+    EXPECT_GT(again, 0u);
+    EXPECT_GT(failures, again);
+}
+
+} // namespace
