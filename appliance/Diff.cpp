@@ -78,7 +78,7 @@ Result diffPoints(Mirror& mirror, const ChosenPoint& from, const ChosenPoint& to
         return result;
     // Counted first, so that no more is allocated than was asked for: a vector that grows takes up
     // to three times what it holds.
-    const Result interrupted(ResultCode::Interrupted, "interrupted while listing what changed");
+    Result interrupted(ResultCode::Interrupted, "interrupted while listing what changed");
     u64 count = 0;
     DiffExtent last;
     const bool isCounted = forEachRegion(locator, control, [&](const DiffExtent& extent) {

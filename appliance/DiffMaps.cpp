@@ -119,7 +119,7 @@ std::shared_ptr<DiffMaps::Build> DiffMaps::findOrBegin(const Key& key,
 
 Result DiffMaps::build(const ChosenPoint& from, const ChosenPoint& to, Extents* extents)
 {
-    const Result stopped(ResultCode::Interrupted, "the server is stopping");
+    Result stopped(ResultCode::Interrupted, "the server is stopping");
     if (m_stopped)
         return stopped;
     const Key key(from.m_items, to.m_items);

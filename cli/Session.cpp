@@ -30,7 +30,7 @@ Result Session::open(Context& context, const std::string& folder, MirrorAccess a
                      std::unique_ptr<Session>* session)
 {
     std::unique_ptr<Session> opened(new Session(context, folder));
-    const Result connected = ControlClient::connect(folder, &opened->m_client);
+    Result connected = ControlClient::connect(folder, &opened->m_client);
     // Beside a server that only cannot be reached, a command would change the mirror behind its
     // back or fail for a reason that says nothing.
     if (!connected.ok() && connected.code() != ResultCode::NotFound)
