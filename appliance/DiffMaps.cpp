@@ -1,19 +1,9 @@
 #include "appliance/DiffMaps.h"
 
+#include "appliance/FlagControl.h"
 #include "appliance/Sizes.h"
 
 namespace {
-
-// Ends a build when the maps are stopped.
-class StopControl : public FlowControl
-{
-public:
-    explicit StopControl(const std::atomic<bool>& stopped) : m_stopped(stopped) {}
-    bool stopRequested() override { return m_stopped; }
-
-private:
-    const std::atomic<bool>& m_stopped;
-};
 
 Result makeFrom(Mirror& mirror, const ChosenPoint& from, const ChosenPoint& to,
                 FlowControl& control, const DiffAdmits& admits, DiffMaps::Extents* extents)
@@ -128,7 +118,7 @@ Result DiffMaps::build(const ChosenPoint& from, const ChosenPoint& to, Extents* 
         isRefused = isRefused || !admits(key, bytes);
         return !isRefused;
     };
-    StopControl control(m_stopped);
+    FlagControl control(m_stopped);
     Result result = m_make(from, to, control, admit, extents);
     if (result.code() != ResultCode::Interrupted)
         return result;

@@ -1,20 +1,7 @@
 #include "appliance/ServedMirror.h"
 
+#include "appliance/FlagControl.h"
 #include "appliance/ServedServices.h"
-
-namespace {
-
-class StartControl : public FlowControl
-{
-public:
-    explicit StartControl(const std::atomic<bool>& interrupted) : m_interrupted(interrupted) {}
-    bool stopRequested() override { return m_interrupted; }
-
-private:
-    const std::atomic<bool>& m_interrupted;
-};
-
-} // namespace
 
 const char* servedOpName(ServedOp op)
 {
@@ -45,7 +32,7 @@ Result ServedMirror::start()
         !result.ok())
         return result;
     if (!m_options.m_readOnly) {
-        StartControl control(m_startInterrupted);
+        FlagControl control(m_startInterrupted);
         if (Result result = LiveVolume::open(*m_mirror, control, &m_live); !result.ok()) {
             m_mirror.reset();
             return result;

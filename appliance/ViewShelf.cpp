@@ -1,22 +1,12 @@
 #include "appliance/ViewShelf.h"
 
+#include "appliance/FlagControl.h"
 #include "appliance/Sizes.h"
 
 namespace {
 
 // Each holds a file open that tells other processes of it, of which a process may not have many.
 constexpr u64 MOST_UNUSED = 32;
-
-// Ends a build when the shelf is stopped.
-class StopControl : public FlowControl
-{
-public:
-    explicit StopControl(const std::atomic<bool>& stopped) : m_stopped(stopped) {}
-    bool stopRequested() override { return m_stopped; }
-
-private:
-    const std::atomic<bool>& m_stopped;
-};
 
 } // namespace
 
@@ -162,7 +152,7 @@ Result ViewShelf::build(const ChosenPoint& point, std::shared_ptr<Shared>* built
     ViewBuildOptions options;
     options.m_from = from != nullptr ? &from->view() : nullptr;
     options.m_admits = [&](u64 bytes) { return admits(point.m_items, bytes); };
-    StopControl control(m_stopped);
+    FlagControl control(m_stopped);
     std::unique_ptr<View> view;
     if (Result result = View::build(m_mirror, point, control, &view, options); !result.ok())
         return result;
