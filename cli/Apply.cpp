@@ -4,49 +4,25 @@
 
 #include "appliance/Sizes.h"
 #include "cli/Commands.h"
-#include "cli/Confirm.h"
-#include "cli/Session.h"
+#include "cli/PointCommand.h"
 
 namespace {
 
-struct Arguments
+std::string lossOf(const Json& point)
 {
-    std::string m_mirror;
-    std::string m_to;
-    bool m_retention = false;
-    bool m_dryRun = false;
-    bool m_yes = false;
-};
+    if (!point["changes"].get<bool>())
+        return "";
+    return "After this, points before " + point["to"].get<std::string>() +
+           " cannot be had any more.";
+}
 
-Result run(Context& context, const Arguments& arguments)
+constexpr PointCommand COMMAND = {"apply", "applying", lossOf};
+
+Result run(Context& context, const PointArguments& arguments)
 {
-    // Opening to write may cut a journal's incomplete end, which a dry run leaves alone.
-    const MirrorAccess access = arguments.m_dryRun ? MirrorAccess::Reader : MirrorAccess::Writer;
-    std::unique_ptr<Session> session;
-    if (Result result = Session::open(context, arguments.m_mirror, access, &session); !result.ok())
-        return result;
-    Json point;
-    Json asked = {{"retention", arguments.m_retention}};
-    if (!arguments.m_to.empty())
-        asked["to"] = arguments.m_to;
-    if (Result result = session->run("apply-point", asked, nullptr, &point); !result.ok())
-        return result;
-    const std::string to = point["to"].get<std::string>();
-    if (!arguments.m_dryRun && !arguments.m_yes && point["changes"].get<bool>()) {
-        if (Result result = confirm("After this, points before " + to + " cannot be had any more.");
-            !result.ok())
-            return result;
-    }
     Json done;
-    const auto reporter = context.progress("applying");
-    Result applied = session->run("apply", Json{{"to", to}, {"dry_run", arguments.m_dryRun}},
-                                  reporter.get(), &done);
-    Result closed = session->close();
-    if (!applied.ok())
-        return applied;
-    if (!closed.ok())
-        return closed;
-    reporter->finish();
+    if (Result result = runToPoint(context, arguments, COMMAND, &done); !result.ok())
+        return result;
     if (context.json())
         context.result(done);
     else
@@ -66,13 +42,11 @@ void addApply(CLI::App& app, Context& context)
         addCommand(app, context, "apply", "Bring the target volume forward to a point",
                    "rlctl apply backup.mirror --to cp:3 --dry-run",
                    "rlctl apply backup.mirror --to time:2026-03-01T00:00:00Z --yes");
-    auto arguments = std::make_shared<Arguments>();
-    command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
-    command->add_option("--to", arguments->m_to, "The point in time");
-    command->add_flag("--retention", arguments->m_retention,
-                      "To where the mirror's settings keep everything from; see rlctl set");
-    command->add_flag("--dry-run", arguments->m_dryRun, "Only tell what there is to do");
-    command->add_flag("--yes", arguments->m_yes, "Do not ask");
+    auto arguments = std::make_shared<PointArguments>();
+    addPointOptions(command, arguments.get(),
+                    {"The point in time",
+                     "To where the mirror's settings keep everything from; see rlctl set",
+                     "Only tell what there is to do"});
     command->callback([&context, arguments] {
         context.setAction([&, arguments] { return run(context, *arguments); });
     });

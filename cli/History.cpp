@@ -75,16 +75,11 @@ void print(Context& context, const History& history, const ChosenPoint& at, u64 
 Result run(Context& context, const RangeArguments& arguments)
 {
     std::unique_ptr<Mirror> mirror;
-    if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Reader, &mirror);
-        !result.ok())
-        return result;
     u64 offset = 0;
     u64 length = 0;
-    if (Result result = parseRange(arguments, mirror->settings().m_sizeBytes, &offset, &length);
+    if (Result result = openRange(context, arguments, "a history", &mirror, &offset, &length);
         !result.ok())
         return result;
-    if (offset % BLOCK_BYTES != 0 || length % BLOCK_BYTES != 0)
-        return Result::usage("offset and length of a history are multiples of 512 bytes");
     ChosenPoint at;
     if (Result result = pickPoint(context, *mirror, arguments.m_at, "at", &at); !result.ok())
         return result;

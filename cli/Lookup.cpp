@@ -37,16 +37,11 @@ std::string toText(const ViewPiece& piece)
 Result run(Context& context, const RangeArguments& arguments)
 {
     std::unique_ptr<Mirror> mirror;
-    if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Reader, &mirror);
-        !result.ok())
-        return result;
     u64 offset = 0;
     u64 length = 0;
-    if (Result result = parseRange(arguments, mirror->settings().m_sizeBytes, &offset, &length);
+    if (Result result = openRange(context, arguments, "a lookup", &mirror, &offset, &length);
         !result.ok())
         return result;
-    if (offset % BLOCK_BYTES != 0 || length % BLOCK_BYTES != 0)
-        return Result::usage("offset and length of a lookup are multiples of 512 bytes");
     std::unique_ptr<View> view;
     const auto reporter = context.progress("indexing");
     if (Result result = context.openView(*mirror, arguments.m_at, *reporter, &view); !result.ok())

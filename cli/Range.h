@@ -16,7 +16,8 @@ struct RangeArguments
 // Adds MIRROR, --at, --offset and --length to a command.
 void addRangeOptions(CLI::App* command, RangeArguments* arguments);
 
-// The range in bytes; without a length it goes to the volume's end. WrongUsage when it does not
-// lie inside the volume.
-Result parseRange(const RangeArguments& arguments, u64 sizeBytes, u64* offsetBytes,
-                  u64* lengthBytes);
+// Opens the mirror to read, and the range in bytes; without a length it goes to the volume's end.
+// WrongUsage when it does not lie inside the volume. wholeBlocksOf: what has only ranges of whole
+// blocks, for the message of the WrongUsage that others get; null: any range will do.
+Result openRange(Context& context, const RangeArguments& arguments, const char* wholeBlocksOf,
+                 std::unique_ptr<Mirror>* mirror, u64* offsetBytes, u64* lengthBytes);

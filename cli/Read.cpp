@@ -60,12 +60,9 @@ Result readRange(Context& context, View& view, u64 offset, u64 length, ProgressR
 Result run(Context& context, const RangeArguments& arguments)
 {
     std::unique_ptr<Mirror> mirror;
-    if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Reader, &mirror);
-        !result.ok())
-        return result;
     u64 offset = 0;
     u64 length = 0;
-    if (Result result = parseRange(arguments, mirror->settings().m_sizeBytes, &offset, &length);
+    if (Result result = openRange(context, arguments, nullptr, &mirror, &offset, &length);
         !result.ok())
         return result;
     std::unique_ptr<View> view;
