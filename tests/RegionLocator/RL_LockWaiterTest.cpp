@@ -1,17 +1,12 @@
 #include "RegionLocator/RL_LockWaiter.h"
 
-#include <functional>
-#include <gtest/gtest.h>
 #include <thread>
 
-#include "common/headers/AsyncTaskControl.h"
 #include "host/infra/MemShieldControl.h"
+#include "tests/RegionLocator/LocatorFixture.h"
 #include "tests/support/FakeTaskControl.h"
 #include "tests/support/LimitedMemory.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/RegionLocatorTestAccess.h"
 #include "tests/support/Tokens.h"
-#include "tests/support/VoucherGuard.h"
 
 namespace {
 
@@ -31,37 +26,9 @@ public:
     void resume() override {}
 };
 
-// The Normal priority's ready queue: looks around at the moment at which a task is put on it.
-class LookingControl : public AsyncTaskControl
-{
-public:
-    explicit LookingControl(std::function<void()> look)
-        : m_look(std::move(look)),
-          m_before(AsyncTaskControlPriority::setControl(AsyncTaskPriority::Normal, this))
-    {}
-    ~LookingControl() override
-    {
-        AsyncTaskControlPriority::setControl(AsyncTaskPriority::Normal, m_before);
-    }
-    void enqueueToReadyQueue(AsyncTask*, AsyncTaskQueue::AsyncTaskQueueID, RcStatus) override
-    {
-        ++m_calls;
-        m_look();
-    }
-
-    int m_calls = 0;
-
-private:
-    std::function<void()> m_look;
-    AsyncTaskControl* m_before;
-};
-
-class LockWaiterTest : public testing::Test
+class LockWaiterTest : public LocatorFixture
 {
 protected:
-    RegionLocator m_locator{7, RL_MMI_View};
-    RegionLocatorMemPool* m_pool = m_locator.getMemPool();
-    AsyncTask m_task;
     Regions m_pieces;
 };
 

@@ -1,63 +1,22 @@
-#include <gtest/gtest.h>
-#include <sstream>
-
-#include "common/infra/DynamicTweaks.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/RegionLocatorTestAccess.h"
+#include "tests/RegionLocator/LocatorFixture.h"
 #include "tests/support/Tokens.h"
-#include "tests/support/VoucherGuard.h"
 
 namespace {
-
-using Access = RegionLocatorTestAccess;
 
 const std::string LOOKUP_SIGNATURE =
     "RcStatus RegionLocator::lookup(AsyncTask*, u64, u32, std::vector<SubRegionDescriptor>*, bool, "
     "RegionLocatorVoucher*)";
 const std::string LOCK_SIGNATURE =
     "void RegionLocator::lockRegions(const std::vector<SubRegionDescriptor>&)";
-const std::string PUNCH_OUT_SIGNATURE = "void RegionLocator::punchOutRegions(CountedRegionMap*, "
-                                        "const std::vector<SubRegionDescriptor>&)";
 
-class VerboseLogs
-{
-public:
-    VerboseLogs() { DynamicTweaks::instance()->t_RlVerboseLogs = true; }
-    ~VerboseLogs() { DynamicTweaks::instance()->t_RlVerboseLogs = false; }
-};
-
-class LookupTest : public testing::Test
+class LookupTest : public LocatorFixture
 {
 protected:
-    Regions unlocked()
-    {
-        return {Access::unlocked(m_locator)->begin(), Access::unlocked(m_locator)->end()};
-    }
-    Regions locked()
-    {
-        return {Access::locked(m_locator)->begin(), Access::locked(m_locator)->end()};
-    }
-    // What verbose lines begin with.
-    std::string prefix()
-    {
-        std::ostringstream out;
-        out << "<" << &m_locator << ">: ";
-        return out.str();
-    }
-    std::string address(const void* pointer)
-    {
-        std::ostringstream out;
-        out << pointer;
-        return out.str();
-    }
     // Locks without a control, for requests that are not to park.
     RcStatus lock(u64 offset, u32 length, Regions* pieces, RegionLocatorVoucher* voucher)
     {
         return m_locator.lookup(&m_task, offset, length, pieces, true, voucher);
     }
-
-    RegionLocator m_locator{7, RL_MMI_View};
-    AsyncTask m_task;
 };
 
 using LookupDeathTest = LookupTest;

@@ -1,31 +1,11 @@
-#include <gtest/gtest.h>
-#include <sstream>
-
-#include "common/infra/DynamicTweaks.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/RegionLocatorTestAccess.h"
+#include "tests/RegionLocator/LocatorFixture.h"
 #include "tests/support/Tokens.h"
-#include "tests/support/VoucherGuard.h"
 
 namespace {
 
-using Access = RegionLocatorTestAccess;
-
 const std::string REMOVE_SIGNATURE = "void RegionLocator::remove(u64, u32, RegionLocatorVoucher*)";
-const std::string PUNCH_OUT_SIGNATURE = "void RegionLocator::punchOutRegions(CountedRegionMap*, "
-                                        "const std::vector<SubRegionDescriptor>&)";
 
-class RemoveTest : public testing::Test
-{
-protected:
-    Regions unlocked()
-    {
-        return {Access::unlocked(m_locator)->begin(), Access::unlocked(m_locator)->end()};
-    }
-
-    RegionLocator m_locator{7, RL_MMI_View};
-};
-
+using RemoveTest = LocatorFixture;
 using RemoveDeathTest = RemoveTest;
 
 TEST_F(RemoveTest, FromAnEmptyLocatorChangesNothing)

@@ -1,56 +1,20 @@
-#include <gtest/gtest.h>
 #include <memory>
-#include <sstream>
 
-#include "common/infra/DynamicTweaks.h"
+#include "tests/RegionLocator/LocatorFixture.h"
 #include "tests/support/FakeTaskControl.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/RegionLocatorTestAccess.h"
 #include "tests/support/Tokens.h"
-#include "tests/support/VoucherGuard.h"
 
 namespace {
 
-using Access = RegionLocatorTestAccess;
-
 const std::string UNLOCK_SIGNATURE = "void RegionLocator::unlockRegions(std::vector<"
                                      "SubRegionDescriptor>&, bool, RegionLocatorVoucher*)";
-const std::string PUNCH_OUT_SIGNATURE = "void RegionLocator::punchOutRegions(CountedRegionMap*, "
-                                        "const std::vector<SubRegionDescriptor>&)";
 const std::string COMBINE_SIGNATURE =
     "SubRegionDescriptor RegionLocator::combineR2L(const SubRegionDescriptor&, "
     "const SubRegionDescriptor&, const std::string&)";
 
-class VerboseLogs
-{
-public:
-    VerboseLogs() { DynamicTweaks::instance()->t_RlVerboseLogs = true; }
-    ~VerboseLogs() { DynamicTweaks::instance()->t_RlVerboseLogs = false; }
-};
-
-class UnlockTest : public testing::Test
+class UnlockTest : public LocatorFixture
 {
 protected:
-    Regions unlocked()
-    {
-        return {Access::unlocked(m_locator)->begin(), Access::unlocked(m_locator)->end()};
-    }
-    Regions locked()
-    {
-        return {Access::locked(m_locator)->begin(), Access::locked(m_locator)->end()};
-    }
-    std::string prefix()
-    {
-        std::ostringstream out;
-        out << "<" << &m_locator << ">: ";
-        return out.str();
-    }
-    std::string address(const void* pointer)
-    {
-        std::ostringstream out;
-        out << pointer;
-        return out.str();
-    }
     // Parks a locking lookup of the range, with a voucher for so many pieces.
     void park(u64 offset, u32 length, int pieces)
     {
@@ -61,9 +25,7 @@ protected:
             RC_WAIT);
     }
 
-    RegionLocator m_locator{7, RL_MMI_View};
     FakeTaskControl m_control;
-    AsyncTask m_task;
     Regions m_parkedPieces;
     std::unique_ptr<VoucherGuard> m_parkedVoucher;
 };
