@@ -107,7 +107,7 @@ Result BackgroundApply::trim()
     Mirror& mirror = m_jobs.mirror();
     ChosenPoint point;
     point.m_items = mirror.applyState().m_items;
-    const bool unfinished = mirror.untakenPage() != ~u64{0};
+    const bool unfinished = mirror.untakenPage() != ~u64{0} || m_isTrimCutOff;
     const bool nothingLeft =
         point.m_items == mirror.journal().begin().m_items || point.m_items == m_trimmedAt;
     if ((nothingLeft && !unfinished) || m_stop.isSet())
@@ -119,5 +119,6 @@ Result BackgroundApply::trim()
     Result result = m_jobs.trim(JobOrigin::Background, point, TrimOptions(), control, &statistics);
     if (result.ok())
         m_trimmedAt = point.m_items;
+    m_isTrimCutOff = result.code() == ResultCode::Interrupted;
     return result;
 }

@@ -51,7 +51,8 @@ private:
     MirrorJobs& m_jobs;
     const Options m_options;
     u64 m_trimmedAt = ~u64{0}; // where the target was when there was nothing more to trim
-    std::string m_told;        // the last failure, which is told once
+    bool m_isTrimCutOff = false;
+    std::string m_told; // the last failure, which is told once
     StopSignal m_stop;
     std::thread m_thread;
 };

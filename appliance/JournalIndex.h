@@ -17,6 +17,8 @@ public:
     virtual LocatorGate& gate() = 0;
     // What is registered for it; null: nothing.
     virtual const PointUse* use() const = 0;
+    // Whether it takes in what is journaled, and nothing of it is ever locked.
+    virtual bool isLive() const = 0;
 
     // The pieces of a range, ascending, clipped to it; gaps have no entry. Locks nothing.
     std::vector<SubRegionDescriptor> pieces(u64 offsetBlocks, u32 lengthBlocks)

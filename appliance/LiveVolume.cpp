@@ -150,6 +150,8 @@ void LiveVolume::appendPrepared(Waiting* first, Waiting* end)
     for (Waiting* one = first; one != end; one = one->m_next) {
         one->m_rc = one->m_request.rc();
         for (const SfsDiskMetaItem& item : one->m_request.items()) {
+            m_mirror.trimmedZeroes().written(item.m_ioData.offsetBlocks,
+                                             item.getUncompressedLengthBlocks());
             m_reserve.insert(SfsItemDescriptor::genFromSfsDiskMetaItem(item));
             m_insertedIos.fetch_add(1, std::memory_order_relaxed);
             m_insertedBytes.fetch_add(u64{item.getUncompressedLengthBlocks()} * BLOCK_BYTES,

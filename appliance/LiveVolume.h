@@ -74,6 +74,7 @@ public:
     RegionLocator& locator() override { return m_locator; }
     LocatorGate& gate() override { return m_gate; }
     const PointUse* use() const override { return nullptr; }
+    bool isLive() const override { return true; }
 
 private:
     // A request on its way through the queue; lives on its thread's stack.

@@ -26,6 +26,7 @@
 #include "appliance/MirrorSettings.h"
 #include "appliance/Pins.h"
 #include "appliance/PointInTime.h"
+#include "appliance/TrimmedZeroes.h"
 #include "host/journal/JournalStore.h"
 #include "host/volume/TargetVolume.h"
 #include "host/volume/VolumeDriver.h"
@@ -116,6 +117,9 @@ public:
     u64 untakenPage() const { return m_untakenPage; }
     void setUntakenPage(u64 page) { m_untakenPage = page; }
 
+    // Zeroes that are to go from the live index. Who inserts into it tells of it there first.
+    TrimmedZeroes& trimmedZeroes() { return m_trimmedZeroes; }
+
     // Journal one request; it is one item, however the journal splits it.
     Result write(u64 offsetBlocks, const u8* data, u32 lengthBlocks);
     Result writeZeroes(u64 offsetBlocks, u64 lengthBlocks);
@@ -165,4 +169,5 @@ private:
     Mutex m_indexesMutex;
     std::vector<JournalIndex*> m_indexes RL_GUARDED_BY(m_indexesMutex);
     GracePeriod m_gracePeriod;
+    TrimmedZeroes m_trimmedZeroes;
 };

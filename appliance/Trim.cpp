@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "appliance/View.h"
+#include "appliance/ZeroesTrim.h"
 #include "host/infra/Clock.h"
 #include "host/journal/JournalTrim.h"
 #include "host/tasks/BlockingTask.h"
@@ -60,7 +61,7 @@ Result Trimmer::run(const ChosenPoint& to)
     // A trim that could not take its items out of all indexes has left its grains to this one.
     const bool unfinished = m_mirror.untakenPage() < old.m_page;
     if (m_plan.m_begin.m_page == old.m_page && !unfinished)
-        return Result();
+        return m_options.m_dryRun ? Result() : removeTrimmedZeroes(m_mirror, m_control, m_statistics.m_items);
     m_statistics.m_items = m_plan.m_begin.m_items - old.m_items;
     m_statistics.m_dataGrains = m_plan.m_dataGrains;
     m_statistics.m_metaGrains = m_plan.m_metaGrains;
@@ -92,8 +93,10 @@ Result Trimmer::run(const ChosenPoint& to)
         return result;
     m_mirror.gracePeriod().wait();
     u64 removed = 0;
-    return Result::fromStatus(m_journal.removeTrimmed(&removed),
-                              "cannot remove the journal's grains");
+    if (const RcStatus rc = m_journal.removeTrimmed(&removed); rc != RC_SUCCESS)
+        return Result::fromStatus(rc, "cannot remove the journal's grains");
+    // Last, as nothing is given back by it.
+    return removeTrimmedZeroes(m_mirror, m_control, m_statistics.m_items);
 }
 
 Result Trimmer::plan(u64 items)
@@ -156,6 +159,8 @@ Result Trimmer::removeFrom(const Indexes& indexes, u64 oldPage)
                 bool removed = false;
                 if (item.is_io_type_with_ud())
                     one = removeIoFromIndex(*indexes[i], m_engine, item, &removed);
+                else if (item.getType() == SfsMetaType::ZEROS && indexes[i]->isLive())
+                    noteTrimmedZeroes(m_mirror, *indexes[i], item);
                 m_statistics.m_removedIos += removed;
             }
             if (++items % LOOK_EVERY == 0) {

@@ -3,10 +3,14 @@
 //
 //   plan -> look at who reads it -> new beginning, durable -> every IO that goes is taken out of
 //   the open indexes, exactly -> readers that found it there finish -> the grains go
+//   -> zeroes of items that went leave the live index (ZeroesTrim.h)
 //
 // A view that had a block from an IO that goes finds it on the target then: what the target holds
 // is what the view found in the journal, as nothing newer may have been applied while it is open.
-// So does the live volume, where the IO was the newest one.
+// So does the live volume, where the IO was the newest one; its index is then, region by region,
+// the one that a restart builds from the journal. A view keeps its zeroes: they have no address by
+// which they could be taken out below those who hold them locked, and the target holds them as
+// well.
 #pragma once
 
 #include "appliance/FlowControl.h"

@@ -71,6 +71,7 @@ public:
 
     // Null on a file system that nobody can write to.
     const PointUse* use() const override { return m_use.get(); }
+    bool isLive() const override { return false; }
 
 private:
     View(Mirror& mirror, const ChosenPoint& point);

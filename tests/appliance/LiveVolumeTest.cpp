@@ -1,6 +1,7 @@
 #include "appliance/LiveVolume.h"
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <thread>
 
@@ -67,6 +68,23 @@ protected:
         for (u32 byte = 0; byte < length * BLOCK_BYTES; ++byte)
             data[byte] = static_cast<u8>(byte % 2 == 0 ? random() : 7);
         ASSERT_EQ(m_live->write(offset, data, length), RC_SUCCESS);
+    }
+
+    // Brings the target to some point and trims to it. Returns the items that left the journal.
+    u64 applyAndTrim(u64 items)
+    {
+        ChosenPoint to;
+        to.m_items = items;
+        FlowControl control;
+        ApplyStatistics applied;
+        TrimStatistics trimmed;
+        EXPECT_EQ(m_live->flush(), RC_SUCCESS);
+        Result result =
+            applyMirror(*m_mirror, m_host.getEngine(), to, ApplyOptions(), control, &applied);
+        EXPECT_TRUE(result.ok()) << result.message();
+        result = trimMirror(*m_mirror, m_host.getEngine(), to, TrimOptions(), control, &trimmed);
+        EXPECT_TRUE(result.ok()) << result.message();
+        return trimmed.m_items;
     }
 
     std::unique_ptr<LiveVolume> m_live;
@@ -380,6 +398,87 @@ TEST_F(LiveVolumeTest, ApplyAndTrimBesideReadersAndWriters)
             ASSERT_EQ(read, std::vector<u8>(read.size(), last[id][place]));
         }
     }
+}
+
+// Zeroes have no journal address, by which those that go could be told from those that stay.
+TEST_F(LiveVolumeTest, AfterTrimsTheIndexIsTheOneThatARestartBuilds)
+{
+    for (u32 seed = 1; seed <= 4; ++seed) {
+        m_live.reset();
+        m_mirror.reset();
+        std::filesystem::remove_all(folder());
+        makeLive(seed % 2 == 0 ? Compression::Lz4 : Compression::None);
+        std::mt19937 random(seed);
+        Image image(BLOCKS * BLOCK_BYTES);
+        u64 trimmed = 0;
+        u64 applied = 0;
+        for (int round = 0; round < 12; ++round) {
+            for (u32 i = 0; i < 30 + random() % 60; ++i) {
+                changeRandomly(random, image);
+                if (random() % 8 == 0) {
+                    ASSERT_EQ(m_live->flush(), RC_SUCCESS); // ends a page
+                }
+            }
+            const u64 items = m_mirror->journal().itemCount();
+            applied = std::max(applied, items - std::min<u64>(items, random() % 60));
+            trimmed += applyAndTrim(applied);
+            EXPECT_EQ(readLive(), image);
+            const Regions before = regions();
+            reopen();
+            ASSERT_EQ(regions(), before) << "seed:" << seed << " round:" << round;
+            EXPECT_EQ(readLive(), image);
+        }
+        EXPECT_GT(trimmed, 100u);
+    }
+}
+
+TEST_F(LiveVolumeTest, WithNothingButTrimmedZeroesTheIndexIsEmpty)
+{
+    makeLive();
+    for (u64 block = 0; block + 64 <= BLOCKS; block += 64)
+        ASSERT_EQ(m_live->writeZeroes(block, 50), RC_SUCCESS);
+    ASSERT_FALSE(regions().empty());
+    EXPECT_EQ(applyAndTrim(BLOCKS / 64), BLOCKS / 64);
+    EXPECT_EQ(regions(), Regions());
+    EXPECT_FALSE(m_mirror->trimmedZeroes().hasNoted());
+}
+
+// Most requests are zeroes in few places, so that many come while a trim decides about the same.
+TEST_F(LiveVolumeTest, TheIndexIsExactAlsoWhereWritersGoOnBesideTrims)
+{
+    makeLive();
+    std::atomic<bool> stop{false};
+    std::atomic<u32> failures{0};
+    std::vector<std::thread> threads;
+    for (u32 id = 0; id < 2; ++id) {
+        threads.emplace_back([&, id] {
+            std::mt19937 random(id + 20);
+            std::vector<u8> data(32 * BLOCK_BYTES, 5);
+            while (!stop) {
+                const u32 length = 1 + random() % 32;
+                const u64 offset = random() % (BLOCKS - length);
+                failures +=
+                    (random() % 4 != 0 ? m_live->writeZeroes(offset, length)
+                                       : m_live->write(offset, data.data(), length)) != RC_SUCCESS;
+                if (random() % 16 == 0)
+                    std::this_thread::sleep_for(std::chrono::microseconds(random() % 2000));
+            }
+        });
+    }
+    u64 trimmed = 0;
+    const u64 endMs = Clock::instance()->nowMs() + 2500;
+    while (Clock::instance()->nowMs() < endMs)
+        trimmed += applyAndTrim(m_mirror->journal().itemCount());
+    stop = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(failures, 0u);
+    EXPECT_GT(trimmed, 1000u);
+    const Image image = readLive();
+    const Regions before = regions();
+    reopen();
+    EXPECT_EQ(regions(), before);
+    EXPECT_EQ(readLive(), image);
 }
 
 } // namespace

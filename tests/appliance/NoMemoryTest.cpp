@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "appliance/LiveVolume.h"
+#include "appliance/TrimmedZeroes.h"
 #include "appliance/ViewShelf.h"
 #include "tests/appliance/MirrorFixture.h"
 #include "tests/support/FailingHeap.h"
@@ -152,6 +153,45 @@ TEST_F(NoMemoryTest, OpenersOfAViewDoNotWaitForOneThatCouldNotBeBuilt)
     }
     EXPECT_GT(failures, 0u);
     RecordProperty("failures", static_cast<int>(failures));
+}
+
+// Who says that it writes has journaled already, and could not take that back.
+TEST_F(NoMemoryTest, TrimmedZeroesAreFewerAndNoneIsWrong)
+{
+    for (u64 nth = 1; nth <= 3; ++nth) {
+        TrimmedZeroes zeroes;
+        zeroes.note(0, 300);
+        zeroes.start();
+        ASSERT_TRUE(zeroes.add(0, 100));
+        ASSERT_TRUE(zeroes.add(200, 50));
+        {
+            const FailingHeap heap(nth);
+            zeroes.written(10, 10);
+            zeroes.written(30, 10);
+            zeroes.written(50, 10);
+            ASSERT_TRUE(heap.failed());
+        }
+        EXPECT_EQ(zeroes.passEnd(), 200u) << "the last one has given way";
+        u64 offset = 0;
+        u64 end = 0;
+        u64 blocks = 0;
+        for (u64 at = 0; zeroes.next(at, &offset, &end); at = end)
+            blocks += end - offset;
+        EXPECT_EQ(blocks, 70u);
+        {
+            const FailingHeap heap(1);
+            EXPECT_FALSE(zeroes.add(260, 10));
+        }
+        EXPECT_EQ(zeroes.passEnd(), 200u);
+        zeroes.clear();
+
+        zeroes.start();
+        {
+            const FailingHeap heap(1);
+            EXPECT_FALSE(zeroes.add(20, 10));
+        }
+        EXPECT_EQ(zeroes.passEnd(), 20u);
+    }
 }
 
 } // namespace
