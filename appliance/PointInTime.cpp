@@ -92,14 +92,26 @@ Result parsePoint(const std::string& text, PointName* point)
 
 Result parseSpan(const std::string& text, std::pair<PointName, PointName>* span)
 {
-    const size_t dots = text.find("..");
-    if (dots == std::string::npos)
-        return Result::usage("'" + text + "' is no span; write A..B with two points in time");
     std::pair<PointName, PointName> result;
-    if (Result first = parsePoint(text.substr(0, dots), &result.first); !first.ok())
-        return first;
-    if (Result second = parsePoint(text.substr(dots + 2), &result.second); !second.ok())
-        return second;
+    u32 ways = 0;
+    Result refused = Result::usage("'" + text + "' is no span; write A..B with two points in time");
+    for (size_t dots = text.find(".."); dots != std::string::npos;
+         dots = text.find("..", dots + 1)) {
+        std::pair<PointName, PointName> points;
+        Result first = parsePoint(text.substr(0, dots), &points.first);
+        Result second = parsePoint(text.substr(dots + 2), &points.second);
+        if (first.ok() && second.ok()) {
+            result = points;
+            ++ways;
+        } else {
+            refused = first.ok() ? second : first;
+        }
+    }
+    if (ways > 1)
+        return Result::usage("'" + text +
+                             "' can be read in several ways; name the points as cp:N or item:N");
+    if (ways == 0)
+        return refused;
     *span = result;
     return Result();
 }

@@ -61,6 +61,7 @@ struct ChosenPoint
 
 // Wrong usage when the text names no point.
 Result parsePoint(const std::string& text, PointName* point);
+// A..B; as tags may have dots in them, all that can be read in one way alone is taken.
 Result parseSpan(const std::string& text, std::pair<PointName, PointName>* span);
 
 // The point that a name chooses, from the first one that the target allows on; the newest

@@ -133,6 +133,24 @@ TEST(PointInTimeTest, RefusesWhatIsNoPoint)
     EXPECT_FALSE(parseSpan("cp:1", &span).ok());
     EXPECT_FALSE(parseSpan("cp:1..", &span).ok());
     EXPECT_FALSE(parseSpan("..cp:1", &span).ok());
+    EXPECT_FALSE(parseSpan("cp:1..cp:2..cp:3", &span).ok());
+}
+
+TEST(PointInTimeTest, TakesASpanOfTagsWithDotsWhereThereIsOneWay)
+{
+    std::pair<PointName, PointName> span;
+    ASSERT_TRUE(parseSpan("tag:v1..2..latest", &span).ok());
+    EXPECT_EQ(span.first.m_tag, "v1..2");
+    EXPECT_EQ(span.second.m_kind, PointName::Kind::Latest);
+    ASSERT_TRUE(parseSpan("cp:1..tag:v..3", &span).ok());
+    EXPECT_EQ(span.first.m_number, 1u);
+    EXPECT_EQ(span.second.m_tag, "v..3");
+    ASSERT_TRUE(parseSpan("tag:v...latest", &span).ok());
+    EXPECT_EQ(span.first.m_tag, "v.");
+
+    const Result both = parseSpan("tag:a..tag:b..latest", &span);
+    EXPECT_EQ(both.code(), ResultCode::WrongUsage);
+    EXPECT_NE(both.message().find("several ways"), std::string::npos) << both.message();
 }
 
 } // namespace
