@@ -56,13 +56,6 @@ class Shell:
         self.until(lambda: done in self.log(), command)
         code = int(self.log().split(done)[1].split()[0])
         check(code == 0, "%s: exit code %d\n%s" % (command, code, self.log()))
-        # Who types goes on when what was started in the background is there.
-        if command.endswith("&"):
-            if "rlctl serve" in command:
-                self.until(lambda: "serving disk.mirror" in self.log(), command)
-            else:
-                file = os.path.join(self.place, re.search(r"nbdfuse (\w+)", command)[1], "nbd")
-                self.until(lambda: os.path.exists(file), command)
 
     def path(self, name):
         return os.path.join(self.place, name)
