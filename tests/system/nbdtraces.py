@@ -39,10 +39,17 @@ def check_points(mirror, server, lines, points, folder):
         run_tool("nbdcopy", server.uri(name), image, timeout=600)
         compare_image(image, SIZE, expectation)
         os.unlink(image)
-    # The index of a live volume is what a restart makes of its journal.
     live = rlctl_json("stats", mirror, "--at", "latest")
     check(live["items_scanned"] == len(lines), "%d items" % live["items_scanned"])
     check(live["bytes_inserted"] == expectation.inserted_blocks * BLOCK, "bytes inserted")
+
+
+def live_index(metrics):
+    """How many regions the live volume's index has, and how many bytes they cover."""
+    with open(metrics, encoding="utf-8") as file:
+        values = dict(line.rsplit(" ", 1) for line in file if not line.startswith("#"))
+    return [[float(value) for name, value in values.items() if name.split("{")[0] == wanted]
+            for wanted in ("rl_regions", "rl_index_unique_bytes")]
 
 
 def check_trace(path, *create_options):
@@ -50,8 +57,10 @@ def check_trace(path, *create_options):
     started = time.monotonic()
     with Folder() as folder:
         mirror = os.path.join(folder, "m")
+        # Written when a server has opened the mirror, and once more when it ends.
+        metrics = os.path.join(folder, "metrics")
         rlctl("create", mirror, "--size", SIZE, *create_options)
-        with Server(folder, mirror) as server:
+        with Server(folder, mirror, "metrics=" + metrics) as server:
             fleet = Fleet(server)
             points, held_up = [], 0
             cuts = [len(lines) * part // 3 for part in range(4)]
@@ -65,7 +74,11 @@ def check_trace(path, *create_options):
             fleet.close()
             played = time.monotonic() - started
             check_points(mirror, server, lines, points, folder)
-        with Server(folder, mirror) as server:
+        live = live_index(metrics)
+        check(len(live[0]) == 1 and live[0][0] > 0 and live[1][0] > 0, "its index: %s" % live)
+        with Server(folder, mirror, "metrics=" + metrics) as server:
+            rebuilt = live_index(metrics)
+            check(rebuilt == live, "the live index was %s, a restart's is %s" % (live, rebuilt))
             check_points(mirror, server, lines, [("live", len(lines))], folder)
         print("     %d lines in %.1f s, %d waits for overlapping ones; compared in %.1f s" % (
             len(lines), played, held_up, time.monotonic() - started - played), flush=True)
