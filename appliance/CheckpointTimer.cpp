@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "appliance/Retention.h"
+#include "appliance/Sizes.h"
 #include "common/infra/LogItem.h"
 #include "host/infra/Clock.h"
 
@@ -12,6 +14,24 @@ constexpr u64 LOOK_EVERY_MS = 50;
 constexpr u64 RETRY_MS = 1000;
 
 } // namespace
+
+Result CheckpointTimer::Options::add(const std::string& text)
+{
+    u64 seconds = 0;
+    u64 bytes = 0;
+    const bool isTime = parseDuration(text, &seconds).ok() && seconds > 0;
+    // A bare number would be bytes, where seconds may have been meant.
+    const bool hasUnit = text.find_first_not_of("0123456789") != std::string::npos;
+    if (!isTime && (!hasUnit || !parseSize(text, &bytes).ok() || bytes == 0))
+        return Result::usage(
+            "checkpoint-every takes a time, as 30s or 5m, or a size, as 256M, not '" + text + "'");
+    u64& value = isTime ? m_everyMs : m_everyBytes;
+    if (value != 0)
+        return Result::usage(std::string("checkpoint-every was given twice by ") +
+                             (isTime ? "time" : "amount"));
+    value = isTime ? seconds * 1000 : bytes;
+    return Result();
+}
 
 void CheckpointTimer::start()
 {

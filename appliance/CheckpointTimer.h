@@ -6,6 +6,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 #include <thread>
 
 #include "appliance/MirrorJobs.h"
@@ -18,9 +19,13 @@ public:
     {
         u64 m_everyMs = 0;    // 0: not by time
         u64 m_everyBytes = 0; // 0: not by amount
+
+        // Takes "30s" or "5m" (a length of time, its unit a small letter) or "256M" (a size, with
+        // its unit). WrongUsage for all else, and for a second one of the same kind.
+        Result add(const std::string& text);
     };
 
-    // written: bytes that clients have written so far. jobs: outlives the timer.
+    // written: bytes that clients have written or zeroed so far. jobs: outlives the timer.
     CheckpointTimer(MirrorJobs& jobs, Options options, std::function<u64()> written)
         : m_jobs(jobs), m_options(options), m_written(std::move(written))
     {}

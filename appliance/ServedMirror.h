@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "appliance/CheckpointTimer.h"
 #include "appliance/DiffMaps.h"
 #include "appliance/LiveVolume.h"
 #include "appliance/Mirror.h"
@@ -24,8 +25,7 @@ struct ServedOptions
     bool m_readOnly = false; // no live volume; takes no lock on the folder
     JournalRecovery m_recovery = JournalRecovery::Tail;
     u64 m_viewsBudgetBytes = u64{1} << 30;
-    u64 m_checkpointEverySeconds = 0; // 0: none are set by time
-    u64 m_checkpointEveryBytes = 0;   // written by clients; 0: none are set by amount
+    CheckpointTimer::Options m_checkpoints; // neither: clients and commands alone set them
 
     // Of a mirror that is served for writing:
     bool m_control = true;          // take commands through the socket in its folder

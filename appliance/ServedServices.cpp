@@ -21,10 +21,7 @@ Result ServedServices::startWriters()
         return result;
 
     m_checkpoints = std::make_unique<CheckpointTimer>(
-        *m_jobs,
-        CheckpointTimer::Options{options.m_checkpointEverySeconds * 1000,
-                                 options.m_checkpointEveryBytes},
-        [this] { return m_served.counters().of(ServedOp::Write).m_bytes.load(); });
+        *m_jobs, options.m_checkpoints, [live = m_served.live()] { return live->insertedBytes(); });
     m_checkpoints->start();
 
     if (options.m_background) {

@@ -80,10 +80,7 @@ CLI::App* addCommand(CLI::App& app, Context& context, const std::string& name,
 Result Context::applyTweaks()
 {
     for (const std::string& tweak : m_options.m_tweaks) {
-        const size_t equals = tweak.find('=');
-        if (equals == std::string::npos || equals == 0)
-            return Result::usage("--tweak takes NAME=VALUE, not '" + tweak + "'");
-        const Outcome outcome = setTweak(tweak.substr(0, equals), tweak.substr(equals + 1));
+        const Outcome outcome = setTweak(tweak);
         if (!outcome.ok())
             return Result::usage("--tweak " + tweak + ": " + outcome.m_message);
     }
@@ -104,7 +101,8 @@ Result Context::startHost()
     if (!parseLogLevel(level, &log.m_level))
         return Result::usage("--log-level takes error, warn, info or debug, not '" + level + "'");
     host.m_log = log;
-    host.m_eventLogFile = m_options.m_events;
+    if (!m_eventsArePassedOn)
+        host.m_eventLogFile = m_options.m_events;
     host.m_tweaksFile = m_options.m_tweaksFile;
     if (!m_options.m_memoryLimit.empty()) {
         if (Result result = parseSize(m_options.m_memoryLimit, &host.m_memoryLimitBytes);

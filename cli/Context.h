@@ -44,6 +44,9 @@ public:
     // The command that was chosen; set by its callback while the command line is read, run after.
     void setAction(std::function<Result()> action) { m_action = std::move(action); }
 
+    // The event log is written by a process that the command starts, and not by this one.
+    void passEventsOn() { m_eventsArePassedOn = true; }
+
     // Starts the host as the common options say, and runs the chosen command. Returns the exit
     // code; the error, if any, has been told.
     int run();
@@ -79,6 +82,7 @@ private:
 
     CommonOptions m_options;
     std::function<Result()> m_action;
+    bool m_eventsArePassedOn = false;
     std::string m_leftOut; // what salvage left out of a result; empty for nothing
     Host m_host;
 };

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "appliance/CheckpointTimer.h"
 #include "appliance/MirrorSettings.h"
 #include "appliance/Retention.h"
 #include "appliance/Sizes.h"
@@ -120,7 +121,10 @@ Result commandLine(Context& context, const Arguments& arguments, const ServeAddr
         if (!value.empty())
             line->push_back(std::string(key) + "=" + value);
     };
-    pass("mirror", fs::absolute(arguments.m_mirror).string());
+    const auto passPath = [&](const char* key, const std::string& value) {
+        pass(key, value.empty() ? "" : fs::absolute(value).string());
+    };
+    passPath("mirror", arguments.m_mirror);
     pass("readonly", arguments.m_readOnly ? "true" : "");
     pass("recovery", context.options().m_recovery);
     for (const std::string& every : arguments.m_checkpointEvery)
@@ -128,9 +132,39 @@ Result commandLine(Context& context, const Arguments& arguments, const ServeAddr
     pass("views-budget", arguments.m_viewsBudget);
     pass("memory-limit", context.options().m_memoryLimit);
     pass("apply-rate", arguments.m_applyRate);
-    pass("metrics", arguments.m_metrics.empty() ? "" : fs::absolute(arguments.m_metrics).string());
+    passPath("metrics", arguments.m_metrics);
     pass("metrics-http", arguments.m_metricsHttp);
     pass("stop-timeout", arguments.m_stopTimeout);
+    passPath("log-file", context.options().m_logFile);
+    if (context.options().m_logFormat != "text")
+        pass("log-format", context.options().m_logFormat);
+    pass("log-level", context.options().m_logLevel);
+    passPath("events", context.options().m_events);
+    passPath("tweaks-file", context.options().m_tweaksFile);
+    for (const std::string& tweak : context.options().m_tweaks)
+        pass("tweak", tweak);
+    return Result();
+}
+
+// What the server would refuse too, but in words of its own and with no code of ours.
+Result checkOptions(const Arguments& arguments)
+{
+    CheckpointTimer::Options checkpoints;
+    for (const std::string& every : arguments.m_checkpointEvery) {
+        if (Result result = checkpoints.add(every); !result.ok())
+            return result;
+    }
+    if (arguments.m_readOnly && !arguments.m_checkpointEvery.empty())
+        return Result::usage("--readonly and --checkpoint-every exclude each other");
+    for (const std::string& size : {arguments.m_viewsBudget, arguments.m_applyRate}) {
+        u64 bytes = 0;
+        if (size.empty())
+            continue;
+        if (Result result = parseSize(size, &bytes); !result.ok())
+            return result;
+        if (bytes == 0)
+            return Result::usage("--views-budget and --apply-rate take sizes above 0");
+    }
     return Result();
 }
 
@@ -138,6 +172,8 @@ Result run(Context& context, const Arguments& arguments)
 {
     u64 stopSeconds = 0;
     if (Result result = parseDuration(arguments.m_stopTimeout, &stopSeconds); !result.ok())
+        return result;
+    if (Result result = checkOptions(arguments); !result.ok())
         return result;
     ServeAddress address;
     if (Result result = addressOf(arguments, &address); !result.ok())
@@ -209,6 +245,7 @@ void addServe(CLI::App& app, Context& context)
     command->add_option("--stop-timeout", arguments->m_stopTimeout,
                         "What ending may take (default 10s)");
     command->callback([&context, arguments] {
+        context.passEventsOn();
         context.setAction([&, arguments] { return run(context, *arguments); });
     });
 }

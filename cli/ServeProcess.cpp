@@ -72,8 +72,9 @@ int connectTo(const ServeAddress& address)
 
 std::string ServeAddress::uri() const
 {
+    const bool isIpv6 = m_host.find(':') != std::string::npos;
     if (m_socket.empty())
-        return "nbd://" + m_host + ":" + m_port + "/";
+        return "nbd://" + (isIpv6 ? "[" + m_host + "]" : m_host) + ":" + m_port + "/";
     return "nbd+unix:///?socket=" + m_socket;
 }
 

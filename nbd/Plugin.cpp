@@ -133,7 +133,6 @@ int threadModel()
     return THREAD_MODEL;
 }
 
-// Threads do not survive the fork before this.
 // Connections, grains and open views each take some; while one cannot be opened
 // the requests that need it are refused.
 void raiseFileLimit()
@@ -157,6 +156,7 @@ void endServer()
     server.reset();
 }
 
+// Threads do not survive the fork before this.
 int afterFork()
 {
     return guarded(-1, [] {

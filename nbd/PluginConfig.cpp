@@ -1,10 +1,10 @@
 #include "nbd/PluginConfig.h"
 
-#include <cctype>
 #include <memory>
 
 #include "appliance/MirrorSettings.h"
 #include "appliance/Retention.h"
+#include "appliance/Sizes.h"
 #include "host/journal/FileStorage.h"
 #include "nbd/Nbdkit.h"
 
@@ -17,22 +17,10 @@ Result wrong(const std::string& key, const std::string& value, const std::string
 
 Result parseBytes(const std::string& key, const std::string& value, u64* bytes)
 {
-    const s64 parsed = nbdkit_parse_size(value.c_str());
-    if (parsed <= 0)
+    u64 parsed = 0;
+    if (!parseSize(value, &parsed).ok() || parsed == 0)
         return wrong(key, value, "a size above 0, as 256M");
-    *bytes = static_cast<u64>(parsed);
-    return Result();
-}
-
-// A time ends in a small letter: "30s", "5m". All else is a size: "256M".
-Result parseCheckpointEvery(const std::string& key, const std::string& value, ServedOptions* served)
-{
-    const char last = value.empty() ? ' ' : value.back();
-    if (std::islower(static_cast<unsigned char>(last)) == 0)
-        return parseBytes(key, value, &served->m_checkpointEveryBytes);
-    if (!parseDuration(value, &served->m_checkpointEverySeconds).ok() ||
-        served->m_checkpointEverySeconds == 0)
-        return wrong(key, value, "a time, as 30s or 5m, or a size, as 256M");
+    *bytes = parsed;
     return Result();
 }
 
@@ -108,7 +96,27 @@ Result PluginConfig::set(const std::string& key, const std::string& value)
         return Result();
     }
     if (key == "checkpoint-every")
-        return parseCheckpointEvery(key, value, &m_served);
+        return m_served.m_checkpoints.add(value);
+    if (key == "log-file")
+        return parsePath(key, value, "a file", &logOutput().m_file);
+    if (key == "log-format") {
+        if (value != "text" && value != "json")
+            return wrong(key, value, "text or json");
+        logOutput().m_format = value == "json" ? LogFormat::Json : LogFormat::Text;
+        return Result();
+    }
+    if (key == "log-level")
+        return parseLogLevel(value, &logOutput().m_level)
+                   ? Result()
+                   : wrong(key, value, "error, warn, info or debug");
+    if (key == "events")
+        return parsePath(key, value, "a file", &m_eventsFile);
+    if (key == "tweaks-file")
+        return parsePath(key, value, "a file", &m_tweaksFile);
+    if (key == "tweak") {
+        m_tweaks.push_back(value);
+        return Result();
+    }
     if (key == "stop-timeout")
         return parseDuration(value, &m_stopSeconds).ok() && m_stopSeconds > 0
                    ? Result()
@@ -121,11 +129,20 @@ Result PluginConfig::complete()
     if (m_served.m_folder.empty())
         return Result::usage("which mirror? Give mirror=FOLDER");
     if (m_served.m_readOnly &&
-        m_served.m_checkpointEverySeconds + m_served.m_checkpointEveryBytes != 0)
+        m_served.m_checkpoints.m_everyMs + m_served.m_checkpoints.m_everyBytes != 0)
         return Result::usage("readonly and checkpoint-every exclude each other");
     FileStorage storage(m_served.m_folder);
     MirrorSettings settings;
     return loadSettings(storage, m_served.m_folder, &settings);
+}
+
+LogOutputOptions& PluginConfig::logOutput()
+{
+    if (!m_log) {
+        m_log.emplace();
+        m_log->m_level = WarnLevel;
+    }
+    return *m_log;
 }
 
 const char* PluginConfig::help()
@@ -146,5 +163,11 @@ const char* PluginConfig::help()
            "memory-limit=<SIZE>          Most memory for all indexes and reads (default none).\n"
            "recovery=<HOW>               What to do with a journal that does not end whole:\n"
            "                             strict, tail (default), point-in-time or salvage.\n"
+           "log-file=<FILE>              Log there and not where nbdkit does.\n"
+           "log-format=<text|json>       And in this form (default text; to stderr if no file).\n"
+           "log-level=<LEVEL>            error, warn (default), info or debug.\n"
+           "events=<FILE>                Write the binary event log there.\n"
+           "tweak=<NAME=VALUE>           Set an internal setting; may be repeated.\n"
+           "tweaks-file=<FILE>           Read internal settings from a JSON file.\n"
            "stop-timeout=<TIME>          What ending may take (default 10s).";
 }

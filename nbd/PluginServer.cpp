@@ -1,5 +1,6 @@
 #include "nbd/PluginServer.h"
 
+#include "host/infra/TweaksLoader.h"
 #include "host/volume/AsyncFileIo.h"
 
 Result PluginServer::prepare(const PluginConfig& config)
@@ -7,9 +8,14 @@ Result PluginServer::prepare(const PluginConfig& config)
     m_stopSeconds = config.m_stopSeconds;
     HostOptions options;
     options.m_memoryLimitBytes = config.m_memoryLimitBytes;
-    const Outcome started = m_host.start(std::move(options));
-    if (!started.ok())
-        return Result::fromStatus(started.m_rc, started.m_message);
+    options.m_log = config.m_log;
+    options.m_eventLogFile = config.m_eventsFile;
+    options.m_tweaksFile = config.m_tweaksFile;
+    Outcome done = m_host.start(std::move(options));
+    for (size_t i = 0; done.ok() && i < config.m_tweaks.size(); ++i)
+        done = setTweak(config.m_tweaks[i]);
+    if (!done.ok())
+        return Result::fromStatus(done.m_rc, done.m_message);
     m_served = std::make_unique<ServedMirror>(m_host.getEngine(), config.m_served);
     return Result();
 }

@@ -70,6 +70,14 @@ Outcome setTweak(const std::string& name, const std::string& value)
     return outcome;
 }
 
+Outcome setTweak(const std::string& assignment)
+{
+    const size_t equals = assignment.find('=');
+    if (equals == std::string::npos || equals == 0)
+        return {RC_BAD_ARGUMENT, "a setting is NAME=VALUE, not '" + assignment + "'"};
+    return setTweak(assignment.substr(0, equals), assignment.substr(equals + 1));
+}
+
 Outcome loadTweaksFile(const std::string& path)
 {
     std::ifstream file(path);

@@ -13,6 +13,9 @@
 // switch neither true nor false; nothing changes.
 Outcome setTweak(const std::string& name, const std::string& value);
 
+// The same for one as "name=value"; RC_BAD_ARGUMENT also for a text that is not of that form.
+Outcome setTweak(const std::string& assignment);
+
 // Takes them from a file with one JSON object: {"t_RlVerboseLogs": true, "name": 5}. RC_NOT_FOUND
 // or RC_IO_ERROR: it cannot be read. RC_BAD_ARGUMENT: it is malformed, or a value is; then nothing
 // has been set.

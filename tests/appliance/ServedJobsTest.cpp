@@ -201,7 +201,7 @@ TEST_F(ServedJobsTest, BackgroundKeepsToTheSettings)
     serve([](ServedOptions& options) {
         options.m_background = true;
         options.m_backgroundEveryMs = 20;
-        options.m_checkpointEveryBytes = 1 << 20;
+        options.m_checkpoints.m_everyBytes = 1 << 20;
     });
     startClients(5);
     // The data path's counters are the exports'; these clients are below them.

@@ -3,6 +3,7 @@
 Skipped, and saying so, where nbdkit or one of its clients is not installed.
 """
 
+import json
 import os
 import shutil
 import signal
@@ -251,7 +252,11 @@ def read_only_and_refusals():
         mirror = made(folder)
         rlctl("serve", os.path.join(folder, "none"), code=10)
         rlctl("serve", mirror, "--tcp", "nonsense", code=2)
-        rlctl("serve", mirror, "--readonly", "--checkpoint-every", "5s", code=1)
+        for options in (("--readonly", "--checkpoint-every", "5s"), ("--checkpoint-every", "30"),
+                        ("--checkpoint-every", "5s", "--checkpoint-every", "6s"),
+                        ("--views-budget", "many"), ("--apply-rate", "0"),
+                        ("--tweak", "nonsense")):
+            rlctl("serve", mirror, *options, code=2)
         rlctl("serve", mirror, "--socket", os.path.join(mirror, "mirror.json"), code=1)
         with Served(mirror, "--readonly") as served:
             check(error_of(lambda: served.connect("live")) is not None, "no live export")
@@ -263,6 +268,49 @@ def read_only_and_refusals():
         check(rlctl_json("checkpoints", mirror)["checkpoints"][0]["id"] == 1, "it was set")
 
 
+def sizes_and_logs_are_those_of_all_commands():
+    with Folder() as folder:
+        mirror = made(folder)
+        log, events = os.path.join(folder, "log"), os.path.join(folder, "events")
+        os.environ["RL_MEMORY_LIMIT"] = "1GiB"
+        try:
+            with Served(mirror, "--views-budget", "64MiB", "--checkpoint-every", "256MiB",
+                        "--checkpoint-every", "1h", "--log-file", log, "--log-format", "json",
+                        "--log-level", "debug", "--events", events,
+                        "--tweak", "t_RlVerboseLogs=true", "--tweak", "t_BinVerboseLogs=true") as served:
+                served.connect("live").pwrite(b"l" * 4096, 8192)
+                served.end()
+        finally:
+            del os.environ["RL_MEMORY_LIMIT"]
+        with open(log, encoding="utf-8") as file:
+            lines = [json.loads(line) for line in file]
+        check(any("RegionLocator" in json.dumps(line) or line["module"] == "xel" for line in lines),
+              "the locator's lines are in the log: %s" % lines[:5])
+        told = rlctl_json("events", events)["events"]
+        check(any(event["view_offset_blocks"] == 16 for event in told),
+              "the write's event: %s" % told[:5])
+
+
+def an_ipv6_address_is_one_in_the_uri_too():
+    with Folder() as folder:
+        mirror = made(folder)
+        try:
+            with socket.socket(socket.AF_INET6) as free:
+                free.bind(("::1", 0))
+                port = free.getsockname()[1]
+        except OSError:
+            print("     no IPv6 here: not tried")
+            return
+        with Served(mirror, "--tcp", "[::1]:%d" % port) as served:
+            uri = served.log.split(b" at ")[-1].strip().decode()
+            check(uri == "nbd://[::1]:%d/" % port, uri)
+            client = nbd.NBD()
+            client.connect_uri(uri + "live")
+            check(client.get_size() == SIZE, "its size")
+            client.shutdown()
+            served.end()
+
+
 if __name__ == "__main__":
     missing = [name for name in ("nbdkit", "nbdcopy", "qemu-img") if shutil.which(name) is None]
     if nbd is None:
@@ -271,4 +319,5 @@ if __name__ == "__main__":
         print("skipped: not installed: " + ", ".join(missing))
         sys.exit(77)
     run(exports_and_their_maps, clients_copy_in_both_directions, the_end_keeps_what_was_answered,
-        read_only_and_refusals)
+        read_only_and_refusals, sizes_and_logs_are_those_of_all_commands,
+        an_ipv6_address_is_one_in_the_uri_too)

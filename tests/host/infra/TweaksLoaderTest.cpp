@@ -55,6 +55,15 @@ TEST_F(TweaksLoaderTest, ABadFileChangesNothing)
     EXPECT_EQ(loadTweaksFile(m_path + ".none").m_rc, RC_NOT_FOUND);
 }
 
+TEST_F(TweaksLoaderTest, AnAssignmentSetsOne)
+{
+    ASSERT_TRUE(setTweak("a=12").ok());
+    EXPECT_EQ(Tweaks::uintVal("a", 0), 12u);
+    for (const char* text : {"", "a", "=5", "a=", "a=x"})
+        EXPECT_EQ(setTweak(text).m_rc, RC_BAD_ARGUMENT) << text;
+    EXPECT_EQ(Tweaks::uintVal("a", 0), 12u);
+}
+
 TEST_F(TweaksLoaderTest, TheEnvironmentSetsByPrefix)
 {
     setenv("RL_TWEAK_a", "18446744073709551615", 1);
