@@ -6,8 +6,8 @@
 
 namespace {
 
-constexpr u32 SLOTS = 6;
-constexpr u32 SLOT_BLOCKS = 4096; // 2 MiB
+constexpr u32 SLOTS = 5;
+constexpr u32 SLOT_BLOCKS = 8192; // 4 MiB
 
 } // namespace
 

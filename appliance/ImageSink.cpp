@@ -9,6 +9,7 @@
 
 #include "appliance/NewFile.h"
 #include "appliance/Sizes.h"
+#include "appliance/UncachedWriter.h"
 #include "host/journal/FileStorage.h"
 
 namespace fs = std::filesystem;
@@ -20,30 +21,25 @@ class RegularFile : public ImageSink
 public:
     explicit RegularFile(const std::string& path) : m_file(path) {}
 
-    Result open(u64 sizeBytes) { return m_file.open(sizeBytes); }
+    Result open(u64 sizeBytes)
+    {
+        Result result = m_file.open(sizeBytes);
+        if (result.ok())
+            m_writer = std::make_unique<UncachedWriter>(m_file.file());
+        return result;
+    }
 
     Result write(u64 offsetBytes, const u8* data, u64 bytes) override
     {
-        const RcStatus rc = m_file.file().pwrite(data, bytes, offsetBytes);
-        if (rc == RC_SUCCESS)
-            startWriteback(offsetBytes, bytes);
+        const RcStatus rc = m_writer->write(data, bytes, offsetBytes);
         return Result::fromStatus(rc, "cannot write " + m_file.path());
     }
 
     Result finish() override { return m_file.finish(); }
 
 private:
-    // Has the disk write while the next data is read, so that little is left to the sync at the
-    // end. Only a hint: errors, and what was not written, are the sync's to find.
-    void startWriteback(u64 offsetBytes, u64 bytes)
-    {
-        if (m_file.file().fd() >= 0)
-            static_cast<void>(
-                ::sync_file_range(m_file.file().fd(), static_cast<off64_t>(offsetBytes),
-                                  static_cast<off64_t>(bytes), SYNC_FILE_RANGE_WRITE));
-    }
-
     NewFile m_file;
+    std::unique_ptr<UncachedWriter> m_writer;
 };
 
 class BlockDevice : public ImageSink

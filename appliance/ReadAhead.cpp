@@ -17,7 +17,7 @@ Result ReadAhead::start(u64 offsetBlocks, u32 lengthBlocks)
     slot.m_offsetBlocks = offsetBlocks;
     slot.m_lengthBlocks = lengthBlocks;
     if (m_free.empty()) {
-        slot.m_buffer.reset(new u8[u64{m_slotBlocks} << BLOCK_SHIFT]);
+        slot.m_buffer.reset(new (ALIGNMENT) u8[u64{m_slotBlocks} << BLOCK_SHIFT]);
     } else {
         slot.m_buffer = std::move(m_free.back());
         m_free.pop_back();

@@ -6,8 +6,10 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <new>
 #include <vector>
 
+#include "appliance/UncachedWriter.h"
 #include "appliance/ViewReader.h"
 #include "host/tasks/BlockingTask.h"
 
@@ -33,11 +35,19 @@ public:
     Result finish(const Use& use);
 
 private:
+    // Aligned, so that what was read can be written around the page cache.
+    struct Free
+    {
+        void operator()(u8* buffer) const { ::operator delete[](buffer, ALIGNMENT); }
+    };
+    using Buffer = std::unique_ptr<u8[], Free>;
+    static constexpr std::align_val_t ALIGNMENT{UncachedWriter::ALIGNMENT_BYTES};
+
     struct Slot
     {
         u64 m_offsetBlocks = 0;
         u32 m_lengthBlocks = 0;
-        std::unique_ptr<u8[]> m_buffer;
+        Buffer m_buffer;
         std::unique_ptr<BlockingTask> m_task;
     };
 
@@ -48,5 +58,5 @@ private:
     const u32 m_slots;
     const u32 m_slotBlocks;
     std::deque<Slot> m_inFlight; // the oldest first
-    std::vector<std::unique_ptr<u8[]>> m_free;
+    std::vector<Buffer> m_free;
 };
