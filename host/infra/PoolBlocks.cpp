@@ -69,6 +69,12 @@ PoolBlocks::Block* PoolBlocks::blockOf(u8* chunk) const
     return reinterpret_cast<Block*>(reinterpret_cast<uintptr_t>(chunk) & m_blockMask);
 }
 
+u8* PoolBlocks::untouched(Block* block) const
+{
+    return reinterpret_cast<u8*>(block) +
+           size_t{m_headerChunks + block->m_firstUntouched} * m_strideBytes;
+}
+
 void PoolBlocks::reset(Block* block) const
 {
     block->m_returned = nullptr;
@@ -98,90 +104,94 @@ u8* PoolBlocks::removeFreeBlock()
     return reinterpret_cast<u8*>(block);
 }
 
-u8* PoolBlocks::takeChunk()
+PoolBlocks::Block* PoolBlocks::firstPartial()
 {
-    --m_freeChunks;
     if (m_partial.m_next == &m_partial) {
         FreeChunk* first = m_free;
         m_free = first->m_next;
         --m_freeBlocks;
-        if (m_headerChunks == 0) {
-            openMemory(first, m_blockBytes);
-            return reinterpret_cast<u8*>(first);
-        }
         openMemory(first, sizeof(Block));
         Block* block = new (first) Block;
         reset(block);
         block->m_next = block->m_previous = &m_partial;
         m_partial.m_next = m_partial.m_previous = block;
     }
-    Block* block = static_cast<Block*>(m_partial.m_next);
-    u8* chunk;
-    if (block->m_returned != nullptr) {
-        chunk = reinterpret_cast<u8*>(block->m_returned);
-        openMemory(chunk, m_strideBytes);
-        block->m_returned = block->m_returned->m_next;
-    } else {
-        chunk = reinterpret_cast<u8*>(block) +
-                size_t{m_headerChunks + block->m_firstUntouched} * m_strideBytes;
-        openMemory(chunk, m_strideBytes);
-        ++block->m_firstUntouched;
-    }
-    if (--block->m_freeChunks == 0) { // a full block is in no list: its chunks know the way back
+    return static_cast<Block*>(m_partial.m_next);
+}
+
+void PoolBlocks::taken(Block* block, u32 chunks)
+{
+    m_freeChunks -= chunks;
+    block->m_freeChunks -= chunks;
+    if (block->m_freeChunks == 0) {
         block->m_next->m_previous = block->m_previous;
         block->m_previous->m_next = block->m_next;
     }
+}
+
+u8* PoolBlocks::takeChunk()
+{
+    if (m_headerChunks == 0) {
+        FreeChunk* first = m_free;
+        m_free = first->m_next;
+        --m_freeBlocks;
+        --m_freeChunks;
+        openMemory(first, m_blockBytes);
+        return reinterpret_cast<u8*>(first);
+    }
+    Block* block = firstPartial();
+    if (block->m_returned == nullptr)
+        return takeRun(1);
+    u8* chunk = reinterpret_cast<u8*>(block->m_returned);
+    openMemory(chunk, m_strideBytes);
+    block->m_returned = block->m_returned->m_next;
+    taken(block, 1);
     return chunk;
 }
 
-// One chunk of the block is left to takeChunk(), which takes a block that is full out of the list.
-u32 PoolBlocks::untouchedRun() const
+u32 PoolBlocks::untouchedRun()
 {
-    if (m_headerChunks == 0 || m_partial.m_next == &m_partial)
+    if (m_headerChunks == 0)
         return 0;
-    const Block* block = static_cast<const Block*>(m_partial.m_next);
-    return block->m_returned != nullptr ? 0 : m_capacity - block->m_firstUntouched - 1;
+    const Block* block = firstPartial();
+    return block->m_returned != nullptr ? 0 : m_capacity - block->m_firstUntouched;
 }
 
 u8* PoolBlocks::takeRun(u32 chunks)
 {
-    Block* block = static_cast<Block*>(m_partial.m_next);
-    u8* first = reinterpret_cast<u8*>(block) +
-                size_t{m_headerChunks + block->m_firstUntouched} * m_strideBytes;
+    Block* block = firstPartial();
+    u8* first = untouched(block);
     openMemory(first, size_t{chunks} * m_strideBytes);
     block->m_firstUntouched += chunks;
-    block->m_freeChunks -= chunks;
-    m_freeChunks -= chunks;
+    taken(block, chunks);
     return first;
 }
 
 bool PoolBlocks::giveChunks(u8* const* chunks, u32 count)
 {
     bool someBlockIsFree = false;
-    while (count > 0) {
-        u8* const last = chunks[--count];
-        if (giveChunk(last)) {
+    for (u32 i = 0; i < count;) {
+        u8* const first = chunks[i++];
+        if (giveChunk(first)) {
             someBlockIsFree = true;
             continue;
         }
-        Block* block = blockOf(last);
-        const u8* untouched = reinterpret_cast<u8*>(block) +
-                              size_t{m_headerChunks + block->m_firstUntouched} * m_strideBytes;
-        if (last != untouched)
+        Block* block = blockOf(first);
+        if (first != untouched(block))
             continue;
-        // As long as the chunks before are the last ones carved, they go back the same way; but for
+        // As long as the next ones are the last ones carved, they go back the same way; but for
         // one, with which the block may become free.
-        const u32 most = std::min(count, m_capacity - block->m_freeChunks - 1);
-        const u8* next = last;
+        const u32 most = std::min(count - i, m_capacity - block->m_freeChunks - 1);
+        const u8* next = first;
         u32 run = 0;
-        while (run < most && chunks[count - 1 - run] == next - m_strideBytes) {
+        while (run < most && chunks[i + run] == next - m_strideBytes) {
             next -= m_strideBytes;
             ++run;
         }
         block->m_firstUntouched -= run;
         block->m_freeChunks += run;
         m_freeChunks += run;
-        count -= run;
+        i += run;
         closeMemory(next, size_t{run} * m_strideBytes);
     }
     return someBlockIsFree;
@@ -197,10 +207,8 @@ bool PoolBlocks::giveChunk(u8* chunk)
         return true;
     }
     Block* block = blockOf(chunk);
-    const u8* untouched = reinterpret_cast<u8*>(block) +
-                          size_t{m_headerChunks + block->m_firstUntouched} * m_strideBytes;
     // The last chunk carved is put back where it came from, without a look at its memory.
-    if (chunk + m_strideBytes == untouched)
+    if (chunk + m_strideBytes == untouched(block))
         --block->m_firstUntouched;
     else
         block->m_returned = new (chunk) FreeChunk{block->m_returned};

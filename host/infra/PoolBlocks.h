@@ -40,18 +40,20 @@ public:
     u8* takeChunk();
 
     // Takes `count` chunks and calls take(chunk) for each. REQUIRES: so many are free.
+    // Chunks carved now come last one first: who uses them from the end on, and gives the others
+    // back, leaves the block as if they had not been carved.
     template <class Take> void takeChunks(u32 count, Take take)
     {
         while (count > 0) {
-            take(takeChunk());
-            --count;
-            // What is left of a block that is carved for the first time follows without a look.
             const u32 run = std::min(count, untouchedRun());
-            if (run == 0)
+            if (run == 0) {
+                take(takeChunk());
+                --count;
                 continue;
-            u8* chunk = takeRun(run);
-            for (u32 i = 0; i < run; ++i, chunk += m_strideBytes)
-                take(chunk);
+            }
+            u8* chunk = takeRun(run) + size_t{run} * m_strideBytes;
+            for (u32 i = 0; i < run; ++i)
+                take(chunk -= m_strideBytes);
             count -= run;
         }
     }
@@ -59,8 +61,8 @@ public:
     // chunk: as takeChunk() returned it. True when its block is now wholly free.
     bool giveChunk(u8* chunk);
 
-    // The same for many; those that were carved one after the other should be in that order. True
-    // when some block is now wholly free.
+    // The same for many, best in the order in which takeChunks() took them. True when some block is
+    // now wholly free.
     bool giveChunks(u8* const* chunks, u32 count);
 
     // Lets go of the blocks that are in use; their chunks must not come back.
@@ -95,9 +97,16 @@ private:
     };
 
     Block* blockOf(u8* chunk) const;
-    // Chunks that the block which is taken from has never handed out, if it has no others.
-    u32 untouchedRun() const;
-    // REQUIRES: a number of them below the block's free chunks, so that it stays in the list.
+    // The first of the chunks that the block has never handed out.
+    u8* untouched(Block* block) const;
+    // The block to take from. REQUIRES: some chunk is free, and a block is more than one chunk.
+    Block* firstPartial();
+    // Counts chunks of the block as taken; a full one is in no list: its chunks know the way back.
+    void taken(Block* block, u32 chunks);
+    // Chunks that the block to take from has never handed out, if it has no others; 0 as well where
+    // a block is one chunk. REQUIRES: some chunk is free.
+    u32 untouchedRun();
+    // The first of so many of them.
     u8* takeRun(u32 chunks);
     void reset(Block* block) const;
 
