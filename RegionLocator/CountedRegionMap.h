@@ -78,6 +78,17 @@ public:
         return node != nullptr ? at(node) : lastAtOrBefore(offsetBlocks);
     }
 
+    // The same, from what locate() has found for the block: whatever has been changed since.
+    const_iterator lastAtOrBefore(u64 offsetBlocks, RegionNode* located) const
+    {
+        if (located != nullptr && startOf(located) != NOWHERE) {
+            RegionNode* const node = stepFrom(located, offsetBlocks);
+            if (node != nullptr)
+                return at(node);
+        }
+        return lastAtOrBefore(offsetBlocks);
+    }
+
     // The first region whose first block is not below the argument's.
     iterator lower_bound(const SubRegionDescriptor& key) const
     {
@@ -104,23 +115,23 @@ public:
         bool m_descent = false;
         bool m_directory = false;
         bool m_finger = false;
-        u64 m_fromRegions = 0; // and only from this size on, but for descent and finger
+        u64 m_fromRegions = 0;      // and only from this size on, but for descent and finger
+        u64 m_batchFromRegions = 0; // from this size on several searches are made at once
     };
     void accelerate(const Accelerators& accelerators);
 
-    // Whether the map is large enough for memory to be what its operations wait for.
+    // Whether the map is large enough for memory to be what its operations wait for; and whether it
+    // is so large that several searches at once take less time than one after the other.
     bool isLarge() const { return m_regionMap->size() >= m_accelerators.m_fromRegions; }
+    bool isWorthBatches() const { return m_regionMap->size() >= m_accelerators.m_batchFromRegions; }
 
-    // Brings what changes over these regions will touch into the cache; at most MAX_LOCKSTEP.
-    void warm(const SubRegionDescriptor* regions, u32 count) const;
+    // Finds the last region that starts at or before each of these, or null, and brings what
+    // changes over them will touch into the cache; at most MAX_LOCKSTEP. What is found serves
+    // lastAtOrBefore() until a voucher is cleared: a region that is erased leaves a mark in its
+    // node, and that node is free in a voucher or in the map again.
+    void locate(const SubRegionDescriptor* regions, u32 count, RegionNode** located) const;
     // The same for taking out, and putting back, the region at this place.
     void warmAround(const_iterator place) const;
-    // The first step of that for one block, which waits for nothing.
-    void warmFirst(u64 offsetBlocks) const
-    {
-        if (m_directory.isOn())
-            m_directory.warm(offsetBlocks);
-    }
     // Brings the next regions of a walk that is at `next` and goes on to endBlocks into the cache,
     // and returns up to where; the walk asks again there.
     u64 warmWalk(const_iterator next, u64 endBlocks) const;
@@ -134,6 +145,9 @@ public:
     u64 directoryBytes() const { return m_directory.bytes(); }
 
 private:
+    // Where a region starts that has been erased: none reaches that far.
+    static constexpr u64 NOWHERE = ~u64{0};
+
     // The ways to a region that lastAtOrBefore() has not found at once; noted: what it has seen in
     // the directory.
     const_iterator search(u64 offsetBlocks, RegionNode* noted) const;
@@ -149,6 +163,7 @@ private:
     }
     void added(const_iterator place);
     void leaving(const_iterator place);
+    void erasing(const_iterator place);
 
     RegionMap* m_regionMap;
     u64 m_sizeLb;

@@ -2,25 +2,32 @@
 
 #include "RegionLocator/Prefetch.h"
 
-void RegionDescent::warm(const u64* offsetsBlocks, u32 count) const
+void RegionDescent::lastAtOrBefore(const u64* offsetsBlocks, u32 count, RegionNode** found) const
 {
+    // Searches that still go on: where each is, what it looks for, and which one it is.
     RegionNode* nodes[MAX_LOCKSTEP];
     u64 offsets[MAX_LOCKSTEP];
-    u32 going = m_root == nullptr ? 0 : count;
-    for (u32 i = 0; i < going; ++i) {
+    u32 searches[MAX_LOCKSTEP];
+    for (u32 i = 0; i < count; ++i) {
         nodes[i] = m_root;
         offsets[i] = offsetsBlocks[i];
+        searches[i] = i;
+        found[i] = nullptr;
     }
+    u32 going = m_root == nullptr ? 0 : count;
     while (going > 0) {
         u32 kept = 0;
         for (u32 i = 0; i < going; ++i) {
             RegionNode* const node = nodes[i];
             const u64 offset = offsets[i];
+            const u32 search = searches[i];
             const uintptr_t right = startOf(node) <= offset ? ~uintptr_t{0} : 0;
             RegionNode* const next = choose(right, node->_M_right, node->_M_left);
             prefetch(next);
+            found[search] = choose(right, node, found[search]);
             nodes[kept] = next;
             offsets[kept] = offset;
+            searches[kept] = search;
             kept += next != nullptr ? 1 : 0;
         }
         going = kept;

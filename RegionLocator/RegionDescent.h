@@ -38,8 +38,8 @@ public:
         return found;
     }
 
-    // Brings the ways to these blocks into the cache. REQUIRES: count <= MAX_LOCKSTEP.
-    void warm(const u64* offsetsBlocks, u32 count) const;
+    // The same for each of these blocks, in lockstep. REQUIRES: count <= MAX_LOCKSTEP.
+    void lastAtOrBefore(const u64* offsetsBlocks, u32 count, RegionNode** found) const;
 
     // Brings the regions that start in [firstBlocks, endBlocks) into the cache, breadth first; some
     // hundred of them at most.

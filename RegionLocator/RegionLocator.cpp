@@ -40,6 +40,9 @@ constexpr u32 LEAST_WARMED_BLOCKS = 32;
 // memory.
 constexpr u64 LARGE_MAP_REGIONS = 15 * 1024;
 
+// Below, one search takes no longer than its share of several at once.
+constexpr u64 BATCHES_FROM_REGIONS = 256;
+
 // Steps that several functions share report under the signature that their records are known by;
 // the functions of these names check that it still is theirs.
 constexpr const char* SUBTRACT_SIGNATURE =
@@ -70,6 +73,48 @@ inline bool isWholeAsStored(const SubRegionDescriptor& region, u64 offsetBlocks,
     return offsetBlocks <= region.m_viewOffsetBlocks && !region.isCscan() &&
            region.m_viewOffsetBlocks + region.m_lengthBlocks <= offsetBlocks + lengthBlocks &&
            isRebuiltAsStored(region);
+}
+
+// What is left of a region before a block within it, and from a block within it on.
+inline SubRegionDescriptor leftPart(const SubRegionDescriptor& region, u64 endBlocks)
+{
+    const u64 first = region.m_viewOffsetBlocks;
+    const u32 length = static_cast<u32>(endBlocks - first);
+    const u64 address = region.m_fifoOffsetOfIoStartBlocks;
+    const u16 offset = region.m_regionOffsetLBsWithinIo;
+    return region.isCompressed()
+               ? SfsItemDescriptor::genCompressed(first, length, address, offset,
+                                                  region.m_ioTotalLengthBytes, false)
+               : SfsItemDescriptor::genUncompressed(first, length, address, offset,
+                                                    region.isAllZeroes());
+}
+
+inline SubRegionDescriptor rightPart(const SubRegionDescriptor& region, u64 firstBlocks)
+{
+    const u64 delta = firstBlocks - region.m_viewOffsetBlocks;
+    const u32 length = static_cast<u32>(region.m_lengthBlocks - delta);
+    const u64 address = region.m_fifoOffsetOfIoStartBlocks;
+    const u16 offset = static_cast<u16>(region.m_regionOffsetLBsWithinIo + delta);
+    if (region.isCompressed())
+        return SfsItemDescriptor::genCompressed(firstBlocks, length, address, offset,
+                                                region.m_ioTotalLengthBytes, false);
+    if (region.isAllZeroes())
+        return SfsItemDescriptor::genUncompressed(firstBlocks, length, SFS_DEV_ADDR_INVALID, 0,
+                                                  true);
+    return SfsItemDescriptor::genUncompressed(firstBlocks, length, address + delta, offset, false);
+}
+
+// Whether nothing is to be reported of any piece of the region: its place within its IO has room
+// in the field for it.
+inline bool isCutQuietly(const SubRegionDescriptor& region)
+{
+    constexpr u32 MOST_BLOCKS = 1 << 16;
+    return u32{region.m_regionOffsetLBsWithinIo} + region.m_lengthBlocks <= MOST_BLOCKS;
+}
+
+inline RegionMap::const_iterator behind(RegionMap::const_iterator place)
+{
+    return RegionMap::const_iterator(nextOf(place._M_node));
 }
 
 // What canCombine() asks before anything that it would report; false is its answer then, too.
@@ -142,6 +187,13 @@ inline void CountedRegionMap::leaving(const_iterator place)
     m_finger.forget(place._M_node);
 }
 
+inline void CountedRegionMap::erasing(const_iterator place)
+{
+    leaving(place);
+    // Volatile, since who reads it does so when the node holds no region any more.
+    const_cast<volatile u64&>(place->m_viewOffsetBlocks) = NOWHERE;
+}
+
 std::pair<CountedRegionMap::iterator, bool> CountedRegionMap::insert(SubRegionDescriptor region)
 {
     const auto result = m_regionMap->insert(region);
@@ -169,7 +221,7 @@ CountedRegionMap::iterator CountedRegionMap::erase(const_iterator iter)
 {
     SOFT_CHECK(m_sizeLb >= (*iter).m_lengthBlocks);
     m_sizeLb -= (*iter).m_lengthBlocks;
-    leaving(iter);
+    erasing(iter);
     return m_regionMap->erase(iter);
 }
 
@@ -178,7 +230,7 @@ CountedRegionMap::iterator CountedRegionMap::erase(const_iterator first, const_i
     for (const_iterator iter = first; iter != last; ++iter) {
         SOFT_CHECK(m_sizeLb >= (*iter).m_lengthBlocks);
         m_sizeLb -= (*iter).m_lengthBlocks;
-        leaving(iter);
+        erasing(iter);
     }
     return m_regionMap->erase(first, last);
 }
@@ -190,7 +242,7 @@ size_t CountedRegionMap::erase(SubRegionDescriptor region)
     const size_t found = place == m_regionMap->end() ? 0 : 1;
     SOFT_CHECK(found <= 1, << " found=" << found);
     if (found != 0) {
-        leaving(place);
+        erasing(place);
         m_regionMap->erase(place);
     }
     SOFT_CHECK(m_sizeLb >= found * regionSizeLb);
@@ -317,27 +369,34 @@ void CountedRegionMap::accelerate(const Accelerators& accelerators)
     setDirectoryBounds();
 }
 
-void CountedRegionMap::warm(const SubRegionDescriptor* regions, u32 count) const
+void CountedRegionMap::locate(const SubRegionDescriptor* regions, u32 count,
+                              RegionNode** located) const
 {
-    RegionNode* noted[RegionDescent::MAX_LOCKSTEP] = {};
     if (m_directory.isOn()) {
+        for (u32 i = 0; i < count; ++i)
+            m_directory.warm(regions[i].m_viewOffsetBlocks);
         for (u32 i = 0; i < count; ++i) {
-            noted[i] = m_directory.peek(regions[i].m_viewOffsetBlocks);
-            prefetch(noted[i]);
+            located[i] = m_directory.peek(regions[i].m_viewOffsetBlocks);
+            prefetch(located[i]);
         }
     }
     // A region that is covered just so is all that is touched. For any other the neighbours are
     // needed, too, and they lie on the way down the tree.
-    u64 offsetsBlocks[RegionDescent::MAX_LOCKSTEP];
-    u32 others = 0;
+    u64 offsetsBlocks[RegionDescent::MAX_LOCKSTEP] = {};
+    u32 others[RegionDescent::MAX_LOCKSTEP];
+    u32 otherCount = 0;
     for (u32 i = 0; i < count; ++i) {
-        const bool isCovered = noted[i] != nullptr &&
-                               startOf(noted[i]) == regions[i].m_viewOffsetBlocks &&
-                               regionOf(noted[i]).m_lengthBlocks == regions[i].m_lengthBlocks;
-        offsetsBlocks[others] = regions[i].m_viewOffsetBlocks;
-        others += isCovered ? 0 : 1;
+        const bool isCovered = m_directory.isOn() && located[i] != nullptr &&
+                               startOf(located[i]) == regions[i].m_viewOffsetBlocks &&
+                               regionOf(located[i]).m_lengthBlocks == regions[i].m_lengthBlocks;
+        offsetsBlocks[otherCount] = regions[i].m_viewOffsetBlocks;
+        others[otherCount] = i;
+        otherCount += isCovered ? 0 : 1;
     }
-    RegionDescent(*m_regionMap).warm(offsetsBlocks, others);
+    RegionNode* found[RegionDescent::MAX_LOCKSTEP];
+    RegionDescent(*m_regionMap).lastAtOrBefore(offsetsBlocks, otherCount, found);
+    for (u32 i = 0; i < otherCount; ++i)
+        located[others[i]] = found[i];
 }
 
 void CountedRegionMap::warmAround(const_iterator place) const
@@ -420,10 +479,11 @@ RegionLocator::RegionLocator(u64 id, RegionLocatorMmiType mmiType)
     m_lockWaiter = nullptr;
     const u64 accelerators = Tweaks::uintVal("t_RlAccelerators", ACCELERATE_ALL);
     t_holdBackScans = (accelerators & ACCELERATE_SCANS) != 0;
-    m_unlockedRegions->accelerate(
-        {(accelerators & ACCELERATE_DESCENT) != 0, (accelerators & ACCELERATE_DIRECTORY) != 0,
-         (accelerators & ACCELERATE_FINGER) != 0,
-         Tweaks::uintVal("t_RlAcceleratorsFromRegions", LARGE_MAP_REGIONS)});
+    const u64 fromRegions = Tweaks::uintVal("t_RlAcceleratorsFromRegions", LARGE_MAP_REGIONS);
+    m_unlockedRegions->accelerate({(accelerators & ACCELERATE_DESCENT) != 0,
+                                   (accelerators & ACCELERATE_DIRECTORY) != 0,
+                                   (accelerators & ACCELERATE_FINGER) != 0, fromRegions,
+                                   std::min(fromRegions, BATCHES_FROM_REGIONS)});
     m_memPool.setUpkeepListener(this);
     // Last: from here on the watcher may ask for the item count.
     MemWatchedContainerDatabase::instance()->registerContainer(this);
@@ -579,16 +639,8 @@ RegionLocator::computeRemainders(const SubRegionDescriptor& a_region1,
 
     Remainders remainders;
     const u64 first = a_region1.m_viewOffsetBlocks;
-    const u64 address = a_region1.m_fifoOffsetOfIoStartBlocks;
-    if (first < a_region2.m_viewOffsetBlocks) {
-        const u32 length = static_cast<u32>(a_region2.m_viewOffsetBlocks - first);
-        const u16 offset = a_region1.m_regionOffsetLBsWithinIo;
-        remainders.add(a_region1.isCompressed()
-                           ? SfsItemDescriptor::genCompressed(first, length, address, offset,
-                                                              a_region1.m_ioTotalLengthBytes, false)
-                           : SfsItemDescriptor::genUncompressed(first, length, address, offset,
-                                                                a_region1.isAllZeroes()));
-    }
+    if (first < a_region2.m_viewOffsetBlocks)
+        remainders.add(leftPart(a_region1, a_region2.m_viewOffsetBlocks));
 
     const u64 end1 = first + a_region1.m_lengthBlocks;
     const u64 end2 = a_region2.m_viewOffsetBlocks + a_region2.m_lengthBlocks;
@@ -596,22 +648,13 @@ RegionLocator::computeRemainders(const SubRegionDescriptor& a_region1,
     if (end1 <= end2)
         return remainders;
 
-    const u32 length = static_cast<u32>(end1 - end2);
     const u64 delta = a_region1.m_lengthBlocks + end2 - end1;
     const u64 offsetFromOrigIoLbs = a_region1.m_regionOffsetLBsWithinIo + delta;
-    if (a_region1.isCompressed()) {
-        remainders.add(SfsItemDescriptor::genCompressed(end2, length, address,
-                                                        static_cast<u16>(offsetFromOrigIoLbs),
-                                                        a_region1.m_ioTotalLengthBytes, false));
-    } else if (a_region1.isAllZeroes()) {
-        remainders.add(
-            SfsItemDescriptor::genUncompressed(end2, length, SFS_DEV_ADDR_INVALID, 0, true));
-    } else {
+    if (!a_region1.isCompressed() && !a_region1.isAllZeroes()) {
         SOFT_CHECK_IN(SUBTRACT_SIGNATURE, offsetFromOrigIoLbs <= 0xFFFF,
                       << " offsetFromOrigIoLbs=" << offsetFromOrigIoLbs);
-        remainders.add(SfsItemDescriptor::genUncompressed(
-            end2, length, address + delta, static_cast<u16>(offsetFromOrigIoLbs), false));
     }
+    remainders.add(rightPart(a_region1, end2));
     return remainders;
 }
 
@@ -804,7 +847,7 @@ bool RegionLocator::insert(const SubRegionDescriptor& desc, RegionLocatorVoucher
 
     m_memPool.setActiveVoucher(voucher);
     if (__builtin_expect(!checksChanges(), 1)) {
-        storeOver(desc);
+        storeOver(desc, m_unlockedRegions->lastAtOrBefore(desc.m_viewOffsetBlocks));
     } else {
         const RegionMap::const_iterator next =
             punchOutRange(m_unlockedRegions, desc.m_viewOffsetBlocks, desc.m_lengthBlocks);
@@ -826,17 +869,21 @@ bool RegionLocator::insert(const SubRegionDescriptor& desc, RegionLocatorVoucher
 
 bool RegionLocator::insertFromScan(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
 {
-    if (t_holdBackScans && m_isLarge.load(std::memory_order_relaxed) && desc.m_lengthBlocks > 0) {
-        MutexGuard lock(m_mutex);
-        if (m_lockedRegions->empty() && !m_immutable && !checksChanges()) {
-            if (m_heldBack.isFull() || m_heldBack.voucher() != voucher)
-                settle();
-            m_heldBack.add(desc, voucher);
-            m_unlockedRegions->warmFirst(desc.m_viewOffsetBlocks);
-            return true;
-        }
-    }
+    if (m_isHoldingBack.load(std::memory_order_relaxed) && desc.m_lengthBlocks > 0 &&
+        !checksChanges() &&
+        ((m_heldBack.isOpen() && m_heldBack.add(desc, voucher)) || holdBack(desc, voucher)))
+        return true;
     return insert(desc, voucher);
+}
+
+bool RegionLocator::holdBack(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
+{
+    MutexGuard lock(m_mutex);
+    settle();
+    if (!m_lockedRegions->empty() || m_immutable)
+        return false;
+    m_heldBack.open(voucher);
+    return m_heldBack.add(desc, voucher);
 }
 
 void RegionLocator::settleScan()
@@ -847,10 +894,13 @@ void RegionLocator::settleScan()
 
 void RegionLocator::insertHeldBack()
 {
-    m_heldBack.warm(*m_unlockedRegions);
+    m_heldBack.close();
+    RegionNode* located[HeldBackInserts::MOST];
+    m_heldBack.locate(*m_unlockedRegions, located);
     m_memPool.setActiveVoucher(m_heldBack.voucher());
+    RegionNode** place = located;
     for (const SubRegionDescriptor& desc : m_heldBack) {
-        storeOver(desc);
+        storeOver(desc, m_unlockedRegions->lastAtOrBefore(desc.m_viewOffsetBlocks, *place++));
         m_counters.updateInserts(desc.m_lengthBlocks);
     }
     m_memPool.setActiveVoucher(nullptr);
@@ -863,26 +913,32 @@ void RegionLocator::insertHeldBack()
 //
 //   stored   [------][----][------]             after   [--][++++++++++][--]
 //   desc         [++++++++++]
-void RegionLocator::storeOver(const SubRegionDescriptor& desc)
+void RegionLocator::storeOver(const SubRegionDescriptor& desc, RegionMap::const_iterator before)
 {
     CountedRegionMap* const map = m_unlockedRegions;
     const u64 firstBlocks = desc.m_viewOffsetBlocks;
     const u64 endBlocks = firstBlocks + desc.m_lengthBlocks;
-    RegionMap::const_iterator iter = map->lastAtOrBefore(firstBlocks);
+    RegionMap::const_iterator iter = before;
     if (iter != map->cend() && iter->m_viewOffsetBlocks < firstBlocks) {
-        if (checkIntersection(*iter, desc))
-            iter = punchOutPiece(map, iter, getPiece(*iter, firstBlocks, desc.m_lengthBlocks));
+        if (iter->m_viewOffsetBlocks + iter->m_lengthBlocks <= firstBlocks)
+            iter = behind(iter);
+        else if (isCutQuietly(*iter))
+            iter = cutBehind(map, iter, firstBlocks, endBlocks);
         else
-            ++iter;
+            iter = punchOutPiece(map, iter, getPiece(*iter, firstBlocks, desc.m_lengthBlocks));
     }
     RegionMap::const_iterator covered = map->cend();
     while (iter != map->cend() && iter->m_viewOffsetBlocks < endBlocks) {
         const u64 regionEndBlocks = iter->m_viewOffsetBlocks + iter->m_lengthBlocks;
-        if (covered == map->cend() && regionEndBlocks <= endBlocks && isRebuiltAsStored(*iter)) {
-            covered = iter;
-            if (regionEndBlocks < endBlocks)
-                ++iter;
-        } else {
+        if (regionEndBlocks <= endBlocks && isRebuiltAsStored(*iter)) {
+            if (covered != map->cend()) {
+                iter = map->erase(iter);
+            } else {
+                covered = iter;
+                if (regionEndBlocks < endBlocks)
+                    iter = behind(iter);
+            }
+        } else if (!cutBefore(map, iter, firstBlocks, endBlocks)) {
             iter = punchOutPiece(map, iter, getPiece(*iter, firstBlocks, desc.m_lengthBlocks));
         }
         if (regionEndBlocks >= endBlocks)
@@ -892,6 +948,34 @@ void RegionLocator::storeOver(const SubRegionDescriptor& desc)
         map->replace(covered, desc);
     else if (!map->insert(iter, desc).second)
         HARD_CHECK(false);
+}
+
+// The usual cuts, as punchOutPiece() makes them, where it would have nothing to report.
+RegionMap::const_iterator RegionLocator::cutBehind(CountedRegionMap* map,
+                                                   RegionMap::const_iterator iter, u64 firstBlocks,
+                                                   u64 endBlocks)
+{
+    const SubRegionDescriptor region = *iter;
+    map->replace(iter, leftPart(region, firstBlocks));
+    const RegionMap::const_iterator next = behind(iter);
+    if (region.m_viewOffsetBlocks + region.m_lengthBlocks <= endBlocks)
+        return next;
+    const auto [place, rc] = map->insert(next, rightPart(region, endBlocks));
+    SOFT_CHECK_IN(PUNCH_OUT_SIGNATURE, rc);
+    return rc ? place : next;
+}
+
+bool RegionLocator::cutBefore(CountedRegionMap* map, RegionMap::const_iterator iter,
+                              u64 firstBlocks, u64 endBlocks)
+{
+    if (iter->m_viewOffsetBlocks < firstBlocks || !isCutQuietly(*iter) ||
+        iter->m_viewOffsetBlocks + iter->m_lengthBlocks <= endBlocks)
+        return false;
+    const RegionMap::const_iterator next = behind(iter);
+    if (next != map->cend() && next->m_viewOffsetBlocks <= endBlocks)
+        return false;
+    map->replace(iter, rightPart(*iter, endBlocks));
+    return true;
 }
 
 void RegionLocator::punchOutRegions(CountedRegionMap* a_regionMap,

@@ -61,7 +61,8 @@ class RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly;
 // maps and never decides anything: a directory and a finger (RegionDirectory.h, RegionFinger.h), a
 // descent of its own (RegionDescent.h), and the items of a scan that are made together
 // (HeldBackInserts.h). The tweak t_RlAccelerators has a bit for each, in that order, and
-// t_RlAcceleratorsFromRegions the size from which on directory and scans' batches are used.
+// t_RlAcceleratorsFromRegions the size from which on the directory is used; scans' batches are from
+// 256 regions on, or from that size if it is smaller.
 class RegionLocator : public MemWatchedContainer, private RegionLocatorMemPool::UpkeepListener
 {
 public:
@@ -263,15 +264,29 @@ private:
 
     // ---- changes: under the mutex, with a voucher active ----
 
-    // Stores the region over what is there.
-    void storeOver(const SubRegionDescriptor& desc) RL_REQUIRES(m_mutex);
-    // Inserts what is held back, if anything is.
+    // Stores the region over what is there, from the last region that starts at or before it.
+    void storeOver(const SubRegionDescriptor& desc, RegionMap::const_iterator before)
+        RL_REQUIRES(m_mutex);
+    // Shortens the region, which starts before the range and reaches into it; what sticks out of
+    // the range becomes one more. Returns what follows the range's first block.
+    // REQUIRES: there is nothing to report of its pieces.
+    RegionMap::const_iterator cutBehind(CountedRegionMap* map, RegionMap::const_iterator iter,
+                                        u64 firstBlocks, u64 endBlocks) RL_REQUIRES(m_mutex);
+    // Takes the range's blocks out of the region where it starts within the range, sticks out of
+    // it, and nothing is to be reported; false where not, and nothing has changed.
+    bool cutBefore(CountedRegionMap* map, RegionMap::const_iterator iter, u64 firstBlocks,
+                   u64 endBlocks) RL_REQUIRES(m_mutex);
+    // Inserts what is held back, if anything is, and lets nothing more be: the first step of every
+    // operation.
     void settle() RL_REQUIRES(m_mutex)
     {
-        if (!m_heldBack.empty())
+        if (m_heldBack.isOpen())
             insertHeldBack();
     }
     void insertHeldBack() RL_REQUIRES(m_mutex);
+    // Begins to hold back a scan's items, with this one; false where that is not allowed now.
+    bool holdBack(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
+        RL_EXCLUDES(m_mutex);
     // Cut the blocks of each element, a piece of a stored region, out of the map. hint: where the
     // first one may lie; the map's end for anywhere.
     void punchOutRegions(CountedRegionMap* a_regionMap,
@@ -354,7 +369,8 @@ private:
     void upkeep() override RL_EXCLUDES(m_mutex);
     void noteSize() RL_REQUIRES(m_mutex)
     {
-        m_isLarge.store(m_unlockedRegions->isLarge(), std::memory_order_relaxed);
+        m_isHoldingBack.store(t_holdBackScans && m_unlockedRegions->isWorthBatches(),
+                              std::memory_order_relaxed);
         if (__builtin_expect(m_unlockedRegions->isDirectoryDue(), 0))
             m_memPool.setUpkeepDue();
     }
@@ -368,8 +384,8 @@ private:
     CountedRegionMap* m_lockedRegions RL_PT_GUARDED_BY(m_mutex);
     RL_LockWaiter* m_lockWaiter RL_GUARDED_BY(m_mutex);
     RegionLocatorCounters m_counters RL_GUARDED_BY(m_mutex);
-    HeldBackInserts m_heldBack RL_GUARDED_BY(m_mutex);
-    std::atomic<bool> m_isLarge{false}; // the unlocked map, lately; for a look without the mutex
+    HeldBackInserts m_heldBack;
+    std::atomic<bool> m_isHoldingBack{false}; // as of lately; for a look without the mutex
     bool t_holdBackScans;
     bool t_combineRegionsDuringRestore;
     RegionLocatorMetaDataContainer_Insert* m_insertContainer;

@@ -24,3 +24,22 @@ inline u64 startOf(RegionNode* node)
 {
     return regionOf(node).m_viewOffsetBlocks;
 }
+
+// The node behind in the order, as the standard's increment, but without a call; behind the last
+// one is the header.
+inline RegionNode* nextOf(RegionNode* node)
+{
+    if (node->_M_right != nullptr) {
+        node = node->_M_right;
+        while (node->_M_left != nullptr)
+            node = node->_M_left;
+        return node;
+    }
+    RegionNode* parent = node->_M_parent;
+    while (node == parent->_M_right) {
+        node = parent;
+        parent = parent->_M_parent;
+    }
+    // A root without a right side is where the header leads back to, whose parent the root is.
+    return node->_M_right != parent ? parent : node;
+}

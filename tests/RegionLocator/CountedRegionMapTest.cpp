@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <memory>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -427,6 +428,49 @@ TEST_F(ClearMapTest, DestructorClearsTheLockedMapBeforeTheUnlockedOne)
     m_locator.reset();
     LogItem::setSink(before);
     EXPECT_EQ(sizes, (std::vector<std::pair<size_t, size_t>>{{1001, 1002}, {0, 1002}}));
+}
+
+// ---- places that were found before ----
+
+// What is found for many blocks at once leads to the right region also when the map has changed.
+TEST(LocateTest, LeadsToTheRightRegionWhateverHasChangedSince)
+{
+    constexpr u32 AT_ONCE = RegionDescent::MAX_LOCKSTEP;
+    constexpr u64 VIEW_BLOCKS = 1000;
+    const LogCapture log;
+    RegionLocator locator{1, RL_MMI_View};
+    const ActiveVoucher voucher(locator.getMemPool(), 2000);
+    CountedRegionMap map(Access::allocator(locator));
+    std::mt19937_64 random(5);
+    const auto expected = [&map](u64 offset) {
+        const auto after = map.lower_bound(SubRegionDescriptor(offset + 1));
+        return after == map.begin() ? after : std::prev(after);
+    };
+    for (int round = 0; round < 300; ++round) {
+        Regions sought;
+        for (u32 i = 0; i < 1 + random() % AT_ONCE; ++i)
+            sought.push_back(plainRegion(random() % VIEW_BLOCKS, 1, 100));
+        RegionNode* located[AT_ONCE];
+        map.locate(sought.data(), static_cast<u32>(sought.size()), located);
+        for (u32 i = 0; i < sought.size(); ++i) {
+            const u64 offset = sought[i].m_viewOffsetBlocks;
+            const auto place = map.lastAtOrBefore(offset, located[i]);
+            ASSERT_EQ(place, expected(offset)) << round;
+            // It goes, it comes, or it begins later.
+            if (random() % 2 == 0) {
+                map.insert(plainRegion(offset, 1, 200));
+            } else if (!map.empty() && random() % 2 == 0) {
+                map.erase(place);
+            } else if (!map.empty() && std::next(place) != map.cend() &&
+                       place->m_viewOffsetBlocks + 1 < std::next(place)->m_viewOffsetBlocks) {
+                map.replace(place, plainRegion(place->m_viewOffsetBlocks + 1, 1, 300));
+            }
+        }
+        if (random() % 8 == 0)
+            map.insert(plainRegion(random() % VIEW_BLOCKS, 1, 100));
+    }
+    EXPECT_GT(map.size(), 10U);
+    map.clear();
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
+#include <thread>
 
 #include "RegionLocator/RegionLocatorMetaDataContainer.h"
 #include "common/infra/DynamicTweaks.h"
@@ -21,11 +22,15 @@ TEST(HeldBackInsertsTest, KeepsRegionsInTheirOrderUntilItIsFull)
     HeldBackInserts held;
     EXPECT_TRUE(held.empty());
     RegionLocatorVoucher voucher;
-    for (u64 i = 0; i < HeldBackInserts::MOST; ++i) {
-        EXPECT_FALSE(held.isFull());
-        held.add(plainRegion(100 - i, 1, i), &voucher);
-    }
-    EXPECT_TRUE(held.isFull());
+    EXPECT_FALSE(held.isOpen());
+    EXPECT_FALSE(held.add(plainRegion(0, 1, 0), &voucher));
+    held.open(&voucher);
+    EXPECT_TRUE(held.isOpen());
+    for (u64 i = 0; i < HeldBackInserts::MOST; ++i)
+        EXPECT_TRUE(held.add(plainRegion(100 - i, 1, i), &voucher));
+    EXPECT_FALSE(held.add(plainRegion(0, 1, 0), &voucher));
+    held.close();
+    EXPECT_FALSE(held.isOpen());
     EXPECT_EQ(held.voucher(), &voucher);
     u64 i = 0;
     for (const SubRegionDescriptor& region : held) {
@@ -35,6 +40,50 @@ TEST(HeldBackInsertsTest, KeepsRegionsInTheirOrderUntilItIsFull)
     EXPECT_EQ(i, HeldBackInserts::MOST);
     held.clear();
     EXPECT_TRUE(held.empty());
+}
+
+TEST(HeldBackInsertsTest, KeepsRegionsOfTheVoucherThatItWasOpenedForOnly)
+{
+    HeldBackInserts held;
+    RegionLocatorVoucher one;
+    RegionLocatorVoucher other;
+    held.open(&one);
+    EXPECT_FALSE(held.add(plainRegion(0, 1, 0), &other));
+    EXPECT_TRUE(held.add(plainRegion(0, 1, 0), &one));
+    EXPECT_EQ(held.size(), 1U);
+    held.close();
+    EXPECT_FALSE(held.add(plainRegion(0, 1, 0), &one));
+}
+
+// What was added before it was closed is there, and nothing comes after that.
+TEST(HeldBackInsertsTest, ClosesAgainstAddsOfAnotherThread)
+{
+    HeldBackInserts held;
+    RegionLocatorVoucher voucher;
+    std::atomic<u64> added{0};
+    std::atomic<bool> done{false};
+    std::thread scan([&] {
+        while (!done) {
+            if (held.isOpen() && held.add(plainRegion(added, 1, added), &voucher))
+                added.fetch_add(1);
+        }
+    });
+    u64 seen = 0;
+    for (int round = 0; round < 200 || seen < 200; ++round) {
+        held.open(&voucher);
+        std::this_thread::yield();
+        held.close();
+        const u32 size = held.size();
+        u64 next = seen;
+        for (const SubRegionDescriptor& region : held)
+            EXPECT_EQ(region.m_viewOffsetBlocks, next++);
+        EXPECT_EQ(held.size(), size);
+        seen = next;
+        held.clear();
+    }
+    done = true;
+    scan.join();
+    EXPECT_EQ(added.load(), seen);
 }
 
 SfsDiskMetaItem item(u64 offset, u32 length, u64 address)

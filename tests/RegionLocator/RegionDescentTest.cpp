@@ -43,6 +43,22 @@ protected:
         for (u64 offset = 0; offset < endOffset; ++offset)
             ASSERT_EQ(descent.lastAtOrBefore(offset), expected(offset)) << offset;
         ASSERT_EQ(descent.lastAtOrBefore(~u64{0}), expected(~u64{0}));
+        for (u64 first = 0; first < endOffset; first += 13)
+            expectLockstepAgreement(descent, first, endOffset);
+    }
+
+    // Some blocks at once, near ones and far ones; none as well.
+    void expectLockstepAgreement(const RegionDescent& descent, u64 first, u64 endOffset) const
+    {
+        constexpr u32 AT_ONCE = RegionDescent::MAX_LOCKSTEP;
+        u64 offsets[AT_ONCE];
+        RegionNode* found[AT_ONCE];
+        const u32 count = static_cast<u32>(first) % (AT_ONCE + 1);
+        for (u32 i = 0; i < count; ++i)
+            offsets[i] = i % 2 == 0 ? first + i : (first * 7 + i * 31) % endOffset;
+        descent.lastAtOrBefore(offsets, count, found);
+        for (u32 i = 0; i < count; ++i)
+            ASSERT_EQ(found[i], expected(offsets[i])) << offsets[i];
     }
 
     LogCapture m_log;
@@ -57,8 +73,10 @@ TEST_F(RegionDescentTest, FindsNothingInAnEmptyMap)
     EXPECT_EQ(descent.lastAtOrBefore(0), nullptr);
     EXPECT_EQ(descent.lastAtOrBefore(~u64{0}), nullptr);
     const u64 offsets[] = {0, 5, ~u64{0}};
-    descent.warm(offsets, 3);
-    descent.warm(offsets, 0);
+    RegionNode* found[3];
+    descent.lastAtOrBefore(offsets, 3, found);
+    for (RegionNode* node : found)
+        EXPECT_EQ(node, nullptr);
     descent.warmRange(0, ~u64{0});
 }
 
@@ -115,11 +133,6 @@ TEST_F(RegionDescentTest, WarmingChangesNothing)
         m_map.insert(plainRegion(4 * ((i * 1237) % MOST), 4, 100 + i));
     const Regions before(m_map.begin(), m_map.end());
     const RegionDescent descent(m_map);
-    u64 offsets[RegionDescent::MAX_LOCKSTEP];
-    for (u32 i = 0; i < RegionDescent::MAX_LOCKSTEP; ++i)
-        offsets[i] = i * 300;
-    for (u32 count = 0; count <= RegionDescent::MAX_LOCKSTEP; ++count)
-        descent.warm(offsets, count);
     // Within the map, at its ends, beside it, empty, and more regions than are warmed at once.
     for (const auto& [first, end] : {std::pair<u64, u64>{100, 200},
                                      {0, 1},
