@@ -11,6 +11,7 @@
 #include "appliance/Sizes.h"
 #include "common/infra/LogItem.h"
 #include "host/journal/FileStorage.h"
+#include "host/journal/JournalTags.h"
 
 namespace fs = std::filesystem;
 
@@ -428,6 +429,8 @@ Result Mirror::changeSettings(std::optional<u64> keepCheckpoints, std::optional<
 
 Result Mirror::checkpoint(const std::string& tag, CpId_t* id)
 {
+    if (!JournalTags::isValid(tag))
+        return Result::usage("a tag has at most 255 bytes and no control characters");
     return journaled(m_journal->appendCheckpoint(tag, id), "cannot set the checkpoint");
 }
 

@@ -128,6 +128,7 @@ public:
     void tellNearlyFull();
 
     // Sets a checkpoint behind all items journaled so far. Durable, with all of them, when done.
+    // WrongUsage: no tag as it may be; nothing changed.
     Result checkpoint(const std::string& tag, CpId_t* id);
     Result flush();
 

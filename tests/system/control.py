@@ -112,7 +112,8 @@ def test_every_command_says_the_same_as_without_a_server():
         both("set", mirror, "--journal-limit", "1G")
         both("apply", mirror, "--retention", "--yes")
         as_json("checkpoint", mirror, "--tag", "after")
-        both("checkpoint", mirror, "--tag", "a\nb", code=1)
+        both("checkpoint", mirror, "--tag", "a\nb", code=2)
+        both("checkpoint", mirror, "--tag", "t" * 256, code=2)
         as_json("info", mirror)
         return said
 
