@@ -13,6 +13,11 @@ namespace {
 constexpr u64 TABLE_OFFSET_BYTES = u64{SFS_GRAIN_BLOCKS} * BLOCK_BYTES;
 constexpr size_t MAX_OPEN_FILES = 128;
 
+// Most bytes of one call. A journal writes to pages that are new to the page cache, and the kernel
+// takes them in runs up to the call's length: the longer, the rarer from memory that was in use a
+// moment ago, and other memory a virtual machine may first have to ask its host for.
+constexpr u64 MOST_WRITE_BYTES = u64{128} << 10;
+
 // Whether the blocks in a scattered buffer have these checksums.
 bool checkBlocks(const ScatteredBuf& data, const u32* checksums)
 {
@@ -131,8 +136,11 @@ RcStatus FileGrainStore::append(GrainKind kind, u64 grain, u32 firstBlock, const
     RcStatus rc = file(kind, grain, &target);
     if (kind == GrainKind::Data)
         m_checksums.forget(grain, firstBlock, blocks);
-    if (rc == RC_SUCCESS)
-        rc = target->pwrite(data, u64{blocks} * BLOCK_BYTES, u64{firstBlock} * BLOCK_BYTES);
+    const u8* next = static_cast<const u8*>(data);
+    const u64 bytes = u64{blocks} * BLOCK_BYTES;
+    for (u64 done = 0; done < bytes && rc == RC_SUCCESS; done += MOST_WRITE_BYTES)
+        rc = target->pwrite(next + done, std::min(bytes - done, MOST_WRITE_BYTES),
+                            u64{firstBlock} * BLOCK_BYTES + done);
     if (rc == RC_SUCCESS && kind == GrainKind::Data)
         rc = target->pwrite(checksums, u64{blocks} * sizeof(u32),
                             TABLE_OFFSET_BYTES + u64{firstBlock} * sizeof(u32));
