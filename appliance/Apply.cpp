@@ -63,8 +63,11 @@ Result Applier::run()
         return Result();
     if (m_mirror.report().m_skippedPages > 0)
         return Result(ResultCode::Damaged, "what is damaged cannot be applied");
-    // What the target is to hold must not be lost from the journal by a crash.
-    if (!m_options.m_dryRun) {
+    if (m_options.m_dryRun) {
+        if (Result result = m_mirror.flushUpTo(m_to.m_items); !result.ok())
+            return result;
+    } else {
+        // What the target is to hold must not be lost from the journal by a crash.
         if (Result result = m_mirror.flush(); !result.ok())
             return result;
         if (const RcStatus rc = m_mirror.journal().syncMetadata(m_state.m_next); rc != RC_SUCCESS)

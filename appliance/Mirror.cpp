@@ -439,6 +439,12 @@ Result Mirror::flush()
     return journaled(m_journal->flush(), "cannot flush the journal");
 }
 
+Result Mirror::flushUpTo(u64 items)
+{
+    const bool isThere = m_access == MirrorAccess::Reader || m_journal->durableItemCount() >= items;
+    return isThere ? Result() : flush();
+}
+
 Result Mirror::close()
 {
     return journaled(m_journal->close(), "cannot close the journal");

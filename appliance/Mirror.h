@@ -132,6 +132,10 @@ public:
     Result checkpoint(const std::string& tag, CpId_t* id);
     Result flush();
 
+    // Sees to it that a scan finds the first so many items: makes them durable where this process
+    // has journaled them and they are not yet. As flush(); a reader has nothing to do.
+    Result flushUpTo(u64 items);
+
     // Flushes and closes the journal, and says how that went; the mirror is of no more use.
     Result close();
 

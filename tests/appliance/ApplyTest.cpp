@@ -87,6 +87,21 @@ TEST_F(ApplyTest, TargetIsThePointAndEveryLaterPointReadsAsBefore)
     }
 }
 
+TEST_F(ApplyTest, ADryRunSeesWhatItsOwnProcessHasNotFlushed)
+{
+    makeMirror();
+    const std::vector<u8> data(8 * BLOCK_BYTES, 7);
+    for (u64 i = 0; i < 3; ++i)
+        ASSERT_TRUE(m_mirror->write(100 * i, data.data(), 8).ok());
+    ApplyOptions options;
+    options.m_dryRun = true;
+    const Result result = apply(3, nullptr, options);
+    ASSERT_TRUE(result.ok()) << result.message();
+    EXPECT_EQ(m_statistics.m_items, 3u);
+    EXPECT_EQ(m_statistics.m_dataBytes, 24u * BLOCK_BYTES);
+    EXPECT_EQ(m_mirror->applyState().m_items, 0u);
+}
+
 TEST_F(ApplyTest, GoesOnWithWhatCameAfterIt)
 {
     makeMirror();
