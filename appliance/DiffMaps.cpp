@@ -9,9 +9,8 @@ Result makeFrom(Mirror& mirror, const ChosenPoint& from, const ChosenPoint& to,
                 FlowControl& control, const DiffAdmits& admits, DiffMaps::Extents* extents)
 {
     // A scan sees what is flushed.
-    if (mirror.journal().durableItemCount() < to.m_items)
-        if (Result result = mirror.flush(); !result.ok())
-            return result;
+    if (Result result = mirror.flushUpTo(to.m_items); !result.ok())
+        return result;
     return diffPoints(mirror, from, to, control, extents, admits);
 }
 

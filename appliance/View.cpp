@@ -33,6 +33,9 @@ Result View::build(Mirror& mirror, const ChosenPoint& point, FlowControl& contro
     if (Result result = mirror.usePoint(point.m_items, "a view of " + point.name(), &built->m_use);
         !result.ok())
         return result;
+    // A scan sees what is flushed.
+    if (Result result = mirror.flushUpTo(point.m_items); !result.ok())
+        return result;
     if (Result result = built->scan(control, options); !result.ok())
         return result;
     mirror.addIndex(built.get());
@@ -94,6 +97,9 @@ Result View::scan(FlowControl& control, const ViewBuildOptions& building)
         return Result(Result::fromStatus(scanned.rc, "").code(),
                       "cannot build the index of " + m_point.name() + ": " +
                           (scanned.message.empty() ? rcStatusText(scanned.rc) : scanned.message));
+    // What was skipped as damaged is told when the journal is opened.
+    if (scanned.itemsBefore != m_point.m_items && !m_mirror.journal().skipsDamage())
+        return Result(ResultCode::Damaged, "the journal ends before " + m_point.name());
 
     const RegionLocatorStatistics statistics = m_locator.getStatistics();
     m_statistics.m_iosInserted = statistics.m_numIOsInserted;

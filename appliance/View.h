@@ -47,9 +47,10 @@ struct ViewBuildOptions
 class View : public JournalIndex
 {
 public:
-    // Scans the journal up to the point. Interrupted when control says so; Failed when the index
-    // does not fit the memory limit, the message says how much it may need; Damaged. The mirror
-    // outlives the view.
+    // Scans the journal up to the point, which is flushed before where it is not durable yet.
+    // Interrupted when control says so; Failed when the index does not fit the memory limit, the
+    // message says how much it may need; Damaged, also where the journal ends before the point. The
+    // mirror outlives the view.
     static Result build(Mirror& mirror, const ChosenPoint& point, FlowControl& control,
                         std::unique_ptr<View>* view, const ViewBuildOptions& options = {});
 

@@ -144,10 +144,6 @@ Result ViewShelf::build(const ChosenPoint& point, std::shared_ptr<Shared>* built
 {
     if (m_stopped)
         return Result(ResultCode::Interrupted, "the server is stopping");
-    // A scan sees what is flushed.
-    if (m_mirror.journal().durableItemCount() < point.m_items)
-        if (Result result = m_mirror.flush(); !result.ok())
-            return result;
     const std::shared_ptr<Shared> from = nearest(point);
     ViewBuildOptions options;
     options.m_from = from != nullptr ? &from->view() : nullptr;

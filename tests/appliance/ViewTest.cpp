@@ -35,6 +35,37 @@ TEST_F(ViewTest, EveryPointReadsAsTheVolumeWas)
     }
 }
 
+TEST_F(ViewTest, HoldsWhatItsOwnProcessHasNotFlushed)
+{
+    makeMirror();
+    writeRandomly(1, 5);
+    const std::vector<u8> data(8 * BLOCK_BYTES, 7);
+    Image image = m_images.back();
+    for (u64 i = 0; i < 3; ++i) {
+        ASSERT_TRUE(m_mirror->write(100 * i, data.data(), 8).ok());
+        std::copy(data.begin(), data.end(),
+                  image.begin() + static_cast<std::ptrdiff_t>(100 * i * BLOCK_BYTES));
+    }
+    const auto latest = view(8);
+    ASSERT_NE(latest, nullptr);
+    EXPECT_EQ(latest->statistics().m_itemsScanned, 8u);
+    EXPECT_EQ(readAll(*latest), image);
+}
+
+TEST_F(ViewTest, IsRefusedWhereTheJournalEndsBeforeItsPoint)
+{
+    makeMirror();
+    writeRandomly(1, 10);
+    ChosenPoint point;
+    point.m_items = 11;
+    FlowControl control;
+    std::unique_ptr<View> built;
+    const Result result = View::build(*m_mirror, point, control, &built);
+    EXPECT_EQ(result.code(), ResultCode::Damaged);
+    EXPECT_EQ(result.message(), "the journal ends before item:11");
+    EXPECT_EQ(built, nullptr);
+}
+
 TEST_F(ViewTest, CheckpointHoldsWhatWasBeforeIt)
 {
     makeMirror();

@@ -138,6 +138,20 @@ def test_every_command_says_the_same_as_without_a_server():
         check(alone == beside, "without a server: %s\nwith one: %s" % (alone, beside))
 
 
+def test_commands_count_what_nobody_has_flushed():
+    with Served("background=false") as test:
+        for i in range(1, 12):
+            test.write(i * 65536, bytes([i]) * 65536)
+            # Each command flushes for itself: one of them would hide what the other does.
+            planned = rlctl_json("apply", test.mirror, "--to", "latest", "--dry-run")
+            check(planned["items"] == 2 * i - 1 and
+                  planned["data_bytes"] == (2 * i - 1) * 65536, str(planned))
+            test.write((100 + i) * 65536, bytes([i]) * 65536)
+            stats = rlctl_json("stats", test.mirror)
+            check(stats["ios_inserted"] == 2 * i and
+                  stats["unique_bytes"] == 2 * i * 65536, str(stats))
+
+
 def test_readers_of_the_folder_see_what_was_answered():
     with Served() as test:
         for seed in range(5):
@@ -320,6 +334,7 @@ def test_metrics_tell_what_was_done():
 
 need_nbd()
 run(test_every_command_says_the_same_as_without_a_server,
+    test_commands_count_what_nobody_has_flushed,
     test_readers_of_the_folder_see_what_was_answered,
     test_a_mirror_that_is_written_without_a_socket_is_in_use,
     test_ctrl_c_stops_an_apply_at_a_safe_point, test_commands_beside_a_writing_client,
