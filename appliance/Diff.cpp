@@ -35,10 +35,7 @@ public:
     bool stopRequested() override { return m_outer.stopRequested() || !admits(0); }
 
     // Beside the index.
-    bool admits(u64 bytes)
-    {
-        return !m_admits || m_admits(m_locator.getMemPool()->getMemoryStats().totalBytes + bytes);
-    }
+    bool admits(u64 bytes) { return !m_admits || m_admits(indexBytes(m_locator) + bytes); }
 
 private:
     FlowControl& m_outer;

@@ -110,16 +110,14 @@ Result View::scan(FlowControl& control, const ViewBuildOptions& building)
     m_statistics.m_itemsScanned = scanned.logicalItems;
     if (m_statistics.m_regions > 0)
         m_statistics.m_bytesPerRegion =
-            static_cast<double>(m_locator.getMemPool()->getMemoryStats().totalBytes +
-                                m_locator.getAcceleratorBytes()) /
-            static_cast<double>(m_statistics.m_regions);
+            static_cast<double>(memoryBytes()) / static_cast<double>(m_statistics.m_regions);
     m_statistics.m_indexSeconds = static_cast<double>(Clock::instance()->nowUs() - startedUs) / 1e6;
     return Result();
 }
 
 Result View::memoryResult(RcStatus rc, u64 items)
 {
-    const u64 have = m_locator.getMemPool()->getMemoryStats().totalBytes;
+    const u64 have = memoryBytes();
     // An item adds at most two regions: itself, and the second half of one that it cuts in two.
     const u64 need = m_point.m_items * 2 * TOKEN_BYTES + (u64{1} << 20);
     return Result::failed("the memory limit is too small for the index of " + m_point.name() +

@@ -67,8 +67,8 @@ public:
     // Of the index as it was built.
     const ViewStatistics& statistics() const { return m_statistics; }
 
-    // That the index takes now.
-    u64 memoryBytes() { return m_locator.getMemPool()->getMemoryStats().totalBytes; }
+    // That the index takes now, what speeds it up included.
+    u64 memoryBytes() { return indexBytes(m_locator); }
 
     // Null on a file system that nobody can write to.
     const PointUse* use() const override { return m_use.get(); }

@@ -5,10 +5,12 @@
 
 #include "appliance/Capture.h"
 #include "appliance/Export.h"
+#include "appliance/LiveVolume.h"
 #include "appliance/ViewExtents.h"
 #include "appliance/ViewPieces.h"
 #include "host/tasks/BlockingTask.h"
 #include "tests/appliance/MirrorFixture.h"
+#include "tests/support/Accelerators.h"
 
 namespace {
 
@@ -64,6 +66,26 @@ TEST_F(ViewTest, IsRefusedWhereTheJournalEndsBeforeItsPoint)
     EXPECT_EQ(result.code(), ResultCode::Damaged);
     EXPECT_EQ(result.message(), "the journal ends before item:11");
     EXPECT_EQ(built, nullptr);
+}
+
+TEST_F(ViewTest, MemoryIsCountedWithWhatSpeedsTheIndexUp)
+{
+    const Accelerators on(Accelerators::DIRECTORY, 100);
+    makeMirror();
+    const std::vector<u8> data(BLOCK_BYTES, 7);
+    for (u64 i = 0; i < 500; ++i)
+        ASSERT_TRUE(m_mirror->write(2 * i, data.data(), 1).ok());
+    const auto latest = view(500);
+    const u64 beside = latest->locator().getAcceleratorBytes();
+    EXPECT_GT(beside, 0u);
+    EXPECT_EQ(latest->memoryBytes(),
+              latest->locator().getMemPool()->getMemoryStats().totalBytes + beside);
+    FlowControl control;
+    std::unique_ptr<LiveVolume> live;
+    ASSERT_TRUE(LiveVolume::open(*m_mirror, control, &live).ok());
+    EXPECT_GT(live->locator().getAcceleratorBytes(), 0u);
+    EXPECT_EQ(live->memoryBytes(), live->locator().getMemPool()->getMemoryStats().totalBytes +
+                                       live->locator().getAcceleratorBytes());
 }
 
 TEST_F(ViewTest, CheckpointHoldsWhatWasBeforeIt)
