@@ -213,8 +213,11 @@ Result Applier::drain(Drain& drain)
 {
     m_notedMs = Clock::instance()->nowMs();
     for (bool more = true; more;) {
+        const u64 dataBlocks = drain.dataBlocks();
         if (Result result = drain.step(&more); !result.ok())
             return result;
+        // What is read and what is written are the same: it is moved once.
+        m_control.moved((drain.dataBlocks() - dataBlocks) * BLOCK_BYTES);
         const u64 done = drain.dataBlocks() + drain.zeroBlocks();
         m_statistics.m_dataBytes = drain.dataBlocks() * BLOCK_BYTES;
         m_statistics.m_zeroBytes = drain.zeroBlocks() * BLOCK_BYTES;

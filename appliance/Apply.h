@@ -49,6 +49,8 @@ struct ApplyStatistics
 // may go on beside it.
 Result applyMirror(Mirror& mirror, TaskEngine& engine, const ChosenPoint& to,
                    const ApplyOptions& options, FlowControl& control, ApplyStatistics* statistics);
+// control is told of all data as moved twice: when it is read to be sure of it, and when it is
+// copied. Zeroes move nothing.
 
 // Why the mirror's target may not be brought to that many items: a hold or a use; InUse, or done.
 // REQUIRES: the pins' latch.

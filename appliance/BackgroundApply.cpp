@@ -113,7 +113,7 @@ Result BackgroundApply::trim()
     if ((nothingLeft && !unfinished) || m_stop.isSet())
         return Result();
     BackgroundPace::Options options = pace();
-    options.m_bytesPerSecond = 0; // what is trimmed is not written
+    options.m_bytesPerSecond = 0; // no data is moved
     BackgroundPace control(m_stop, options);
     TrimStatistics statistics;
     Result result = m_jobs.trim(JobOrigin::Background, point, TrimOptions(), control, &statistics);

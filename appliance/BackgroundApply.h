@@ -22,7 +22,7 @@ public:
     struct Options
     {
         u64 m_everyMs = 5000;            // between two looks at what there is to do
-        u64 m_bytesPerSecond = 0;        // written to the target; 0: no limit
+        u64 m_bytesPerSecond = 0;        // of data read or written; 0: no limit
         u64 m_itemsAtATime = 1 << 18;    // of the journal
         std::function<u64()> m_activity; // as BackgroundPace's
         // Asks whoever keeps points before this one in use, without need, to let go of them.

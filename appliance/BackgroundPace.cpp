@@ -2,50 +2,63 @@
 
 #include <algorithm>
 
-#include "Sfs/SfsMetaDataContainer.h"
 #include "host/infra/Clock.h"
 
 namespace {
 
+constexpr u64 MS = 1000; // microseconds
 constexpr u64 LOOK_EVERY_MS = 50;
-constexpr u64 LONGEST_YIELD_MS = 1000;
+constexpr u64 LONGEST_YIELD_US = 1000 * MS;
+// So much of a rest that took longer than it should is made up for.
+constexpr u64 CREDIT_US = 100 * MS;
+constexpr double MICROS = 1e6;
 
 } // namespace
 
 BackgroundPace::BackgroundPace(StopSignal& stop, Options options)
-    : m_stop(stop), m_options(std::move(options)), m_startedMs(Clock::instance()->nowMs()),
-      m_stepStartedMs(m_startedMs)
+    : m_stop(stop), m_options(std::move(options)), m_stepStartedUs(Clock::instance()->nowUs()),
+      m_paidUs(m_stepStartedUs)
 {
     if (m_options.m_activity)
         m_stepActivity = m_options.m_activity();
 }
 
-void BackgroundPace::rest(u64 milliseconds)
+// What is less than a millisecond is left to a later rest.
+void BackgroundPace::restUntil(u64 untilUs)
 {
-    const u64 until = Clock::instance()->nowMs() + milliseconds;
-    for (u64 now = until - milliseconds; now < until; now = Clock::instance()->nowMs()) {
+    for (;;) {
+        const u64 nowUs = Clock::instance()->nowUs();
+        if (nowUs + MS > untilUs || isUrgent())
+            return;
         if (m_options.m_isUnwanted && m_options.m_isUnwanted())
             return;
-        if (m_stop.waitMs(std::min(until - now, LOOK_EVERY_MS)))
+        const u64 milliseconds = std::min((untilUs - nowUs) / MS, LOOK_EVERY_MS);
+        if (m_options.m_wait ? m_options.m_wait(milliseconds) : m_stop.waitMs(milliseconds))
             return;
     }
 }
 
-void BackgroundPace::progress(u64 doneBlocks, u64)
+void BackgroundPace::moved(u64 bytes)
 {
-    const u64 now = Clock::instance()->nowMs();
-    u64 wait = 0;
-    if (m_options.m_bytesPerSecond != 0) {
-        const double seconds = static_cast<double>(doneBlocks * BLOCK_BYTES) /
-                               static_cast<double>(m_options.m_bytesPerSecond);
-        const u64 dueMs = m_startedMs + static_cast<u64>(seconds * 1000);
-        wait = dueMs - std::min(dueMs, now);
-    }
-    const bool urgent = m_options.m_isUrgent && m_options.m_isUrgent();
-    if (m_options.m_activity && !urgent && m_options.m_activity() != m_stepActivity)
-        wait = std::max(wait, std::min(now - m_stepStartedMs, LONGEST_YIELD_MS));
-    rest(wait);
-    m_stepStartedMs = Clock::instance()->nowMs();
+    if (m_options.m_bytesPerSecond == 0)
+        return;
+    const double seconds =
+        static_cast<double>(bytes) / static_cast<double>(m_options.m_bytesPerSecond);
+    m_paidUs = std::max(m_paidUs + CREDIT_US, m_stepStartedUs) - CREDIT_US +
+               static_cast<u64>(seconds * MICROS);
+}
+
+void BackgroundPace::progress(u64, u64)
+{
+    const u64 nowUs = Clock::instance()->nowUs();
+    u64 untilUs = m_paidUs;
+    if (m_options.m_activity && m_options.m_activity() != m_stepActivity)
+        untilUs = std::max(untilUs, nowUs + std::min(nowUs - m_stepStartedUs, LONGEST_YIELD_US));
+    restUntil(untilUs);
+    m_stepStartedUs = Clock::instance()->nowUs();
+    // What is moved in a hurry is paid by nobody.
+    if (isUrgent())
+        m_paidUs = m_stepStartedUs;
     if (m_options.m_activity)
         m_stepActivity = m_options.m_activity();
 }

@@ -1,8 +1,11 @@
 // The pace of background work: not faster than a rate, and giving way to clients.
 //
-// Each step tells how many blocks it has done so far. While clients are active the work rests as
-// long as its step took, so that it has half of the time at most; in a hurry it only keeps to the
-// rate.
+//   step: moved(bytes) -> progress() -> rest until what was moved is paid for, and while clients
+//   are active at least as long as the step took, so that the work has half of the time at most
+//
+// Only what is moved is paid for, not what is merely looked at. Time in which nothing was moved is
+// not made up for later, but for a tenth of a second; so a rate is a limit at any moment and not on
+// the average alone. In a hurry there is neither a limit nor a rest.
 //
 // Thread safety: one thread; the signal and the counters that it looks at are other threads'.
 #pragma once
@@ -22,19 +25,25 @@ public:
         std::function<u64()> m_activity;
         std::function<bool()> m_isUrgent;   // empty: never
         std::function<bool()> m_isUnwanted; // whether somebody waits for the work to stop
+        // Waits so many milliseconds by the process's clock, or until the work is to stop: then
+        // true. Empty: waits on the signal.
+        std::function<bool(u64 milliseconds)> m_wait;
     };
 
+    // stop: outlives it.
     BackgroundPace(StopSignal& stop, Options options);
 
+    void moved(u64 bytes) override;
     void progress(u64 doneBlocks, u64 totalBlocks) override;
     bool stopRequested() override { return m_stop.isSet(); }
 
 private:
-    void rest(u64 milliseconds);
+    bool isUrgent() const { return m_options.m_isUrgent && m_options.m_isUrgent(); }
+    void restUntil(u64 untilUs);
 
     StopSignal& m_stop;
     const Options m_options;
-    u64 m_startedMs;
-    u64 m_stepStartedMs;
+    u64 m_stepStartedUs;
+    u64 m_paidUs; // when all that was moved is paid for
     u64 m_stepActivity = 0;
 };

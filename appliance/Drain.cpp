@@ -82,10 +82,14 @@ Result Drain::check(FlowControl& control, const std::function<void(u64 blocks)>&
             continue;
         }
         offset += windowBlocks;
-        for (const SubRegionDescriptor& region : batch.m_regions)
+        u64 dataBlocks = 0;
+        for (const SubRegionDescriptor& region : batch.m_regions) {
             done += region.m_lengthBlocks;
+            dataBlocks += region.isAllZeroes() ? 0 : region.m_lengthBlocks;
+        }
         if (const RcStatus rc = readBatch(batch); rc != RC_SUCCESS)
             return unreadable(batch, rc);
+        control.moved(dataBlocks * BLOCK_BYTES);
         progress(done);
         if (control.stopRequested())
             return Result(ResultCode::Interrupted, "interrupted before anything was applied");

@@ -62,6 +62,8 @@ public:
         m_outer.progress(done, total);
     }
 
+    void moved(u64 bytes) override { m_outer.moved(bytes); }
+
     bool stopRequested() override
     {
         return m_outer.stopRequested() ||

@@ -87,6 +87,25 @@ TEST_F(ApplyTest, TargetIsThePointAndEveryLaterPointReadsAsBefore)
     }
 }
 
+TEST_F(ApplyTest, DataIsMovedTwiceAndZeroesAreNot)
+{
+    class Movements : public FlowControl
+    {
+    public:
+        void moved(u64 bytes) override { m_bytes += bytes; }
+        u64 m_bytes = 0;
+    };
+    makeMirror();
+    const std::vector<u8> data(100 * BLOCK_BYTES, 7);
+    ASSERT_TRUE(m_mirror->write(50, data.data(), 100).ok());
+    ASSERT_TRUE(m_mirror->write(100, data.data(), 100).ok());
+    ASSERT_TRUE(m_mirror->writeZeroes(1000, 2000).ok());
+    Movements movements;
+    ASSERT_TRUE(apply(3, &movements).ok());
+    EXPECT_EQ(m_statistics.m_zeroBytes, 2000u * BLOCK_BYTES);
+    EXPECT_EQ(movements.m_bytes, 2u * 150 * BLOCK_BYTES);
+}
+
 TEST_F(ApplyTest, ADryRunSeesWhatItsOwnProcessHasNotFlushed)
 {
     makeMirror();
