@@ -119,12 +119,21 @@ void LiveVolume::lead(Waiting& leader)
         wake(next, Waiting::Leads);
 }
 
+// What nobody uses goes before a writer is refused.
+RcStatus LiveVolume::reserve(u64 insertions)
+{
+    RcStatus rc = m_reserve.prepare(insertions);
+    if (rc != RC_SUCCESS && m_makeRoom && m_makeRoom())
+        rc = m_reserve.prepare(insertions);
+    return rc;
+}
+
 void LiveVolume::appendGroup(Waiting* first)
 {
     u64 insertions = 0;
     for (const Waiting* one = first; one != nullptr; one = one->m_next)
         insertions += one->m_request.maxItems();
-    if (m_reserve.prepare(insertions) == RC_SUCCESS) {
+    if (reserve(insertions) == RC_SUCCESS) {
         appendPrepared(first, nullptr);
     } else {
         // There may be memory for some of them.

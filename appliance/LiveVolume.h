@@ -20,6 +20,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 
 #include "appliance/DirectReader.h"
@@ -41,6 +42,10 @@ public:
     ~LiveVolume() override;
     LiveVolume(const LiveVolume&) = delete;
     LiveVolume& operator=(const LiveVolume&) = delete;
+
+    // Asked by a writer when the process's memory has no room for what it inserts: frees what
+    // nobody uses; false: there was nothing. Before the first request.
+    void onNoMemory(std::function<bool()> makeRoom) { m_makeRoom = std::move(makeRoom); }
 
     u64 sizeBlocks() const { return m_mirror.settings().sizeBlocks(); }
 
@@ -99,6 +104,7 @@ private:
     RcStatus append(Waiting& waiting);
     void lead(Waiting& leader);
     void appendGroup(Waiting* first);
+    RcStatus reserve(u64 insertions);
     void appendPrepared(Waiting* first, Waiting* end);
 
     Mirror& m_mirror;
@@ -106,6 +112,7 @@ private:
     LocatorGate m_gate;
     ReadSources m_sources;
     DirectReader m_reader;
+    std::function<bool()> m_makeRoom;
     std::atomic<u64> m_groups{0};
     std::atomic<u64> m_insertedIos{0};
     std::atomic<u64> m_insertedBytes{0};

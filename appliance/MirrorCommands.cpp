@@ -99,10 +99,20 @@ Result MirrorCommands::stats(Arguments& arguments, CommandControl& control, Json
     if (Result chosen = choose(at, m_mirror.window(), &point); !chosen.ok())
         return chosen;
     control.say("at " + point.description());
-    std::unique_ptr<View> view;
-    if (Result built = View::build(m_mirror, point, control, &view); !built.ok())
-        return built;
-    const ViewStatistics& s = view->statistics();
+    ViewStatistics s;
+    const auto take = [&](View& view) {
+        s = view.statistics();
+        return Result();
+    };
+    if (m_views != nullptr) {
+        if (Result built = m_views->useAlone(point, control, take); !built.ok())
+            return built;
+    } else {
+        std::unique_ptr<View> view;
+        if (Result built = View::build(m_mirror, point, control, &view); !built.ok())
+            return built;
+        const Result ignored = take(*view);
+    }
     *result = JsonValue{{"at", point.name()},
                         {"ios_inserted", s.m_iosInserted},
                         {"bytes_inserted", s.m_bytesInserted},

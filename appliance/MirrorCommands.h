@@ -23,21 +23,22 @@
 // Thread safety: any thread; commands may run at the same time.
 #pragma once
 
-#include <functional>
 #include <string>
 
 #include "appliance/CommandArguments.h"
 #include "appliance/CommandControl.h"
 #include "appliance/JsonValue.h"
 #include "appliance/MirrorJobs.h"
+#include "appliance/ViewShelf.h"
 
 class MirrorCommands
 {
 public:
-    // makeWay: asks whoever keeps points before this one in use, without need, to let go of them;
-    // empty where nobody does.
-    explicit MirrorCommands(MirrorJobs& jobs, std::function<void(u64 items)> makeWay = {})
-        : m_jobs(jobs), m_mirror(jobs.mirror()), m_makeWay(std::move(makeWay))
+    // views: those of the process that serves the mirror. They let go of points that are in the way
+    // of an apply, and the indexes that commands build are within their budget. Null where there
+    // are none; it outlives this.
+    explicit MirrorCommands(MirrorJobs& jobs, ViewShelf* views = nullptr)
+        : m_jobs(jobs), m_mirror(jobs.mirror()), m_views(views)
     {}
 
     // Runs one command to its end. *result: an object; meaningful when it is done. WrongUsage: no
@@ -65,5 +66,5 @@ private:
 
     MirrorJobs& m_jobs;
     Mirror& m_mirror;
-    const std::function<void(u64)> m_makeWay;
+    ViewShelf* const m_views;
 };

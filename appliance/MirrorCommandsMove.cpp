@@ -80,8 +80,8 @@ Result MirrorCommands::apply(Arguments& arguments, CommandControl& control, Json
     ChosenPoint to;
     if (Result chosen = choose(name, m_mirror.window(), &to); !chosen.ok())
         return chosen;
-    if (m_makeWay && !options.m_dryRun)
-        m_makeWay(to.m_items);
+    if (m_views != nullptr && !options.m_dryRun)
+        m_views->dropUnused(to.m_items);
     ApplyStatistics statistics;
     Result applied = m_jobs.apply(JobOrigin::Command, to, options, control, &statistics);
     *result = toJson(statistics, to.name(), options.m_dryRun);

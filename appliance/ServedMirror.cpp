@@ -42,6 +42,9 @@ Result ServedMirror::start()
     // way.
     m_views =
         std::make_unique<ViewShelf>(*m_mirror, m_options.m_viewsBudgetBytes, !m_options.m_readOnly);
+    // Views can be built anew, requests that are refused cannot.
+    if (m_live != nullptr)
+        m_live->onNoMemory([views = m_views.get()] { return views->dropUnused(~u64{0}) > 0; });
     m_diffs = std::make_unique<DiffMaps>(*m_mirror, *m_views);
     m_services = std::make_unique<ServedServices>(*this);
     Result result = m_startInterrupted

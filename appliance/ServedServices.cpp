@@ -39,8 +39,7 @@ Result ServedServices::startWriters()
     m_control = std::make_unique<ControlServer>([this](const std::string& command,
                                                        const JsonValue& arguments,
                                                        CommandControl& control, JsonValue* result) {
-        return MirrorCommands(*m_jobs, [this](u64 items) { m_served.views().dropUnused(items); })
-            .run(command, arguments, control, result);
+        return MirrorCommands(*m_jobs, &m_served.views()).run(command, arguments, control, result);
     });
     return m_control->start(options.m_folder);
 }

@@ -1,5 +1,7 @@
 #include "appliance/ViewShelf.h"
 
+#include <chrono>
+
 #include "appliance/FlagControl.h"
 #include "appliance/Sizes.h"
 
@@ -7,6 +9,8 @@ namespace {
 
 // Each holds a file open that tells other processes of it, of which a process may not have many.
 constexpr u64 MOST_UNUSED = 32;
+// Between two looks at whether the one that waits is to stop.
+constexpr auto LOOK_EVERY = std::chrono::milliseconds(50);
 
 } // namespace
 
@@ -35,7 +39,7 @@ void ViewShelf::stop()
 
 u64 ViewShelf::bytesLocked() const
 {
-    u64 bytes = 0;
+    u64 bytes = m_aloneBytes;
     for (const auto& [items, slot] : m_slots)
         bytes += slot.m_bytes;
     return bytes;
@@ -133,11 +137,15 @@ Result ViewShelf::buildAndShelve(const ChosenPoint& point, Lease* lease)
         }
     }
     if (result.code() == ResultCode::Interrupted && !m_stopped)
-        result =
-            Result(ResultCode::NoSpace, "no room for a view of " + point.name() +
-                                            ": the budget of " + formatSize(m_budgetBytes) +
-                                            " for all views is used up by those that are open");
+        result = noRoom(point);
     return result;
+}
+
+Result ViewShelf::noRoom(const ChosenPoint& point) const
+{
+    return Result(ResultCode::NoSpace, "no room for a view of " + point.name() +
+                                           ": the budget of " + formatSize(m_budgetBytes) +
+                                           " for all views is used up by those that are open");
 }
 
 Result ViewShelf::build(const ChosenPoint& point, std::shared_ptr<Shared>* built)
@@ -190,6 +198,64 @@ bool ViewShelf::admits(u64 items, u64 bytes)
     return makeRoomLocked(&gone);
 }
 
+Result ViewShelf::takeAlone(FlowControl& control)
+{
+    MutexGuard guard(m_mutex);
+    while (m_isAloneTaken) {
+        if (m_stopped || control.stopRequested())
+            return Result(ResultCode::Interrupted, "interrupted before the index was built");
+        m_settled.wait_for(m_mutex, LOOK_EVERY);
+    }
+    m_isAloneTaken = true;
+    return Result();
+}
+
+void ViewShelf::endAlone()
+{
+    MutexGuard guard(m_mutex);
+    m_isAloneTaken = false;
+    m_aloneBytes = 0;
+    m_settled.notify_all();
+}
+
+bool ViewShelf::admitsAlone(u64 bytes)
+{
+    Gone gone;
+    MutexGuard guard(m_mutex);
+    m_aloneBytes = bytes;
+    return makeRoomLocked(&gone);
+}
+
+Result ViewShelf::useAlone(const ChosenPoint& point, FlowControl& control,
+                           const std::function<Result(View& view)>& use)
+{
+    if (m_stopped)
+        return Result(ResultCode::Interrupted, "the server is stopping");
+    if (Result result = takeAlone(control); !result.ok())
+        return result;
+    // After the view, however it ends.
+    struct AtEnd
+    {
+        ~AtEnd() { m_shelf.endAlone(); }
+        ViewShelf& m_shelf;
+    } const atEnd{*this};
+    bool isRefused = false;
+    ViewBuildOptions options;
+    options.m_admits = [&](u64 bytes) {
+        isRefused = isRefused || !admitsAlone(bytes);
+        return !isRefused && !m_stopped;
+    };
+    std::unique_ptr<View> view;
+    Result result = View::build(m_mirror, point, control, &view, options);
+    if (result.ok() && !admitsAlone(view->memoryBytes())) {
+        isRefused = true;
+        result = Result(ResultCode::Interrupted, "");
+    }
+    if (result.code() == ResultCode::Interrupted && isRefused)
+        return noRoom(point);
+    return result.ok() ? use(*view) : result;
+}
+
 void ViewShelf::giveBack(u64 items)
 {
     Gone gone;
@@ -229,6 +295,7 @@ ViewShelfReport ViewShelf::report()
         report.m_open += slot.m_leases > 0;
         report.m_bytes += slot.m_bytes;
     }
+    report.m_bytes += m_aloneBytes;
     report.m_budgetBytes = m_budgetBytes;
     report.m_built = m_built;
     report.m_continued = m_continued;

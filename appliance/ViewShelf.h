@@ -18,6 +18,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <memory>
 
@@ -100,6 +101,12 @@ public:
     // then build it themselves.
     Result open(const ChosenPoint& point, Lease* lease);
 
+    // Builds a view of its own, that nobody shares and the caller destroys, within the budget while
+    // it is built and used: use(view) is called with it. One at a time, others wait. Results as
+    // open(), and what use returns. control: as View::build()'s.
+    Result useAlone(const ChosenPoint& point, FlowControl& control,
+                    const std::function<Result(View& view)>& use);
+
     // Closes the views that nobody has open and that are of points before this one: for who wants
     // to pass them. Returns how many.
     u64 dropUnused(u64 beforeItems);
@@ -128,6 +135,10 @@ private:
     Result build(const ChosenPoint& point, std::shared_ptr<Shared>* built);
     std::shared_ptr<Shared> nearest(const ChosenPoint& point);
     bool admits(u64 items, u64 bytes);
+    bool admitsAlone(u64 bytes);
+    Result takeAlone(FlowControl& control);
+    void endAlone();
+    Result noRoom(const ChosenPoint& point) const;
     bool makeRoomLocked(Gone* gone) RL_REQUIRES(m_mutex);
     u64 bytesLocked() const RL_REQUIRES(m_mutex);
     void leaseLocked(u64 items, Slot& slot, Lease* lease) RL_REQUIRES(m_mutex);
@@ -140,8 +151,10 @@ private:
     std::atomic<bool> m_stopped{false};
 
     Mutex m_mutex;
-    std::condition_variable_any m_settled; // a build has ended
+    std::condition_variable_any m_settled; // a build, or a view of its own, has ended
     Slots m_slots RL_GUARDED_BY(m_mutex);
+    bool m_isAloneTaken RL_GUARDED_BY(m_mutex) = false;
+    u64 m_aloneBytes RL_GUARDED_BY(m_mutex) = 0; // of the view that nobody shares
     u64 m_uses RL_GUARDED_BY(m_mutex) = 0;
     u64 m_built RL_GUARDED_BY(m_mutex) = 0;
     u64 m_continued RL_GUARDED_BY(m_mutex) = 0;

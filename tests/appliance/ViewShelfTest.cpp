@@ -291,4 +291,67 @@ TEST_F(ViewShelfTest, DiffMapsAreSharedAndBounded)
     EXPECT_EQ(bounded.open(point(10), point(50), &second).code(), ResultCode::NoSpace);
 }
 
+TEST_F(ViewShelfTest, ViewsOfTheirOwnAreOneAtATimeAndWithinTheBudget)
+{
+    makeMirror();
+    writeRandomly(21, 200);
+    makeShelf();
+    FlowControl control;
+    std::atomic<u32> inside{0};
+    std::atomic<u32> wrong{0};
+    std::vector<std::thread> threads;
+    for (u64 id = 0; id < 4; ++id) {
+        threads.emplace_back([&, id] {
+            const u64 items = 50 + 50 * id;
+            const Result result = m_shelf->useAlone(point(items), control, [&](View& view) {
+                wrong += ++inside != 1;
+                wrong += m_shelf->report().m_bytes != view.memoryBytes();
+                wrong += readAll(view) != m_images[items];
+                --inside;
+                return Result(ResultCode::Damaged, "what it says");
+            });
+            wrong += result.message() != "what it says";
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong, 0u);
+    EXPECT_EQ(m_shelf->report().m_bytes, 0u);
+    EXPECT_EQ(m_shelf->report().m_views, 0u);
+
+    // Views that nobody has open make room; those that are open do not.
+    open(200);
+    const u64 oneBytes = m_shelf->report().m_bytes;
+    makeShelf(oneBytes + oneBytes / 2);
+    open(199);
+    const auto nothing = [](View&) { return Result(); };
+    EXPECT_TRUE(m_shelf->useAlone(point(200), control, nothing).ok());
+    EXPECT_EQ(m_shelf->report().m_dropped, 1u);
+    {
+        const ViewShelf::Lease lease = open(199);
+        EXPECT_EQ(m_shelf->useAlone(point(200), control, nothing).code(), ResultCode::NoSpace);
+    }
+    m_shelf->stop();
+    EXPECT_EQ(m_shelf->useAlone(point(200), control, nothing).code(), ResultCode::Interrupted);
+}
+
+TEST_F(ViewShelfTest, WhoWaitsForAViewOfItsOwnCanBeStopped)
+{
+    class Stops : public FlowControl
+    {
+    public:
+        bool stopRequested() override { return true; }
+    };
+    makeMirror();
+    writeRandomly(22, 10);
+    makeShelf();
+    FlowControl control;
+    Stops stops;
+    const Result result = m_shelf->useAlone(point(10), control, [&](View&) {
+        return m_shelf->useAlone(point(5), stops, [](View&) { return Result(); });
+    });
+    EXPECT_EQ(result.code(), ResultCode::Interrupted);
+    EXPECT_TRUE(m_shelf->useAlone(point(5), control, [](View&) { return Result(); }).ok());
+}
+
 } // namespace
