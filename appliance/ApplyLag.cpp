@@ -29,7 +29,7 @@ public:
 
 } // namespace
 
-Result ApplyLag::measure()
+Result ApplyLag::measure(FlowControl& control)
 {
     Mirror& mirror = m_jobs.mirror();
     const ApplyState applied = mirror.applyState();
@@ -44,7 +44,6 @@ Result ApplyLag::measure()
         pageOfJournalPtr(applied.m_next) >= mirror.journal().begin().m_page)
         options.start = applied.m_next;
     BytesCounter counter;
-    FlowControl control;
     ScanResult scanned;
     Result result = scanJournal(mirror, counter, options, mirror.journal().itemCount(),
                                 "measure what is to be applied", control, &scanned);

@@ -23,8 +23,9 @@ public:
         : m_jobs(jobs), m_journaled(std::move(journaled))
     {}
 
-    // Reads the metadata of what is not applied. REQUIRES: nobody writes or applies yet.
-    Result measure();
+    // Reads the metadata of what is not applied, which may be all of the journal's: Interrupted
+    // when control says so. REQUIRES: nobody writes or applies yet.
+    Result measure(FlowControl& control);
 
     u64 bytes() const;
     u64 items() const;

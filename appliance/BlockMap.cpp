@@ -1,7 +1,5 @@
 #include "appliance/BlockMap.h"
 
-#include <algorithm>
-
 namespace {
 
 // The index is asked for more at a time while there is little, and for less where there is much.
@@ -21,6 +19,7 @@ public:
         m_runs.clear();
         u64 windowBlocks = FIRST_WINDOW_BLOCKS;
         while (block < end && !m_isFull) {
+            windowBlocks = pieceWindow(windowBlocks, m_locator.getItemCount());
             const u64 windowEnd = std::min(end, block + windowBlocks);
             // What an apply writes to a hole of the target may be out of the index by the next
             // lookup, so a hole that was found before one says nothing after it.

@@ -31,8 +31,8 @@ Result ServedMirror::start()
     if (Result result = Mirror::open(m_options.m_folder, access, m_options.m_recovery, &m_mirror);
         !result.ok())
         return result;
+    FlagControl control(m_startInterrupted);
     if (!m_options.m_readOnly) {
-        FlagControl control(m_startInterrupted);
         if (Result result = LiveVolume::open(*m_mirror, control, &m_live); !result.ok()) {
             m_mirror.reset();
             return result;
@@ -49,7 +49,7 @@ Result ServedMirror::start()
     m_services = std::make_unique<ServedServices>(*this);
     Result result = m_startInterrupted
                         ? Result(ResultCode::Interrupted, "interrupted before anything was served")
-                        : m_services->start();
+                        : m_services->start(control);
     if (!result.ok()) {
         const Result ignored = stop();
     }

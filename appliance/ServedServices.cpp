@@ -11,13 +11,13 @@ u64 ServedServices::requests() const
     return total;
 }
 
-Result ServedServices::startWriters()
+Result ServedServices::startWriters(FlowControl& starting)
 {
     const ServedOptions& options = m_served.options();
     m_jobs = std::make_unique<MirrorJobs>(m_served.mirror(), m_served.engine());
     m_lag = std::make_unique<ApplyLag>(*m_jobs,
                                        [live = m_served.live()] { return live->insertedBytes(); });
-    if (Result result = m_lag->measure(); !result.ok())
+    if (Result result = m_lag->measure(starting); !result.ok())
         return result;
 
     m_checkpoints = std::make_unique<CheckpointTimer>(
@@ -59,11 +59,11 @@ Result ServedServices::startMetrics()
                                          : m_metricsHttp.start(options.m_metricsHttp, m_metrics);
 }
 
-Result ServedServices::start()
+Result ServedServices::start(FlowControl& starting)
 {
     Result result;
     if (m_served.live() != nullptr)
-        result = startWriters();
+        result = startWriters(starting);
     if (result.ok())
         result = startMetrics();
     if (!result.ok())

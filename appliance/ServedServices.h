@@ -23,8 +23,9 @@ public:
     ServedServices(const ServedServices&) = delete;
     ServedServices& operator=(const ServedServices&) = delete;
 
-    // All that the mirror's options ask for. After a failure nothing runs.
-    Result start();
+    // All that the mirror's options ask for. Interrupted when control says so. After a failure
+    // nothing runs.
+    Result start(FlowControl& control);
 
     // Commands are cancelled, and what is under way stops at its next safe point.
     void stop();
@@ -33,7 +34,7 @@ public:
     const ServedMetrics& metrics() const { return *m_metrics; }
 
 private:
-    Result startWriters();
+    Result startWriters(FlowControl& control);
     Result startMetrics();
     u64 requests() const;
 

@@ -157,6 +157,26 @@ TEST_F(ServedMetricsTest, LagGoesWithApplyAndIsMeasuredAgainAtAStart)
     EXPECT_EQ(collect().at("rl_apply_lag_bytes"), 12 * 512);
 }
 
+TEST_F(ServedMetricsTest, MeasuringTheLagCanBeStopped)
+{
+    class Stops : public FlowControl
+    {
+    public:
+        bool stopRequested() override { return true; }
+    };
+    makeMirror();
+    // More metadata than what is read at a time.
+    for (u64 i = 0; i < 50000; ++i)
+        ASSERT_TRUE(m_mirror->writeZeroes(i % BLOCKS, 1).ok());
+    MirrorJobs jobs(*m_mirror, m_host.getEngine());
+    ApplyLag lag(jobs, [] { return u64{0}; });
+    Stops stops;
+    EXPECT_EQ(lag.measure(stops).code(), ResultCode::Interrupted);
+    FlowControl control;
+    EXPECT_TRUE(lag.measure(control).ok());
+    EXPECT_EQ(lag.bytes(), 50000 * BLOCK_BYTES);
+}
+
 TEST_F(ServedMetricsTest, AFileIsAlwaysWhole)
 {
     makeMirror();
