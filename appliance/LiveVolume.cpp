@@ -140,6 +140,8 @@ void LiveVolume::appendGroup(Waiting* first)
         for (Waiting* one = first; one != nullptr; one = one->m_next) {
             if (m_reserve.prepare(one->m_request.maxItems()) == RC_SUCCESS)
                 appendPrepared(one, one->m_next);
+            else
+                m_refused.fetch_add(1, std::memory_order_relaxed);
         }
     }
     m_mirror.tellNearlyFull();

@@ -74,6 +74,9 @@ public:
     u64 insertedIos() const { return m_insertedIos.load(std::memory_order_relaxed); }
     u64 insertedBytes() const { return m_insertedBytes.load(std::memory_order_relaxed); }
 
+    // Requests that found no memory for the index.
+    u64 refused() const { return m_refused.load(std::memory_order_relaxed); }
+
     // Groups appended so far: how many requests share one tells how well they combine.
     u64 groups() const { return m_groups.load(std::memory_order_relaxed); }
 
@@ -114,6 +117,7 @@ private:
     DirectReader m_reader;
     std::function<bool()> m_makeRoom;
     std::atomic<u64> m_groups{0};
+    std::atomic<u64> m_refused{0};
     std::atomic<u64> m_insertedIos{0};
     std::atomic<u64> m_insertedBytes{0};
 

@@ -18,6 +18,7 @@ prometheus::ClientMetric& MetricFamilies::sample(double value)
 {
     prometheus::MetricFamily& family = m_families.back();
     prometheus::ClientMetric& metric = family.metric.emplace_back();
+    metric.label.push_back({"volume", m_volume});
     if (family.type == MetricType::Counter)
         metric.counter.value = value;
     else

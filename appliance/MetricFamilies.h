@@ -12,11 +12,15 @@
 class MetricFamilies
 {
 public:
+    // volume: of every sample, in its first label, so that those of several mirrors can lie side by
+    // side.
+    explicit MetricFamilies(std::string volume) : m_volume(std::move(volume)) {}
+
     // Begins a family; its samples follow. A counter's name ends in _total.
     MetricFamilies& gauge(const std::string& name, const std::string& help);
     MetricFamilies& counter(const std::string& name, const std::string& help);
 
-    // One sample of the family, with at most one label.
+    // One sample of the family, with at most one label beside the volume's.
     MetricFamilies& add(double value);
     MetricFamilies& add(u64 value) { return add(static_cast<double>(value)); }
     MetricFamilies& add(const std::string& label, const std::string& labelValue, double value);
@@ -30,5 +34,6 @@ public:
 private:
     prometheus::ClientMetric& sample(double value);
 
+    const std::string m_volume;
     std::vector<prometheus::MetricFamily> m_families;
 };

@@ -1,18 +1,46 @@
 #include "appliance/MetricsHttp.h"
 
 #ifdef RL_HAS_METRICS_HTTP
-#include <prometheus/exposer.h>
+#include <CivetServer.h>
 
 struct MetricsHttp::Server
 {
-    // Two threads, and seconds for a request: whoever stalls keeps nobody for long.
-    explicit Server(const std::string& address)
-        : m_exposer(std::vector<std::string>{"listening_ports", address, "num_threads", "2",
-                                             "request_timeout_ms", "5000"})
-    {}
+    class Handler : public CivetHandler
+    {
+    public:
+        explicit Handler(std::function<std::string()> text) : m_text(std::move(text)) {}
 
-    std::shared_ptr<prometheus::Collectable> m_metrics;
-    prometheus::Exposer m_exposer;
+        // No exception may get to the library, which is written in C.
+        bool handleGet(CivetServer*, mg_connection* connection) override
+        {
+            try {
+                const std::string text = m_text();
+                mg_printf(connection,
+                          "HTTP/1.1 200 OK\r\nContent-Type: text/plain; version=0.0.4; "
+                          "charset=utf-8\r\nContent-Length: %llu\r\nConnection: close\r\n\r\n",
+                          static_cast<unsigned long long>(text.size()));
+                mg_write(connection, text.data(), text.size());
+            } catch (const std::exception&) {
+                mg_send_http_error(connection, 500, "%s", "no memory");
+            }
+            return true;
+        }
+
+    private:
+        const std::function<std::string()> m_text;
+    };
+
+    // Two threads, and seconds for a request: whoever stalls keeps nobody for long.
+    Server(const std::string& address, std::function<std::string()> text)
+        : m_handler(std::move(text)),
+          m_http(std::vector<std::string>{"listening_ports", address, "num_threads", "2",
+                                          "request_timeout_ms", "5000"})
+    {
+        m_http.addHandler("/metrics", m_handler);
+    }
+
+    Handler m_handler;
+    CivetServer m_http; // ends before what it calls
 };
 
 bool MetricsHttp::isBuiltIn()
@@ -20,14 +48,10 @@ bool MetricsHttp::isBuiltIn()
     return true;
 }
 
-Result MetricsHttp::start(const std::string& address,
-                          std::shared_ptr<prometheus::Collectable> metrics)
+Result MetricsHttp::start(const std::string& address, std::function<std::string()> text)
 {
     try {
-        auto server = std::make_unique<Server>(address);
-        server->m_metrics = std::move(metrics);
-        server->m_exposer.RegisterCollectable(server->m_metrics, "/metrics");
-        m_server = std::move(server);
+        m_server = std::make_unique<Server>(address, std::move(text));
     } catch (const std::exception& error) {
         return Result::failed("cannot serve metrics at " + address + ": " + error.what());
     }
@@ -44,7 +68,7 @@ bool MetricsHttp::isBuiltIn()
     return false;
 }
 
-Result MetricsHttp::start(const std::string&, std::shared_ptr<prometheus::Collectable>)
+Result MetricsHttp::start(const std::string&, std::function<std::string()>)
 {
     return Result::failed("this program was built without metrics over HTTP");
 }

@@ -1,11 +1,11 @@
 // Serves metrics over HTTP, at /metrics. Whether this is built in is found when the build is
 // configured.
 //
-// Thread safety: the owner's thread; the collectable is called from others.
+// Thread safety: the owner's thread; the text is asked for by others.
 #pragma once
 
+#include <functional>
 #include <memory>
-#include <prometheus/collectable.h>
 #include <string>
 
 #include "appliance/Result.h"
@@ -20,9 +20,10 @@ public:
 
     static bool isBuiltIn();
 
-    // address: "127.0.0.1:9199". Failed: not built in, or no listening there. While an answer is
-    // being made the collectable is kept.
-    Result start(const std::string& address, std::shared_ptr<prometheus::Collectable> metrics);
+    // address: "127.0.0.1:9199". text: makes what is served, for each request anew. Failed: not
+    // built in, or no listening there.
+    Result start(const std::string& address, std::function<std::string()> text);
+    // Waits for answers that are being made.
     void stop();
 
 private:

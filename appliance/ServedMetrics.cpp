@@ -7,6 +7,7 @@
 #include "appliance/Retention.h"
 #include "appliance/TrimHolder.h"
 #include "common/infra/MemoryPoolImpl.h"
+#include "host/infra/PoolGroup.h"
 
 namespace {
 
@@ -24,9 +25,9 @@ double ratio(u64 part, u64 whole)
 
 } // namespace
 
-std::vector<prometheus::MetricFamily> ServedMetrics::Collect() const
+std::string ServedMetrics::text() const
 {
-    MetricFamilies families;
+    MetricFamilies families(std::to_string(m_served.mirror().settings().m_id));
     families.gauge("rl_build_info", "What program this is").add("version", RL_VERSION, u64{1});
     addJournal(families);
     addTrimHolder(families);
@@ -35,13 +36,8 @@ std::vector<prometheus::MetricFamily> ServedMetrics::Collect() const
     addReads(families);
     addJobs(families);
     addRequests(families);
-    return families.take();
-}
-
-std::string ServedMetrics::text() const
-{
     std::ostringstream out;
-    prometheus::TextSerializer().Serialize(out, Collect());
+    prometheus::TextSerializer().Serialize(out, families.take());
     return out.str();
 }
 
@@ -105,11 +101,13 @@ void ServedMetrics::addIndex(MetricFamilies& families) const
             .add(live->insertedIos());
         families.counter("rl_inserted_bytes_total", "Of the volume, that these cover")
             .add(inserted);
-        families.gauge("rl_overridden_ratio", "Of these, overridden or trimmed since")
-            .add(1 - ratio(std::min(unique, inserted), inserted));
+        families.gauge("rl_overridden_ratio", "Of these bytes, those that the index shows no more")
+            .add(ratio(inserted - std::min(unique, inserted), inserted));
         families.counter("rl_merges_total", "Regions merged when they were restored")
             .add(live->locator().getMerges());
     }
+    families.gauge("rl_diff_maps_bytes", "Memory of the maps of diffs, and of making them")
+        .add(m_served.diffs().memoryBytes());
     const ViewShelfReport views = m_served.views().report();
     families.gauge("rl_views", "Views that are kept").add(views.m_views);
     families.gauge("rl_views_open", "Of these, in use").add(views.m_open);
@@ -132,11 +130,17 @@ void ServedMetrics::addMemory(MetricFamilies& families) const
         .add("state", "free", stats.freeBytes)
         .add("state", "overhead", stats.totalBytes - std::min(stats.totalBytes, handedOut));
     u64 waiting = 0;
-    for (const char* group : {"View_RLs", "View_reads", "Apply_reads", "Backup_reads"})
-        waiting += pool->getMmiPendingRequests(pool->getMmi(group));
+    u64 waits = 0;
+    for (const char* group : {"View_RLs", "View_reads", "Apply_reads", "Backup_reads"}) {
+        waiting += pool->getMmi(group)->getPendingRequests();
+        waits += pool->getMmi(group)->getWaits();
+    }
     families.gauge("rl_reservations_waiting", "Reservations that wait for memory now").add(waiting);
-    families.counter("rl_reservations_refused_total", "Reservations of writes without memory")
-        .add(TokenReserve::refused());
+    families.counter("rl_reservation_waits_total", "Reservations that waited for memory")
+        .add(waits);
+    if (m_served.live() != nullptr)
+        families.counter("rl_reservations_refused_total", "Writes without memory for the index")
+            .add(m_served.live()->refused());
     families.counter("rl_lock_waits_total", "Requests that queued for an index's locks")
         .add(LocatorGate::waits());
 }

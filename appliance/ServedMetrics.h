@@ -3,25 +3,22 @@
 // Everything is read when it is asked for: counters that the data path bumps, and what the mirror,
 // its journal, indexes, pools and jobs say of themselves. Names and meanings are in the manual.
 //
-// Thread safety: Collect() and text() from any thread, while all that is watched is there.
+// Thread safety: text() from any thread, while all that is watched is there.
 #pragma once
 
-#include <prometheus/collectable.h>
 #include <string>
 
 #include "appliance/ApplyLag.h"
 #include "appliance/MetricFamilies.h"
 #include "appliance/ServedMirror.h"
 
-class ServedMetrics : public prometheus::Collectable
+class ServedMetrics
 {
 public:
     // jobs, lag: null for a mirror that is served read-only. All outlive it.
     ServedMetrics(ServedMirror& served, const MirrorJobs* jobs, const ApplyLag* lag)
         : m_served(served), m_jobs(jobs), m_lag(lag)
     {}
-
-    std::vector<prometheus::MetricFamily> Collect() const override;
 
     // All of them in the text format, without times.
     std::string text() const;

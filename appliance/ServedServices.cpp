@@ -55,8 +55,10 @@ Result ServedServices::startMetrics()
         if (Result result = m_metricsFile->start(); !result.ok())
             return result;
     }
-    return options.m_metricsHttp.empty() ? Result()
-                                         : m_metricsHttp.start(options.m_metricsHttp, m_metrics);
+    return options.m_metricsHttp.empty()
+               ? Result()
+               : m_metricsHttp.start(options.m_metricsHttp,
+                                     [metrics = m_metrics] { return metrics->text(); });
 }
 
 Result ServedServices::start(FlowControl& starting)

@@ -9,8 +9,6 @@ const u64 TOKENS_PER_INSERT =
 
 } // namespace
 
-std::atomic<u64> TokenReserve::s_refused{0};
-
 TokenReserve::TokenReserve(RegionLocator& locator)
     : m_locator(locator), m_voucher(locator.getMemPool()->createVoucher())
 {}
@@ -39,10 +37,7 @@ RcStatus TokenReserve::prepare(u64 insertions)
     release();
     if (tokens < BATCH_TOKENS && fill(BATCH_TOKENS) == RC_SUCCESS)
         return RC_SUCCESS;
-    const RcStatus rc = fill(tokens);
-    if (rc != RC_SUCCESS)
-        s_refused.fetch_add(1, std::memory_order_relaxed);
-    return rc;
+    return fill(tokens);
 }
 
 void TokenReserve::insert(const SubRegionDescriptor& region)

@@ -5,8 +5,6 @@
 // Invariants: the voucher has at least as many tokens as are counted as left.
 #pragma once
 
-#include <atomic>
-
 #include "RegionLocator/RegionLocator.h"
 
 class TokenReserve
@@ -28,12 +26,7 @@ public:
     // Gives back what is reserved, until it is asked for again.
     void release();
 
-    // How often there was no memory, anywhere in the process.
-    static u64 refused() { return s_refused.load(std::memory_order_relaxed); }
-
 private:
-    static std::atomic<u64> s_refused;
-
     RcStatus fill(u64 tokens);
 
     RegionLocator& m_locator;

@@ -158,10 +158,15 @@ void PoolCore::waitOrTimeOut(u64 number, PoolActions& actions)
     {
         MutexGuard lock(m_mutex);
         const auto waiter = m_waiters.find(number);
-        if (waiter == m_waiters.end() || waiter->second.m_request.m_deadlineMs == Clock::NEVER)
+        if (waiter == m_waiters.end())
             return;
         const u64 deadlineMs = waiter->second.m_request.m_deadlineMs;
-        if (!Clock::isDue(deadlineMs)) {
+        const bool waits = !Clock::isDue(deadlineMs);
+        if (waits)
+            waiter->second.m_request.m_mmi->addWait();
+        if (deadlineMs == Clock::NEVER)
+            return;
+        if (waits) {
             waiter->second.m_clock = Clock::instance();
             waiter->second.m_timer = waiter->second.m_clock->schedule(
                 deadlineMs, [self = shared_from_this(), number] { self->deadlineCame(number); });

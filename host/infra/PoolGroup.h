@@ -25,6 +25,8 @@ public:
     PoolCore& getPool() const { return m_pool; }
 
     u64 getUsedChunks() const { return m_usedChunks.load(std::memory_order_relaxed); }
+    // Fills that could not be served at once and waited, so far.
+    u64 getWaits() const { return m_waits.load(std::memory_order_relaxed); }
     u32 getPendingRequests() const { return m_pendingRequests.load(std::memory_order_relaxed); }
 
 private:
@@ -39,9 +41,11 @@ private:
     {
         m_pendingRequests.store(getPendingRequests() + requests, std::memory_order_relaxed);
     }
+    void addWait() { m_waits.store(getWaits() + 1, std::memory_order_relaxed); }
 
     const std::string m_name;
     PoolCore& m_pool;
     std::atomic<u64> m_usedChunks{0};
     std::atomic<u32> m_pendingRequests{0};
+    std::atomic<u64> m_waits{0};
 };

@@ -244,6 +244,7 @@ TEST_F(LiveVolumeTest, WithoutMemoryWritesAreRefusedAndReadingGoesOn)
         EXPECT_EQ(readLive(), image);
         EXPECT_EQ(m_live->locator().getItemCount(), m_mirror->journal().itemCount())
             << "what was refused is in neither";
+        EXPECT_EQ(m_live->refused(), refused);
         m_live.reset();
         m_mirror.reset();
         m_images.back() = image;

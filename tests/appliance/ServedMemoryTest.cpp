@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "appliance/ControlClient.h"
+#include "appliance/ServedServices.h"
 #include "tests/appliance/ServedFixture.h"
 #include "tests/support/LimitedMemory.h"
 
@@ -86,6 +87,42 @@ TEST_F(ServedMemoryTest, StatisticsAreBuiltWithinTheViewsBudget)
     EXPECT_EQ(result["regions"], 3000);
     EXPECT_EQ(m_served->views().report().m_bytes, 0u);
     EXPECT_EQ(m_served->views().report().m_views, 0u);
+}
+
+TEST_F(ServedMemoryTest, ReservationsThatWaitAreCounted)
+{
+    makeMirrorOf(1);
+    const LimitedMemory limited(16 << 10, 1 << 20);
+    serve();
+    const auto value = [&](const std::string& name) {
+        const std::string text = m_served->services().metrics().text();
+        const size_t at = text.find("\n" + name + "{");
+        return at == std::string::npos ? -1 : std::stod(text.substr(text.find("} ", at) + 2));
+    };
+    const double waitsBefore = value("rl_reservation_waits_total");
+    EXPECT_GE(waitsBefore, 0);
+    const auto expect = [&](double waiting, double waits) {
+        EXPECT_EQ(value("rl_reservations_waiting"), waiting);
+        EXPECT_EQ(value("rl_reservation_waits_total"), waitsBefore + waits);
+    };
+    MemoryPoolImpl* pool = LimitedMemory::pool();
+    ModuleMemoryInformation* group = pool->getMmi("View_reads");
+    constexpr u32 BYTES = 700 << 10;
+    ScatteredBuf first;
+    ScatteredBuf second;
+    ScatteredBuf third;
+    ASSERT_EQ(pool->fillBufFuture(0, &first, BYTES, group, this).get(), RC_SUCCESS);
+    expect(0, 0);
+    EXPECT_EQ(pool->fillBufFutureWithTimeout(0, &second, BYTES, group, 0, this).get(),
+              RC_TIMED_OUT);
+    expect(0, 0);
+    const FutureStatus waits = pool->fillBufFuture(0, &third, BYTES, group, this);
+    expect(1, 1);
+    first.deleteContent();
+    EXPECT_EQ(waits.get(), RC_SUCCESS);
+    expect(0, 1);
+    third.deleteContent();
+    stopServing();
 }
 
 } // namespace

@@ -25,18 +25,20 @@ using namespace std::chrono_literals;
 using Samples = std::map<std::string, double>; // by name and labels
 
 // Reads the text as strictly as its readers may: each family has its help, its type and then its
-// samples, once; no sample has a time.
+// samples, once; no sample has a time, and each says first of which mirror it is. That label is
+// left out of what comes back.
 Samples parsed(const std::string& text)
 {
     static const std::regex HELP("# HELP (rl_[a-z_]+) .+");
     static const std::regex TYPE("# TYPE (rl_[a-z_]+) (counter|gauge)");
     static const std::regex SAMPLE(
-        R"re((rl_[a-z_]+)(\{[a-z]+="[^"\\]*"\})? (-?[0-9][0-9.e+-]*))re");
+        R"re((rl_[a-z_]+)\{volume="([0-9]+)"(,([a-z]+="[^"\\]*"))?\} (-?[0-9][0-9.e+-]*))re");
     Samples samples;
     std::map<std::string, u32> families;
     std::string helped;
     std::string family;
     std::string type;
+    std::string volume;
     EXPECT_TRUE(text.ends_with("\n"));
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
@@ -51,9 +53,13 @@ Samples parsed(const std::string& text)
             EXPECT_EQ(type == "counter", family.ends_with("_total")) << line;
         } else if (std::regex_match(line, match, SAMPLE)) {
             EXPECT_EQ(match[1], family) << line;
-            const std::string key = match[1].str() + match[2].str();
+            if (volume.empty())
+                volume = match[2];
+            EXPECT_EQ(match[2], volume) << line;
+            const std::string key =
+                match[1].str() + (match[4].matched ? "{" + match[4].str() + "}" : "");
             EXPECT_EQ(samples.count(key), 0u) << "twice: " << line;
-            samples[key] = std::stod(match[3]);
+            samples[key] = std::stod(match[5]);
         } else {
             ADD_FAILURE() << "not a line of metrics: " << line;
         }
@@ -79,7 +85,12 @@ TEST_F(ServedMetricsTest, NumbersAreThoseOfWhatWasDone)
     serve();
     Samples before = collect();
     EXPECT_TRUE(before.lower_bound("rl_build_info{version=")->first.starts_with("rl_build_info"));
+    const std::string volume = std::to_string(m_served->mirror().settings().m_id);
+    EXPECT_NE(m_served->services().metrics().text().find("\nrl_journal_items_total{volume=\"" +
+                                                         volume + "\"} 0\n"),
+              std::string::npos);
     EXPECT_EQ(before.at("rl_journal_items_total"), 0);
+    EXPECT_EQ(before.at("rl_overridden_ratio"), 0) << "nothing is overridden yet";
     EXPECT_EQ(before.count("rl_checkpoint_oldest_timestamp_seconds"), 0u);
     EXPECT_EQ(before.at("rl_trim_held{state=\"nothing\"}"), 1);
 
@@ -118,8 +129,9 @@ TEST_F(ServedMetricsTest, NumbersAreThoseOfWhatWasDone)
     EXPECT_GT(now.at("rl_pool_bytes{state=\"used\"}"), 0);
     for (const char* name :
          {"rl_merges_total", "rl_lock_waits_total", "rl_reservations_waiting",
-          "rl_reservations_refused_total", "rl_journal_limit_bytes",
-          "rl_pool_bytes{state=\"free\"}", "rl_job_last_success_timestamp_seconds{op=\"apply\"}",
+          "rl_reservations_refused_total", "rl_reservation_waits_total", "rl_diff_maps_bytes",
+          "rl_journal_limit_bytes", "rl_pool_bytes{state=\"free\"}",
+          "rl_job_last_success_timestamp_seconds{op=\"apply\"}",
           "rl_nbd_requests_total{op=\"read\"}", "rl_nbd_bytes_total{op=\"write\"}",
           "rl_nbd_errors_total{op=\"trim\"}", "rl_nbd_connections", "rl_views_bytes"})
         EXPECT_EQ(now.count(name), 1u) << name;
@@ -257,18 +269,33 @@ TEST_F(ServedMetricsTest, OverHttp)
     const int silent = socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_EQ(connect(silent, generic, size), 0);
     write(0, 1, 1);
-    const int client = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_EQ(connect(client, generic, size), 0);
-    const std::string request = "GET /metrics HTTP/1.0\r\nHost: x\r\n\r\n";
-    ASSERT_EQ(send(client, request.data(), request.size(), 0),
-              static_cast<ssize_t>(request.size()));
-    std::string answer;
-    char bytes[4096];
-    for (ssize_t count = 0; (count = recv(client, bytes, sizeof bytes, 0)) > 0;)
-        answer.append(bytes, static_cast<size_t>(count));
+    const auto get = [&](const std::string& path) {
+        const int client = socket(AF_INET, SOCK_STREAM, 0);
+        EXPECT_EQ(connect(client, generic, size), 0);
+        const std::string request = "GET " + path + " HTTP/1.0\r\nHost: x\r\n\r\n";
+        EXPECT_EQ(send(client, request.data(), request.size(), 0),
+                  static_cast<ssize_t>(request.size()));
+        std::string answer;
+        char bytes[4096];
+        for (ssize_t count = 0; (count = recv(client, bytes, sizeof bytes, 0)) > 0;)
+            answer.append(bytes, static_cast<size_t>(count));
+        close(client);
+        return answer;
+    };
+    const std::string answer = get("/metrics");
     EXPECT_NE(answer.find("200 OK"), std::string::npos);
-    EXPECT_NE(answer.find("\nrl_journal_items_total 1\n"), std::string::npos) << answer;
-    close(client);
+    // The very same families as in a file.
+    const size_t bodyAt = answer.find("\r\n\r\n");
+    ASSERT_NE(bodyAt, std::string::npos) << answer;
+    const Samples overHttp = parsed(answer.substr(bodyAt + 4));
+    EXPECT_EQ(overHttp.at("rl_journal_items_total"), 1);
+    std::vector<std::string> names[2];
+    for (const auto& [name, value] : overHttp)
+        names[0].push_back(name);
+    for (const auto& [name, value] : collect())
+        names[1].push_back(name);
+    EXPECT_EQ(names[0], names[1]);
+    EXPECT_NE(get("/elsewhere").find(" 404 "), std::string::npos);
     // A second server cannot have the same address.
     MetricsHttp second;
     EXPECT_EQ(second.start(where, nullptr).code(), ResultCode::Failed);

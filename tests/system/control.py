@@ -285,8 +285,8 @@ def test_garbage_on_the_socket_harms_nobody():
         check(test.exported("latest") == bytes(test.content), "the volume")
 
 
-def metrics(text):
-    """The samples by name and labels; the text is read as strictly as may be."""
+def metrics(text, volume):
+    """The samples by name and label, without the volume's; the text is read as strictly as may be."""
     samples, family = {}, None
     check(text.endswith("\n"), "the text has no end")
     for line in text.splitlines():
@@ -298,9 +298,11 @@ def metrics(text):
             check(name == family and kind in ("counter", "gauge"), line)
             check((kind == "counter") == name.endswith("_total"), line)
         else:
-            match = re.fullmatch(r'(rl_[a-z_]+)(\{[a-z]+="[^"]*"\})? ([-+.e0-9]+)', line)
+            match = re.fullmatch(r'(rl_[a-z_]+)\{volume="%d"(,[a-z]+="[^"]*")?\} ([-+.e0-9]+)' % volume,
+                                 line)
             check(match is not None and match.group(1) == family, "no sample: " + line)
-            samples[match.group(1) + (match.group(2) or "")] = float(match.group(3))
+            label = "{%s}" % match.group(2)[1:] if match.group(2) else ""
+            samples[match.group(1) + label] = float(match.group(3))
     return samples
 
 
@@ -313,10 +315,11 @@ def test_metrics_tell_what_was_done():
             test.client.flush()
             rlctl("checkpoint", test.mirror)
             rlctl("apply", test.mirror, "--to", "latest", "--yes")
+            volume = rlctl_json("info", test.mirror)["id"]
             until = time.monotonic() + 20
             while time.monotonic() < until:
                 with open(path, encoding="ascii") as file:
-                    seen = metrics(file.read())
+                    seen = metrics(file.read(), volume)
                 if seen["rl_journal_items_total"] == 10 and \
                         seen['rl_job_done_total{op="apply"}'] == 1:
                     break
