@@ -34,12 +34,12 @@ Result MirrorCommands::info(Arguments&, CommandControl&, JsonValue* result)
     const MirrorSettings settings = m_mirror.currentSettings();
     const RecoverableWindow window = m_mirror.window();
     const ApplyState applied = m_mirror.applyState();
-    std::vector<Hold> holds;
-    std::vector<UseInfo> uses;
-    if (Result listed = m_mirror.pins(&holds, &uses); !listed.ok())
+    TrimLimits limits;
+    TrimHolder holder;
+    if (Result listed = findTrimHolder(m_mirror, &limits, &holder); !listed.ok())
         return listed;
     const u64 used = m_mirror.journal().bytesUsed();
-    const std::string heldBy = findTrimHolder(applied, window, holds, uses).m_text;
+    const std::string& heldBy = holder.m_text;
     *result = JsonValue{{"mirror", m_mirror.folder()},
                         {"id", settings.m_id},
                         {"size_bytes", settings.m_sizeBytes},
@@ -58,8 +58,8 @@ Result MirrorCommands::info(Arguments&, CommandControl&, JsonValue* result)
                         {"applied_items", applied.m_items},
                         {"apply_toward_items", applied.m_towardItems},
                         {"trimmed_items", m_mirror.journal().begin().m_items},
-                        {"holds", toJson(holds)},
-                        {"uses", toJson(uses)},
+                        {"holds", toJson(limits.m_holds)},
+                        {"uses", toJson(limits.m_uses)},
                         {"trim_held_by", heldBy.empty() ? JsonValue(nullptr) : JsonValue(heldBy)},
                         {"recovery", m_mirror.report().m_text}};
     return Result();

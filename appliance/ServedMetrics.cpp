@@ -67,22 +67,19 @@ void ServedMetrics::addJournal(MetricFamilies& families) const
 
 void ServedMetrics::addTrimHolder(MetricFamilies& families) const
 {
-    Mirror& mirror = m_served.mirror();
-    std::vector<Hold> holds;
-    std::vector<UseInfo> uses;
+    TrimLimits limits;
+    TrimHolder holder;
     // Where it cannot be told, nothing is.
-    if (!mirror.pins(&holds, &uses).ok())
+    if (!findTrimHolder(m_served.mirror(), &limits, &holder).ok())
         return;
-    const TrimHolder::Kind kind =
-        findTrimHolder(mirror.applyState(), mirror.window(), holds, uses).m_kind;
-    const auto is = [&](TrimHolder::Kind one) { return u64{kind == one}; };
+    const auto is = [&](TrimHolder::Kind one) { return u64{holder.m_kind == one}; };
     families.gauge("rl_trim_held", "1 for what keeps the journal from being trimmed any further")
         .add("state", "nothing", is(TrimHolder::Kind::Nothing))
         .add("state", "use", is(TrimHolder::Kind::Use))
         .add("state", "hold", is(TrimHolder::Kind::Hold))
         .add("state", "target", is(TrimHolder::Kind::Target));
-    families.gauge("rl_holds", "Points that are held").add(u64{holds.size()});
-    families.gauge("rl_uses", "Points that somebody reads").add(u64{uses.size()});
+    families.gauge("rl_holds", "Points that are held").add(u64{limits.m_holds.size()});
+    families.gauge("rl_uses", "Points that somebody reads").add(u64{limits.m_uses.size()});
 }
 
 void ServedMetrics::addIndex(MetricFamilies& families) const

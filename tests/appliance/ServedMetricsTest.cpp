@@ -169,6 +169,24 @@ TEST_F(ServedMetricsTest, LagGoesWithApplyAndIsMeasuredAgainAtAStart)
     EXPECT_EQ(collect().at("rl_apply_lag_bytes"), 12 * 512);
 }
 
+TEST_F(ServedMetricsTest, AHoldBeforeAViewThatIsOpenHoldsTheTrim)
+{
+    makeMirror();
+    writeRandomly(1, 30);
+    Hold hold{"audit", 2, "item:2"};
+    ASSERT_TRUE(m_mirror->hold(&hold, nullptr).ok());
+    ASSERT_TRUE(m_mirror->close().ok());
+    serve();
+    ChosenPoint point;
+    point.m_items = 20;
+    ViewShelf::Lease lease;
+    ASSERT_TRUE(m_served->views().open(point, &lease).ok());
+    const Samples now = collect();
+    EXPECT_EQ(now.at("rl_uses"), 1);
+    EXPECT_EQ(now.at("rl_trim_held{state=\"hold\"}"), 1);
+    EXPECT_EQ(now.at("rl_trim_held{state=\"use\"}"), 0);
+}
+
 TEST_F(ServedMetricsTest, MeasuringTheLagCanBeStopped)
 {
     class Stops : public FlowControl
