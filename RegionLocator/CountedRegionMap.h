@@ -1,6 +1,7 @@
 // An ordered set of regions that knows how many view blocks they cover.
 #pragma once
 
+#include <iterator>
 #include <utility>
 
 #include "RegionLocator/RegionDescent.h"
@@ -87,6 +88,30 @@ public:
                 return at(node);
         }
         return lastAtOrBefore(offsetBlocks);
+    }
+
+    // The region after one of the map, and the one before it; the end for none. Where two touch,
+    // nothing lies between them, and the directory may know the other one.
+    const_iterator after(const_iterator place) const
+    {
+        if (m_directory.isOn()) {
+            const u64 end = place->m_viewOffsetBlocks + place->m_lengthBlocks;
+            RegionNode* const noted = m_directory.peek(end);
+            if (noted != nullptr && startOf(noted) == end && end > place->m_viewOffsetBlocks)
+                return at(noted);
+        }
+        return std::next(place);
+    }
+    const_iterator before(const_iterator place) const
+    {
+        if (m_directory.isOn()) {
+            const u64 start = place->m_viewOffsetBlocks;
+            RegionNode* const noted = m_directory.peek(start - 1);
+            if (noted != nullptr && startOf(noted) < start &&
+                startOf(noted) + regionOf(noted).m_lengthBlocks == start)
+                return at(noted);
+        }
+        return place == m_regionMap->begin() ? m_regionMap->cend() : std::prev(place);
     }
 
     // The first region whose first block is not below the argument's.

@@ -30,7 +30,8 @@ constexpr u64 ACCELERATE_DIRECTORY = 1;
 constexpr u64 ACCELERATE_FINGER = 2;
 constexpr u64 ACCELERATE_DESCENT = 4;
 constexpr u64 ACCELERATE_SCANS = 8;
-constexpr u64 ACCELERATE_ALL = 15;
+constexpr u64 ACCELERATE_LOCKS = 16;
+constexpr u64 ACCELERATE_ALL = 31;
 
 // Ranges shorter than that have so few regions that the walk waits for none of them long.
 constexpr u32 LEAST_WARMED_BLOCKS = 32;
@@ -467,7 +468,7 @@ void CountedRegionMap::setDirectoryBounds()
 RegionLocator::RegionLocator(u64 id, RegionLocatorMmiType mmiType)
     : MemWatchedContainer("RegionLocator", 40, 12), m_tweaks(*DynamicTweaks::instance()),
       m_immutable(false), m_memPool(id, mmiType), m_memAllocator(&m_memPool),
-      t_holdBackScans(false),
+      t_holdBackScans(false), t_lockInPlace(false),
       t_combineRegionsDuringRestore(
           Tweaks::uintVal("t_XelCombineRegionLocatorRegionsDuringRestore", 1) == 1)
 {
@@ -479,6 +480,7 @@ RegionLocator::RegionLocator(u64 id, RegionLocatorMmiType mmiType)
     m_lockWaiter = nullptr;
     const u64 accelerators = Tweaks::uintVal("t_RlAccelerators", ACCELERATE_ALL);
     t_holdBackScans = (accelerators & ACCELERATE_SCANS) != 0;
+    t_lockInPlace = (accelerators & ACCELERATE_LOCKS) != 0;
     const u64 fromRegions = Tweaks::uintVal("t_RlAcceleratorsFromRegions", LARGE_MAP_REGIONS);
     m_unlockedRegions->accelerate({(accelerators & ACCELERATE_DESCENT) != 0,
                                    (accelerators & ACCELERATE_DIRECTORY) != 0,
@@ -837,8 +839,7 @@ bool RegionLocator::insert(const SubRegionDescriptor& desc, RegionLocatorVoucher
     RL_TRACE(<< desc);
     HARD_CHECK(desc.m_lengthBlocks > 0);
     SOFT_CHECK(!m_immutable);
-    if (!m_lockedRegions->empty() &&
-        countIntersecting(m_lockedRegions, desc.m_viewOffsetBlocks, desc.m_lengthBlocks) > 0) {
+    if (isAnyLocked(desc.m_viewOffsetBlocks, desc.m_lengthBlocks)) {
         LogItem(LogModuleXel, InfoLevel, __PRETTY_FUNCTION__, 3)
             << "trying to insert to region locator when there are intersecting locked regions"
             << std::endl;
@@ -880,7 +881,7 @@ bool RegionLocator::holdBack(const SubRegionDescriptor& desc, RegionLocatorVouch
 {
     MutexGuard lock(m_mutex);
     settle();
-    if (!m_lockedRegions->empty() || m_immutable)
+    if (!isNothingLocked() || m_immutable)
         return false;
     m_heldBack.open(voucher);
     return m_heldBack.add(desc, voucher);
@@ -1150,7 +1151,9 @@ inline bool RegionLocator::combineInPlace(const SubRegionDescriptor& desc,
 {
     CountedRegionMap* const map = m_unlockedRegions;
     const auto& [left, right] = neighbors;
-    const bool isLeftNear = left != map->cend() && mayCombine(*left, desc);
+    // What is locked in place only looks like a neighbour.
+    const bool isLeftNear =
+        left != map->cend() && mayCombine(*left, desc) && !m_lockedInPlace.holds(left._M_node);
     // Nothing is read of the right one when the left one cannot change what is compared with it.
     if (!isLeftNear && (right == map->cend() || !mayCombine(desc, *right)))
         return false;
@@ -1158,7 +1161,8 @@ inline bool RegionLocator::combineInPlace(const SubRegionDescriptor& desc,
     const bool isLeftMerged = isLeftNear && canCombine(*left, merged);
     if (isLeftMerged)
         merged = combineR2L(*left, merged, "left merge");
-    const bool isRightMerged = right != map->cend() && canCombine(merged, *right);
+    const bool isRightMerged =
+        right != map->cend() && !m_lockedInPlace.holds(right._M_node) && canCombine(merged, *right);
     if (isRightMerged)
         merged = combineR2L(merged, *right, "right merge");
     if (!isLeftMerged && !isRightMerged)
@@ -1205,8 +1209,7 @@ RcStatus RegionLocator::lookup(AsyncTask* pAsyncTask, u64 a_viewOffsetBlocks, u3
     m_memPool.setActiveVoucher(voucher);
 
     if (a_lock) {
-        if (!m_lockedRegions->empty() &&
-            countIntersecting(m_lockedRegions, a_viewOffsetBlocks, a_lengthBlocks) > 0) {
+        if (isAnyLocked(a_viewOffsetBlocks, a_lengthBlocks)) {
             m_memPool.setActiveVoucher(nullptr);
             HARD_CHECK(m_lockWaiter == NULL);
             m_lockWaiter = SHIELD_NEW(RL_LockWaiter_lookup, this, a_viewOffsetBlocks,
@@ -1218,7 +1221,8 @@ RcStatus RegionLocator::lookup(AsyncTask* pAsyncTask, u64 a_viewOffsetBlocks, u3
             m_unlockedRegions, a_viewOffsetBlocks, a_lengthBlocks, a_subRegionsResult);
         if (!a_subRegionsResult->empty())
             m_unlockedRegions->warmAround(first);
-        lockRegions(*a_subRegionsResult, first);
+        if (!lockInPlace(*a_subRegionsResult, first))
+            lockRegions(*a_subRegionsResult, first);
         m_memPool.setActiveVoucher(nullptr);
         return RC_SUCCESS;
     }
@@ -1269,6 +1273,68 @@ void RegionLocator::lockRegions(const std::vector<SubRegionDescriptor>& a_region
     }
 }
 
+bool RegionLocator::lockInPlace(const std::vector<SubRegionDescriptor>& a_regions,
+                                RegionMap::const_iterator iter)
+{
+    if (!t_lockInPlace || !m_unlockedRegions->isLarge() || m_immutable ||
+        !m_lockedInPlace.hasRoom(a_regions.size()) || checksChanges())
+        return false;
+    const u32 before = m_lockedInPlace.size();
+    for (size_t i = 0; i < a_regions.size(); ++i) {
+        if (i > 0)
+            iter = m_unlockedRegions->after(iter);
+        if (!isSameRegion(*iter, a_regions[i])) {
+            m_lockedInPlace.shrinkTo(before);
+            return false;
+        }
+        m_lockedInPlace.add(iter._M_node);
+    }
+    return true;
+}
+
+bool RegionLocator::unlockInPlace(const std::vector<SubRegionDescriptor>& a_regions, bool bRestore)
+{
+    if (a_regions.size() > m_lockedInPlace.size() || checksChanges())
+        return false;
+    u32 places[LockedInPlace::MOST];
+    u64 seen = 0;
+    for (size_t i = 0; i < a_regions.size(); ++i) {
+        places[i] =
+            m_lockedInPlace.find(a_regions[i].m_viewOffsetBlocks, i == 0 ? 0 : places[i - 1] + 1);
+        if (places[i] == LockedInPlace::MOST || (seen >> places[i] & 1) != 0 ||
+            !isSameRegion(regionOf(m_lockedInPlace.at(places[i])), a_regions[i]))
+            return false;
+        seen |= u64{1} << places[i];
+    }
+    for (size_t i = 0; i < a_regions.size(); ++i) {
+        const RegionMap::const_iterator place(m_lockedInPlace.at(places[i]));
+        m_lockedInPlace.release(places[i]);
+        if (!bRestore) {
+            m_unlockedRegions->erase(place);
+        } else if (t_combineRegionsDuringRestore) {
+            const Neighbors neighbors{m_unlockedRegions->before(place),
+                                      m_unlockedRegions->after(place)};
+            RegionMap::const_iterator merged = place;
+            if (combineInPlace(a_regions[i], neighbors, &merged))
+                m_unlockedRegions->erase(place);
+        }
+    }
+    m_lockedInPlace.tidy();
+    return true;
+}
+
+void RegionLocator::moveLocked()
+{
+    for (u32 i = 0; i < m_lockedInPlace.size(); ++i) {
+        const RegionMap::const_iterator place(m_lockedInPlace.at(i));
+        const bool rc =
+            m_unlockedRegions->moveTo(*m_lockedRegions, placeAfter(m_lockedRegions, *place), place)
+                .second;
+        HARD_CHECK(rc);
+    }
+    m_lockedInPlace.shrinkTo(0);
+}
+
 std::vector<SubRegionDescriptor> RegionLocator::resumeLookup(u64 a_offsetBlocks, u32 a_lengthBlocks)
 {
     // The locked map is not looked at again: the unlock that resumes has made sure it is empty.
@@ -1315,17 +1381,20 @@ void RegionLocator::unlockRegions(std::vector<SubRegionDescriptor>& a_regions, b
     RL_TRACE(<< " a_regions[0]=" << a_regions[0] << " "
              << " a_regions.size()=" << a_regions.size() << " ");
     m_memPool.setActiveVoucher(a_voucher);
-    HARD_CHECK(m_lockedRegions->size() > 0);
-    const RegionMap::const_iterator first =
-        m_lockedRegions->lastAtOrBefore(a_regions[0].m_viewOffsetBlocks, m_lockedRegions->cbegin());
-    if (bRestore && a_regions.size() == 1 && t_combineRegionsDuringRestore &&
-        !a_regions[0].isCscan() && isSameRegion(*first, a_regions[0]) && !checksChanges()) {
-        const bool rc = restoreNode(first);
-        SOFT_CHECK(rc, << "failed to re-insert locked segment to region locator");
-    } else {
-        punchOutRegions(m_lockedRegions, a_regions, first);
-        if (bRestore)
-            restoreRegions(a_regions);
+    if (!unlockInPlace(a_regions, bRestore)) {
+        settleAll();
+        HARD_CHECK(m_lockedRegions->size() > 0);
+        const RegionMap::const_iterator first = m_lockedRegions->lastAtOrBefore(
+            a_regions[0].m_viewOffsetBlocks, m_lockedRegions->cbegin());
+        if (bRestore && a_regions.size() == 1 && t_combineRegionsDuringRestore &&
+            !a_regions[0].isCscan() && isSameRegion(*first, a_regions[0]) && !checksChanges()) {
+            const bool rc = restoreNode(first);
+            SOFT_CHECK(rc, << "failed to re-insert locked segment to region locator");
+        } else {
+            punchOutRegions(m_lockedRegions, a_regions, first);
+            if (bRestore)
+                restoreRegions(a_regions);
+        }
     }
     m_memPool.setActiveVoucher(nullptr);
     noteSize();
@@ -1333,7 +1402,7 @@ void RegionLocator::unlockRegions(std::vector<SubRegionDescriptor>& a_regions, b
     if (m_lockWaiter == nullptr)
         return;
     // Woken only when nothing at all is locked: so the waiter need not look for locks again.
-    if (!m_lockedRegions->empty()) {
+    if (!isNothingLocked()) {
         RL_TRACE(<< "There are locked regions. Not resuming lock waiter");
         return;
     }
@@ -1370,7 +1439,7 @@ RegionLocator::getFirstAndLockInternal(AsyncTask* pAsyncTask, u32 a_maxBlocks, u
                                        RegionLocatorVoucher* a_voucher)
 {
     MutexGuard lock(m_mutex);
-    settle();
+    settleAll();
     SOFT_CHECK(!m_immutable);
     a_subRegionsResult->clear();
     if (m_unlockedRegions->empty() && m_lockedRegions->empty())
@@ -1458,7 +1527,7 @@ void RegionLocator::remove(u64 a_viewOffsetBlocks, u32 a_lengthBlocks,
                            RegionLocatorVoucher* voucher)
 {
     MutexGuard lock(m_mutex);
-    settle();
+    settleAll();
     SOFT_CHECK(!m_immutable);
     m_memPool.setActiveVoucher(voucher);
     HARD_CHECK(m_lockedRegions->empty());
@@ -1470,7 +1539,7 @@ void RegionLocator::remove(u64 a_viewOffsetBlocks, u32 a_lengthBlocks,
 void RegionLocator::remove(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
 {
     MutexGuard lock(m_mutex);
-    settle();
+    settleAll();
     SOFT_CHECK(!m_immutable);
     m_memPool.setActiveVoucher(voucher);
     HARD_CHECK(m_lockedRegions->empty());
@@ -1492,7 +1561,7 @@ RcStatus RegionLocator::lockAndRemove(AsyncTask* pAsyncTask, const SubRegionDesc
     RL_TRACE(<< " desc=" << desc);
     SOFT_CHECK(desc.m_fifoOffsetOfIoStartBlocks != SFS_DEV_ADDR_INVALID, << "invalid fifo offset");
     MutexGuard lock(m_mutex);
-    settle();
+    settleAll();
     SOFT_CHECK(!m_immutable);
     m_memPool.setActiveVoucher(voucher);
     // Locked pieces of other IOs in the same view range do not matter.
@@ -1544,7 +1613,7 @@ u64 RegionLocator::getFirstOffest()
 RegionMap::const_iterator RegionLocator::getConstBeginIterator()
 {
     MutexGuard lock(m_mutex);
-    settle();
+    settleAll();
     m_immutable = true;
     return m_unlockedRegions->cbegin();
 }
@@ -1552,7 +1621,7 @@ RegionMap::const_iterator RegionLocator::getConstBeginIterator()
 RegionMap::const_iterator RegionLocator::getConstEndIterator()
 {
     MutexGuard lock(m_mutex);
-    settle();
+    settleAll();
     m_immutable = true;
     return m_unlockedRegions->cend();
 }
@@ -1606,7 +1675,7 @@ u64 RegionLocator::getAcceleratorBytes()
 void RegionLocator::printStatistics(const std::string& prefix)
 {
     MutexGuard lock(m_mutex);
-    settle();
+    settleAll();
     // In single precision: the line is for people, and programs have compared its numbers for long.
     const auto quotient = [](u64 a, u64 b) {
         return static_cast<float>(a) / static_cast<float>(b);

@@ -16,6 +16,7 @@
 
 #include "RegionLocator/CountedRegionMap.h"
 #include "RegionLocator/HeldBackInserts.h"
+#include "RegionLocator/LockedInPlace.h"
 #include "RegionLocator/RL_LockWaiter.h"
 #include "RegionLocator/RegionLocatorCounters.h"
 #include "RegionLocator/RegionLocatorMemPool.h"
@@ -59,10 +60,11 @@ class RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly;
 //
 // Speed: on a large index an operation mostly waits for memory. What shortens that lies beside the
 // maps and never decides anything: a directory and a finger (RegionDirectory.h, RegionFinger.h), a
-// descent of its own (RegionDescent.h), and the items of a scan that are made together
-// (HeldBackInserts.h). The tweak t_RlAccelerators has a bit for each, in that order, and
-// t_RlAcceleratorsFromRegions the size from which on the directory is used; scans' batches are from
-// 256 regions on, or from that size if it is smaller.
+// descent of its own (RegionDescent.h), the items of a scan that are made together
+// (HeldBackInserts.h), and locks that move no node (LockedInPlace.h). The tweak t_RlAccelerators
+// has a bit for each, in that order, and t_RlAcceleratorsFromRegions the size from which on the
+// directory is used and locks move no node; scans' batches are from 256 regions on, or from that
+// size if it is smaller.
 class RegionLocator : public MemWatchedContainer, private RegionLocatorMemPool::UpkeepListener
 {
 public:
@@ -287,6 +289,26 @@ private:
     // Begins to hold back a scan's items, with this one; false where that is not allowed now.
     bool holdBack(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
         RL_EXCLUDES(m_mutex);
+    // The same, and moves what is locked in place, if anything is: for an operation that looks at
+    // the locked map, or changes what may be locked.
+    void settleAll() RL_REQUIRES(m_mutex)
+    {
+        settle();
+        if (!m_lockedInPlace.empty())
+            moveLocked();
+    }
+    void moveLocked() RL_REQUIRES(m_mutex);
+    bool isNothingLocked() const RL_REQUIRES(m_mutex)
+    {
+        return m_lockedRegions->empty() && m_lockedInPlace.empty();
+    }
+    bool isAnyLocked(u64 offsetBlocks, u32 lengthBlocks) const RL_REQUIRES(m_mutex)
+    {
+        return (!m_lockedInPlace.empty() &&
+                m_lockedInPlace.intersects(offsetBlocks, lengthBlocks)) ||
+               (!m_lockedRegions->empty() &&
+                countIntersecting(m_lockedRegions, offsetBlocks, lengthBlocks) > 0);
+    }
     // Cut the blocks of each element, a piece of a stored region, out of the map. hint: where the
     // first one may lie; the map's end for anywhere.
     void punchOutRegions(CountedRegionMap* a_regionMap,
@@ -338,6 +360,13 @@ private:
                        RegionLocatorVoucher* a_voucher);
     void restoreRegions(const std::vector<SubRegionDescriptor>& a_regions) RL_REQUIRES(m_mutex);
     bool restoreNode(RegionMap::const_iterator locked) RL_REQUIRES(m_mutex);
+    // Locks regions in place, of which `iter` is the first one; false when they are not all to be
+    // locked so, and nothing has changed.
+    bool lockInPlace(const std::vector<SubRegionDescriptor>& a_regions,
+                     RegionMap::const_iterator iter) RL_REQUIRES(m_mutex);
+    // Gives them back; false when they are not all locked so, and nothing has changed.
+    bool unlockInPlace(const std::vector<SubRegionDescriptor>& a_regions, bool bRestore)
+        RL_REQUIRES(m_mutex);
     std::vector<SubRegionDescriptor> resumeLookup(u64 a_offsetBlocks, u32 a_lengthBlocks)
         RL_REQUIRES(m_mutex);
 
@@ -385,8 +414,10 @@ private:
     RL_LockWaiter* m_lockWaiter RL_GUARDED_BY(m_mutex);
     RegionLocatorCounters m_counters RL_GUARDED_BY(m_mutex);
     HeldBackInserts m_heldBack;
+    LockedInPlace m_lockedInPlace RL_GUARDED_BY(m_mutex);
     std::atomic<bool> m_isHoldingBack{false}; // as of lately; for a look without the mutex
     bool t_holdBackScans;
+    bool t_lockInPlace;
     bool t_combineRegionsDuringRestore;
     RegionLocatorMetaDataContainer_Insert* m_insertContainer;
     RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly* m_insertAllButRemoveMdOnlyContainer;

@@ -9,7 +9,8 @@ constexpr u64 DIRECTORY = 1;
 constexpr u64 FINGER = 2;
 constexpr u64 DESCENT = 4;
 constexpr u64 SCANS = 8;
-constexpr u64 ALL = DIRECTORY | FINGER | DESCENT | SCANS;
+constexpr u64 LOCKS = 16;
+constexpr u64 ALL = DIRECTORY | FINGER | DESCENT | SCANS | LOCKS;
 
 template <u64 ACCELERATORS> std::unique_ptr<Contender> make()
 {
@@ -26,6 +27,7 @@ const std::vector<ContenderKind>& contenderKinds()
         {"ours-no-finger", make<ALL - FINGER>, false, true},
         {"ours-no-descent", make<ALL - DESCENT>, false, true},
         {"ours-no-batch", make<ALL - SCANS>, false, true},
+        {"ours-no-inplace", make<ALL - LOCKS>, false, true},
         {"ours-plain", make<0>},
 #ifdef RL_BENCH_ABSL
         {"absl", makeAbslContender},

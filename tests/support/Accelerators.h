@@ -12,7 +12,8 @@ public:
     static constexpr u64 FINGER = 2;
     static constexpr u64 DESCENT = 4;
     static constexpr u64 SCANS = 8;
-    static constexpr u64 ALL = 15;
+    static constexpr u64 LOCKS = 16;
+    static constexpr u64 ALL = 31;
     static constexpr u64 NONE = 0;
 
     explicit Accelerators(u64 which, u64 fromRegions = 1)

@@ -42,11 +42,6 @@ SfsDiskMetaItem toItem(const BlockOracle::Write& write)
     return item;
 }
 
-std::vector<SubRegionDescriptor> contents(const CountedRegionMap& map)
-{
-    return {map.begin(), map.end()};
-}
-
 u64 sumOfLengths(const CountedRegionMap& map)
 {
     u64 sum = 0;
@@ -368,10 +363,11 @@ void LocatorModel::failToFill()
 
 void LocatorModel::verify()
 {
-    const CountedRegionMap& unlocked = *RegionLocatorTestAccess::unlocked(*m_locator);
-    const CountedRegionMap& locked = *RegionLocatorTestAccess::locked(*m_locator);
-    const Regions unlockedRegions = contents(unlocked);
-    const Regions lockedRegions = contents(locked);
+    // Nothing here has what is locked in place moved.
+    const CountedRegionMap& unlocked = *RegionLocatorTestAccess::unlockedMap(*m_locator);
+    const CountedRegionMap& locked = *RegionLocatorTestAccess::lockedMap(*m_locator);
+    const Regions unlockedRegions = RegionLocatorTestAccess::regions(*m_locator, false);
+    const Regions lockedRegions = RegionLocatorTestAccess::regions(*m_locator, true);
     requireEqual(m_oracle.regions(false), unlockedRegions, "unlocked map");
     requireEqual(m_oracle.regions(true), lockedRegions, "locked map");
     require(unlocked.sizeLb() == sumOfLengths(unlocked), "the unlocked map's total is wrong");

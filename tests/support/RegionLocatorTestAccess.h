@@ -5,6 +5,7 @@
 // (VoucherGuard.h) provides.
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
@@ -22,19 +23,46 @@ public:
     {
         return locator.m_mutex;
     }
-    // What is held back is inserted first.
+    // What is held back is inserted first, and what is locked in place moved.
     static CountedRegionMap* unlocked(RegionLocator& locator)
     {
-        if (heldBack(locator) != 0)
-            locator.settleScan();
+        settle(locator);
         return locator.m_unlockedRegions;
+    }
+    static CountedRegionMap* locked(RegionLocator& locator)
+    {
+        settle(locator);
+        return locator.m_lockedRegions;
+    }
+    // The maps as they are, and what they stand for.
+    static CountedRegionMap* unlockedMap(RegionLocator& locator)
+    {
+        return locator.m_unlockedRegions;
+    }
+    static CountedRegionMap* lockedMap(RegionLocator& locator) { return locator.m_lockedRegions; }
+    static std::vector<SubRegionDescriptor> regions(RegionLocator& locator, bool isLocked)
+    {
+        MutexGuard lock(locator.m_mutex);
+        std::vector<SubRegionDescriptor> regions;
+        if (isLocked)
+            regions.assign(locator.m_lockedRegions->begin(), locator.m_lockedRegions->end());
+        for (auto place = locator.m_unlockedRegions->begin();
+             place != locator.m_unlockedRegions->end(); ++place)
+            if (locator.m_lockedInPlace.holds(place._M_node) == isLocked)
+                regions.push_back(*place);
+        std::sort(regions.begin(), regions.end());
+        return regions;
+    }
+    // Regions that are locked in place now. For tests of one thread.
+    static u32 lockedInPlace(RegionLocator& locator) RL_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return locator.m_lockedInPlace.size();
     }
     // Inserts that are held back now. For tests of one thread.
     static u32 heldBack(RegionLocator& locator) RL_NO_THREAD_SAFETY_ANALYSIS
     {
         return locator.m_heldBack.size();
     }
-    static CountedRegionMap* locked(RegionLocator& locator) { return locator.m_lockedRegions; }
     static bool immutable(RegionLocator& locator)
     {
         MutexGuard lock(locator.m_mutex);
@@ -200,5 +228,14 @@ public:
     template <class T> static RegionLocatorMemPool* pool(const RlAllocator<T>& allocator)
     {
         return allocator.m_mem;
+    }
+
+private:
+    static void settle(RegionLocator& locator)
+    {
+        if (heldBack(locator) == 0 && lockedInPlace(locator) == 0)
+            return;
+        MutexGuard lock(locator.m_mutex);
+        locator.settleAll();
     }
 };
