@@ -157,9 +157,34 @@ public:
     void locate(const SubRegionDescriptor* regions, u32 count, RegionNode** located) const;
     // The same for taking out, and putting back, the region at this place.
     void warmAround(const_iterator place) const;
-    // Brings the next regions of a walk that is at `next` and goes on to endBlocks into the cache,
-    // and returns up to where; the walk asks again there.
-    u64 warmWalk(const_iterator next, u64 endBlocks) const;
+    // Keeps the regions that a walk comes to next on their way to the cache.
+    class Warmer
+    {
+    public:
+        // For a walk through a range; to be made before its first search, so that the two wait at
+        // the same time.
+        Warmer(const CountedRegionMap& map, u64 firstBlocks, u64 endBlocks) : m_map(map)
+        {
+            if (endBlocks - firstBlocks >= map.m_leastWarmedBlocks)
+                begin(firstBlocks, endBlocks);
+        }
+        // The walk is at a region that starts there, and ends at endBlocks at the latest.
+        void reached(u64 startBlocks, u64 endBlocks)
+        {
+            if (startBlocks >= m_nextBlocks)
+                goOn(startBlocks, endBlocks);
+        }
+
+    private:
+        void begin(u64 firstBlocks, u64 endBlocks);
+        void goOn(u64 startBlocks, u64 endBlocks);
+
+        const CountedRegionMap& m_map;
+        u64 m_nextBlocks = ~u64{0}; // from where on more is to be asked for
+        u64 m_warmedBlocks = 0;     // and from where on nothing has been yet
+        u64 m_stepBlocks = 0;
+        bool m_isNoted = false; // whether the directory names the nodes
+    };
 
     // Slots that the directory should have, and whether that is likely another number than it has.
     u64 wantedDirectorySlots() const;
@@ -186,6 +211,8 @@ private:
     {
         return m_accelerators.m_fromRegions - m_accelerators.m_fromRegions / 4;
     }
+    static constexpr u64 LEAST_WARMED_BLOCKS = 32;
+
     void added(const_iterator place);
     void leaving(const_iterator place);
     void erasing(const_iterator place);
@@ -199,4 +226,6 @@ private:
     // Sizes from m_directoryLeast on, that many more, for which the directory is as it should be.
     size_t m_directoryLeast = 0;
     size_t m_directorySpan = ~size_t{0};
+    // Shorter ranges have too few regions for a walk to wait long for any.
+    u64 m_leastWarmedBlocks = LEAST_WARMED_BLOCKS;
 };

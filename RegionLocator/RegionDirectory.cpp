@@ -62,6 +62,22 @@ u64 RegionDirectory::wantedSlots(u64 regions, u64 slots)
     return std::min(std::bit_ceil(regions), MOST_SLOTS);
 }
 
+void RegionDirectory::warmRange(u64 firstBlocks, u64 endBlocks) const
+{
+    u64 granule = firstBlocks >> m_shift;
+    u64 left = endBlocks <= firstBlocks ? 0 : ((endBlocks - 1) >> m_shift) - granule + 1;
+    while (left > 0) {
+        // Slots lie side by side as far as a lap and a piece of memory go.
+        const u64 slot = slotOf(granule);
+        const u64 count = std::min({left, m_memory.run(slot), slots() - (granule & m_slotMask)});
+        RegionNode* const* const first = &m_memory.at(slot);
+        for (u64 i = 0; i < count; ++i)
+            prefetch(first[i]);
+        granule += count;
+        left -= count;
+    }
+}
+
 void RegionDirectory::forgetAll()
 {
     for (u64 slot = 0; slot < slots(); ++slot)

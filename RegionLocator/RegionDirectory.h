@@ -19,6 +19,7 @@
 // within an operation on the map; without it the directory stays as it is.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <vector>
 
@@ -42,8 +43,14 @@ public:
     u64 bytes() const { return m_buf.getSize(); }
     void swap(RegionDirectoryMemory& other);
 
+    // How many slots follow this one in the same piece of memory, itself with them.
+    u64 run(u64 slot) const { return std::min(m_slots, m_pieceMask + 1) - (slot & m_pieceMask); }
+
     RegionNode*& at(u64 slot) { return m_pieces[slot >> m_pieceShift][slot & m_pieceMask]; }
-    RegionNode* at(u64 slot) const { return m_pieces[slot >> m_pieceShift][slot & m_pieceMask]; }
+    RegionNode* const& at(u64 slot) const
+    {
+        return m_pieces[slot >> m_pieceShift][slot & m_pieceMask];
+    }
 
 private:
     ScatteredBuf m_buf;
@@ -92,12 +99,21 @@ public:
     }
     void warm(u64 offsetBlocks) { prefetch(&m_memory.at(slotOf(offsetBlocks >> m_shift))); }
 
-    // Asks for the nodes noted for a range, and for those of the granules on both sides of a block.
-    void warmRange(u64 firstBlocks, u64 endBlocks) const
+    // The node of a region that reaches over the block and starts in a granule shortly before the
+    // block's own; null when none is known. REQUIRES: isOn().
+    RegionNode* reaching(u64 offsetBlocks) const
     {
-        for (u64 granule = firstBlocks >> m_shift; granule << m_shift < endBlocks; ++granule)
-            prefetch(m_memory.at(slotOf(granule)));
+        const u64 granule = offsetBlocks >> m_shift;
+        for (u64 back = 1; back <= std::min(GRANULES_BACK, granule); ++back) {
+            RegionNode* const noted = m_memory.at(slotOf(granule - back));
+            if (noted != nullptr && offsetBlocks - startOf(noted) < regionOf(noted).m_lengthBlocks)
+                return noted;
+        }
+        return nullptr;
     }
+
+    // Asks for the nodes noted for a range, and for those of the granules on both sides of a block.
+    void warmRange(u64 firstBlocks, u64 endBlocks) const;
     void warmNeighbors(u64 offsetBlocks) const
     {
         const u64 granule = offsetBlocks >> m_shift;
@@ -106,6 +122,8 @@ public:
     }
 
     u64 granuleBlocks() const { return u64{1} << m_shift; }
+    // How far before a block the regions are looked for that reach it.
+    u64 reachBlocks() const { return GRANULES_BACK << m_shift; }
 
     // The node is in the map and starts there. Both do nothing while the directory is off.
     void note(RegionNode* node, u64 startBlocks)

@@ -33,9 +33,6 @@ constexpr u64 ACCELERATE_SCANS = 8;
 constexpr u64 ACCELERATE_LOCKS = 16;
 constexpr u64 ACCELERATE_ALL = 31;
 
-// Ranges shorter than that have so few regions that the walk waits for none of them long.
-constexpr u32 LEAST_WARMED_BLOCKS = 32;
-
 // Below, a directory would be dear: the process-wide pool gives it 256 KiB at least, which is not
 // to be more than 24 bytes a region. A descent waits for the caches from there on, if not for
 // memory.
@@ -295,6 +292,10 @@ void CountedRegionMap::clear()
 
 CountedRegionMap::const_iterator CountedRegionMap::search(u64 offsetBlocks, RegionNode* noted) const
 {
+    if (m_directory.isOn()) {
+        if (RegionNode* const node = m_directory.reaching(offsetBlocks); node != nullptr)
+            return at(node);
+    }
     if (RegionNode* const node = nearby(offsetBlocks, noted); node != nullptr)
         return at(node);
     RegionNode* found;
@@ -410,24 +411,48 @@ void CountedRegionMap::warmAround(const_iterator place) const
     prefetch(place._M_node->_M_right);
 }
 
-u64 CountedRegionMap::warmWalk(const_iterator next, u64 endBlocks) const
+// Regions that are on their way to the cache at a time: what the directory names is asked for just
+// ahead of the walk, as much as a processor can wait for; what is found by way of the tree, as long
+// before as it is surely in the cache still when the walk comes to it.
+void CountedRegionMap::Warmer::begin(u64 firstBlocks, u64 endBlocks)
 {
-    // As many regions as are surely in the cache still when the walk comes to them.
-    constexpr u64 REGIONS_AHEAD = 256;
+    constexpr u64 GRANULES_A_STEP = 16;
+    constexpr u64 REGIONS_A_STEP = 256;
     constexpr u64 FEW_REGIONS = 4;
-    if (!isLarge() || next == m_regionMap->end() || !m_accelerators.m_descent)
-        return endBlocks;
-    const u64 from = next->m_viewOffsetBlocks;
-    const u64 average = m_sizeLb / m_regionMap->size() + 1;
-    if (from >= endBlocks || endBlocks - from < FEW_REGIONS * average)
-        return endBlocks;
-    const u64 until = std::min(endBlocks, from + REGIONS_AHEAD * average);
-    // The directory names the nodes without a step down the tree, unless they are crowded.
-    if (m_directory.isOn() && m_directory.granuleBlocks() <= average)
-        m_directory.warmRange(from, until);
-    else
-        RegionDescent(*m_regionMap).warmRange(from, until);
-    return until;
+    if (!m_map.isLarge() || m_map.empty())
+        return;
+    const RegionDirectory& directory = m_map.m_directory;
+    // Unless regions are crowded there, the directory names most of them.
+    m_isNoted = directory.isOn() &&
+                directory.granuleBlocks() * m_map.size() <= m_map.m_sizeLb + m_map.size();
+    if (m_isNoted) {
+        m_stepBlocks = GRANULES_A_STEP * directory.granuleBlocks();
+        m_warmedBlocks = firstBlocks - std::min(firstBlocks, directory.reachBlocks());
+        const u64 untilBlocks = firstBlocks + 2 * m_stepBlocks;
+        directory.warmRange(m_warmedBlocks, std::min(untilBlocks, endBlocks));
+        m_warmedBlocks = untilBlocks;
+        m_nextBlocks = firstBlocks + m_stepBlocks;
+    } else if (m_map.m_accelerators.m_descent) {
+        const u64 average = m_map.m_sizeLb / m_map.size() + 1;
+        if (endBlocks - firstBlocks < FEW_REGIONS * average)
+            return;
+        m_stepBlocks = REGIONS_A_STEP * average;
+        m_nextBlocks = 0;
+    }
+}
+
+void CountedRegionMap::Warmer::goOn(u64 startBlocks, u64 endBlocks)
+{
+    if (m_isNoted) {
+        const u64 untilBlocks = startBlocks + 2 * m_stepBlocks;
+        m_map.m_directory.warmRange(std::max(m_warmedBlocks, startBlocks),
+                                    std::min(untilBlocks, endBlocks));
+        m_warmedBlocks = untilBlocks;
+    } else {
+        RegionDescent(*m_map.m_regionMap)
+            .warmRange(startBlocks, std::min(endBlocks, startBlocks + m_stepBlocks));
+    }
+    m_nextBlocks = startBlocks + m_stepBlocks;
 }
 
 u64 CountedRegionMap::wantedDirectorySlots() const
@@ -450,6 +475,7 @@ void CountedRegionMap::installDirectory(RegionDirectoryMemory& memory)
 void CountedRegionMap::setDirectoryBounds()
 {
     const u64 slots = m_directory.slots();
+    m_leastWarmedBlocks = slots == 0 ? LEAST_WARMED_BLOCKS : m_directory.granuleBlocks() + 1;
     if (!m_accelerators.m_directory) {
         m_directoryLeast = 0;
         m_directorySpan = ~size_t{0};
@@ -730,24 +756,23 @@ RegionMap::const_iterator RegionLocator::visitIntersecting(const CountedRegionMa
 {
     if (map->empty())
         return map->cend();
+    const u64 endBlocks = offsetBlocks + lengthBlocks;
+    CountedRegionMap::Warmer warmer(*map, offsetBlocks, endBlocks);
     // The last region that starts at or before the range: it may reach into it.
     RegionMap::const_iterator iter = map->lastAtOrBefore(offsetBlocks);
-    const u64 endBlocks = offsetBlocks + lengthBlocks;
     if (iter->m_viewOffsetBlocks < endBlocks &&
         !checkIntersection(*iter, offsetBlocks, lengthBlocks))
         ++iter;
     const RegionMap::const_iterator first = iter;
-    u64 warmUntil = lengthBlocks < LEAST_WARMED_BLOCKS ? endBlocks : 0;
-    u32 i = 0;
-    for (; iter != map->cend() && iter->m_viewOffsetBlocks < endBlocks; ++i, ++iter) {
-        if (iter->m_viewOffsetBlocks >= warmUntil)
-            warmUntil = map->warmWalk(iter, endBlocks);
+    for (u32 i = 0; iter != map->cend() && iter->m_viewOffsetBlocks < endBlocks; ++i) {
+        warmer.reached(iter->m_viewOffsetBlocks, endBlocks);
         if (iter->m_viewOffsetBlocks < offsetBlocks)
             HARD_CHECK(i == 0);
         visit(getPiece(*iter, offsetBlocks, lengthBlocks));
         // Nothing can follow a region that reaches the end, so what does is not even looked at.
         if (iter->m_viewOffsetBlocks + iter->m_lengthBlocks >= endBlocks)
             break;
+        iter = map->after(iter);
     }
     return first;
 }
@@ -1449,12 +1474,12 @@ RegionLocator::getFirstAndLockInternal(AsyncTask* pAsyncTask, u32 a_maxBlocks, u
     u32 numBlocks = 0;
     RegionMap::const_iterator iter = m_unlockedRegions->cbegin();
     RegionMap::const_iterator lockedNext = m_lockedRegions->cend();
-    u64 warmUntil = 0;
+    const u64 firstBlocks = m_unlockedRegions->empty() ? 0 : iter->m_viewOffsetBlocks;
+    CountedRegionMap::Warmer warmer(*m_unlockedRegions, firstBlocks, firstBlocks + a_maxBlocks);
     while (iter != m_unlockedRegions->cend()) {
         const SubRegionDescriptor curRegion = *iter;
-        if (curRegion.m_viewOffsetBlocks >= warmUntil)
-            warmUntil = m_unlockedRegions->warmWalk(iter, curRegion.m_viewOffsetBlocks +
-                                                              (a_maxBlocks - numBlocks));
+        warmer.reached(curRegion.m_viewOffsetBlocks,
+                       curRegion.m_viewOffsetBlocks + (a_maxBlocks - numBlocks));
         if (numBlocks + curRegion.m_lengthBlocks > a_maxBlocks ||
             a_subRegionsResult->size() + 1 > a_maxRegions) {
             // Later regions that would fit are not tried: the consumer goes by view order.
