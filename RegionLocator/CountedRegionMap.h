@@ -1,7 +1,10 @@
 // An ordered set of regions that knows how many view blocks they cover.
 #pragma once
 
+#include <cstddef>
 #include <iterator>
+#include <new>
+#include <type_traits>
 #include <utility>
 
 #include "RegionLocator/RegionDescent.h"
@@ -132,6 +135,32 @@ public:
 
     void clear();
 
+    // The same without any order: calls pause() whenever so many nodes have gone back. Meanwhile
+    // the map is empty already.
+    template <class Pause> void takeApart(size_t batch, Pause pause)
+    {
+        using Node = std::_Rb_tree_node<SubRegionDescriptor>;
+        static_assert(std::is_trivially_destructible_v<SubRegionDescriptor>);
+        RlAllocator<Node> allocator(m_regionMap->get_allocator());
+        const u64 nodes = m_regionMap->size();
+        RegionNode* const root = header()->_M_parent;
+        // What has been moved to is never destroyed, since its nodes go back one by one here.
+        alignas(RegionMap) std::byte taken[sizeof(RegionMap)];
+        new (static_cast<void*>(taken)) RegionMap(std::move(*m_regionMap));
+        clear();
+        size_t inBatch = 0;
+        RegionDescent::visitAll(root, nodes, [&](RegionNode* node) {
+            allocator.deallocate(const_cast<Node*>(static_cast<const Node*>(node)), 1);
+            if (++inBatch < batch)
+                return;
+            inBatch = 0;
+            pause();
+        });
+    }
+
+    // Whether sizeLb() is what it should be: an erase by value may have been told another length.
+    bool isTotalRight() const { return m_isTotalRight; }
+
     // ---- speed ----
 
     // What may be used besides the set's own search.
@@ -219,6 +248,7 @@ private:
 
     RegionMap* m_regionMap;
     u64 m_sizeLb;
+    bool m_isTotalRight = true;
     Accelerators m_accelerators;
     // What a search learns is noted, also where it changes nothing else.
     mutable RegionDirectory m_directory;

@@ -1,7 +1,5 @@
 #include "RegionLocator/RegionDescent.h"
 
-#include "RegionLocator/Prefetch.h"
-
 void RegionDescent::lastAtOrBefore(const u64* offsetsBlocks, u32 count, RegionNode** found) const
 {
     // Searches that still go on: where each is, what it looks for, and which one it is.

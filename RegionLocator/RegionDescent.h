@@ -12,6 +12,7 @@
 // decides that.
 #pragma once
 
+#include "RegionLocator/Prefetch.h"
 #include "RegionLocator/RegionNodes.h"
 
 // Thread safety: none; the owning locator's mutex guards the map.
@@ -45,7 +46,36 @@ public:
     // hundred of them at most.
     void warmRange(u64 firstBlocks, u64 endBlocks) const;
 
+    // Calls visit(node) for each node once, in no order, while the next ones are on their way to
+    // the cache: the tree's own order would wait for each. Visit may free the node. nodes: how many
+    // there are.
+    template <class Visit> static void visitAll(RegionNode* root, u64 nodes, Visit visit)
+    {
+        RegionNode* coming[NODES_AHEAD] = {};
+        RegionNode* todo[MOST_WAYS];
+        u32 count = 0;
+        todo[count++] = root;
+        for (u32 turn = 0; nodes > 0; turn = (turn + 1) % NODES_AHEAD) {
+            RegionNode* const node = coming[turn];
+            coming[turn] = count == 0 ? nullptr : todo[--count];
+            prefetch(coming[turn]);
+            if (node == nullptr)
+                continue;
+            --nodes;
+            if (node->_M_left != nullptr)
+                todo[count++] = node->_M_left;
+            if (node->_M_right != nullptr)
+                todo[count++] = node->_M_right;
+            visit(node);
+        }
+    }
+
 private:
+    // Nodes that are on their way at a time, and nodes that may be waiting then: a tree of 2^32
+    // nodes is no deeper than 64, and each way down leaves one a level.
+    static constexpr u32 NODES_AHEAD = 16;
+    static constexpr u32 MOST_WAYS = NODES_AHEAD * 64 * 2;
+
     static RegionNode* choose(uintptr_t mask, RegionNode* a, RegionNode* b)
     {
         const uintptr_t other = reinterpret_cast<uintptr_t>(b);

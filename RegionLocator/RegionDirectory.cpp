@@ -4,16 +4,13 @@
 #include <cstring>
 #include <utility>
 
+#include "RegionLocator/RegionDescent.h"
+
 namespace {
 
 // Below, a table would be too small to be of use, whatever the tweak says.
 constexpr u64 LEAST_REGIONS = 4;
 constexpr u64 MOST_SLOTS = u64{1} << 28;
-
-// Nodes that are on their way to the cache while a tree is gone through, and nodes that may be
-// waiting then: a tree of 2^32 nodes is no deeper than 64, and each way down leaves one a level.
-constexpr u32 NODES_AHEAD = 16;
-constexpr u32 MOST_WAYS = NODES_AHEAD * 64 * 2;
 
 } // namespace
 
@@ -105,29 +102,6 @@ void RegionDirectory::install(RegionDirectoryMemory& memory, const RegionMap& ma
     m_slotMask = slots() - 1;
     m_lapShift = static_cast<u32>(std::countr_zero(slots()));
     m_shift = shiftFor(map, blocks, slots());
-    noteAll(map);
-}
-
-// Goes down the whole tree, many ways at once, so that the nodes of all but one can be on their way
-// to the cache: its own order would wait for each.
-void RegionDirectory::noteAll(const RegionMap& map)
-{
-    RegionNode* coming[NODES_AHEAD] = {};
-    RegionNode* todo[MOST_WAYS];
-    u32 count = 0;
-    todo[count++] = map.end()._M_node->_M_parent;
-    u64 left = map.size();
-    for (u32 turn = 0; left > 0; turn = (turn + 1) % NODES_AHEAD) {
-        RegionNode* const node = coming[turn];
-        coming[turn] = count == 0 ? nullptr : todo[--count];
-        prefetch(coming[turn]);
-        if (node == nullptr)
-            continue;
-        --left;
-        note(node, startOf(node));
-        if (node->_M_left != nullptr)
-            todo[count++] = node->_M_left;
-        if (node->_M_right != nullptr)
-            todo[count++] = node->_M_right;
-    }
+    RegionDescent::visitAll(map.end()._M_node->_M_parent, map.size(),
+                            [this](RegionNode* node) { note(node, startOf(node)); });
 }

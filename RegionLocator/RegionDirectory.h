@@ -168,7 +168,6 @@ private:
         return (granule + (lap * SPREAD >> UPPER)) & m_slotMask;
     }
 
-    void noteAll(const RegionMap& map);
     static u32 shiftFor(const RegionMap& map, u64 blocks, u64 slots);
 
     RegionDirectoryMemory m_memory;

@@ -240,6 +240,7 @@ size_t CountedRegionMap::erase(SubRegionDescriptor region)
     const size_t found = place == m_regionMap->end() ? 0 : 1;
     SOFT_CHECK(found <= 1, << " found=" << found);
     if (found != 0) {
+        m_isTotalRight = m_isTotalRight && place->m_lengthBlocks == regionSizeLb;
         erasing(place);
         m_regionMap->erase(place);
     }
@@ -283,6 +284,7 @@ void CountedRegionMap::replace(const_iterator iter, const SubRegionDescriptor& r
 void CountedRegionMap::clear()
 {
     m_sizeLb = 0;
+    m_isTotalRight = true;
     m_directory.forgetAll();
     m_finger.forgetAll();
     m_regionMap->clear();
@@ -552,6 +554,10 @@ void RegionLocator::clearMap(CountedRegionMap* map)
 {
     RegionLocatorVoucher* voucher = m_memPool.createVoucher();
     m_memPool.setActiveVoucher(voucher);
+    voucher->makeRoom(CLEAR_BATCH_REGIONS);
+    // As long as no check of a total can fail, nobody sees in which order the regions go.
+    if (map->size() > CLEAR_BATCH_REGIONS && map->isTotalRight())
+        map->takeApart(CLEAR_BATCH_REGIONS, [this, voucher] { m_memPool.clearVoucher(voucher); });
     while (map->size() > CLEAR_BATCH_REGIONS) {
         map->erase(map->begin(), std::next(map->begin(), CLEAR_BATCH_REGIONS));
         m_memPool.clearVoucher(voucher);

@@ -29,6 +29,9 @@ public:
     // Takes every segment of the buffer as one token, in segment order.
     void addMemorySegments(ScatteredBuf& buf);
 
+    // So many tokens need not be chained, whatever is held.
+    void makeRoom(size_t tokens) { m_objs.reserve(tokens); }
+
     // Gives every token back to the pool that it came from, charged to `mmi`.
     void clear(RegionLocatorMemPool* pool, ModuleMemoryInformation* mmi);
 
