@@ -194,7 +194,9 @@ public:
         // the same time.
         Warmer(const CountedRegionMap& map, u64 firstBlocks, u64 endBlocks) : m_map(map)
         {
-            if (endBlocks - firstBlocks >= map.m_leastWarmedBlocks)
+            // A short range within one granule takes one step or two, whatever is warmed.
+            if (((firstBlocks ^ (endBlocks - 1)) & map.m_granuleMask) != 0 ||
+                endBlocks - firstBlocks >= LEAST_WARMED_BLOCKS)
                 begin(firstBlocks, endBlocks);
         }
         // The walk is at a region that starts there, and ends at endBlocks at the latest.
@@ -240,6 +242,7 @@ private:
     {
         return m_accelerators.m_fromRegions - m_accelerators.m_fromRegions / 4;
     }
+    // Shorter ranges have too few regions for a walk to wait long for them.
     static constexpr u64 LEAST_WARMED_BLOCKS = 32;
 
     void added(const_iterator place);
@@ -256,6 +259,5 @@ private:
     // Sizes from m_directoryLeast on, that many more, for which the directory is as it should be.
     size_t m_directoryLeast = 0;
     size_t m_directorySpan = ~size_t{0};
-    // Shorter ranges have too few regions for a walk to wait long for any.
-    u64 m_leastWarmedBlocks = LEAST_WARMED_BLOCKS;
+    u64 m_granuleMask = 0; // what blocks of one granule have in common; 0 without a directory
 };

@@ -79,6 +79,7 @@ void RegionDirectory::forgetAll()
 {
     for (u64 slot = 0; slot < slots(); ++slot)
         m_memory.at(slot) = nullptr;
+    m_noted = 0;
 }
 
 // About as long as a region is on average; up to four times that where the table then is long
@@ -97,6 +98,7 @@ u32 RegionDirectory::shiftFor(const RegionMap& map, u64 blocks, u64 slots)
 void RegionDirectory::install(RegionDirectoryMemory& memory, const RegionMap& map, u64 blocks)
 {
     m_memory.swap(memory);
+    m_noted = 0;
     if (!isOn() || map.empty())
         return;
     m_slotMask = slots() - 1;

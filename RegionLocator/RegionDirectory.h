@@ -64,7 +64,8 @@ private:
 //
 // Invariants: 1. a slot is empty or holds a node of the map, one that starts in a granule that
 //                picks that slot;
-//             2. no operation but install() takes or gives back memory.
+//             2. noted() is the number of slots that are not empty;
+//             3. no operation but install() takes or gives back memory.
 class RegionDirectory
 {
 public:
@@ -121,6 +122,9 @@ public:
         prefetch(m_memory.at(slotOf(granule + 1)));
     }
 
+    // How many nodes are noted.
+    u64 noted() const { return m_noted; }
+
     u64 granuleBlocks() const { return u64{1} << m_shift; }
     // How far before a block the regions are looked for that reach it.
     u64 reachBlocks() const { return GRANULES_BACK << m_shift; }
@@ -128,8 +132,11 @@ public:
     // The node is in the map and starts there. Both do nothing while the directory is off.
     void note(RegionNode* node, u64 startBlocks)
     {
-        if (isOn())
-            m_memory.at(slotOf(startBlocks >> m_shift)) = node;
+        if (!isOn())
+            return;
+        RegionNode*& slot = m_memory.at(slotOf(startBlocks >> m_shift));
+        m_noted += slot == nullptr ? 1 : 0;
+        slot = node;
     }
     // The node, which started there, leaves the map or moves.
     void forget(RegionNode* node, u64 startBlocks)
@@ -137,8 +144,10 @@ public:
         if (!isOn())
             return;
         RegionNode*& slot = m_memory.at(slotOf(startBlocks >> m_shift));
-        if (slot == node)
-            slot = nullptr;
+        if (slot != node)
+            return;
+        slot = nullptr;
+        --m_noted;
     }
     // The node stays where it is in the order, but now starts elsewhere.
     void move(RegionNode* node, u64 fromBlocks, u64 toBlocks)
@@ -171,6 +180,7 @@ private:
     static u32 shiftFor(const RegionMap& map, u64 blocks, u64 slots);
 
     RegionDirectoryMemory m_memory;
+    u64 m_noted = 0;
     u64 m_slotMask = 0;
     u32 m_lapShift = 0;
     u32 m_shift = 0;

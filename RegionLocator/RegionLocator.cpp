@@ -424,9 +424,10 @@ void CountedRegionMap::Warmer::begin(u64 firstBlocks, u64 endBlocks)
     if (!m_map.isLarge() || m_map.empty())
         return;
     const RegionDirectory& directory = m_map.m_directory;
-    // Unless regions are crowded there, the directory names most of them.
-    m_isNoted = directory.isOn() &&
-                directory.granuleBlocks() * m_map.size() <= m_map.m_sizeLb + m_map.size();
+    // A walk waits for each region that the directory does not name, so it must name nearly all;
+    // but for a short one nothing else is worth its time.
+    const bool isShort = endBlocks - firstBlocks < LEAST_WARMED_BLOCKS;
+    m_isNoted = directory.isOn() && (isShort || directory.noted() * 16 >= m_map.size() * 15);
     if (m_isNoted) {
         m_stepBlocks = GRANULES_A_STEP * directory.granuleBlocks();
         m_warmedBlocks = firstBlocks - std::min(firstBlocks, directory.reachBlocks());
@@ -434,7 +435,7 @@ void CountedRegionMap::Warmer::begin(u64 firstBlocks, u64 endBlocks)
         directory.warmRange(m_warmedBlocks, std::min(untilBlocks, endBlocks));
         m_warmedBlocks = untilBlocks;
         m_nextBlocks = firstBlocks + m_stepBlocks;
-    } else if (m_map.m_accelerators.m_descent) {
+    } else if (m_map.m_accelerators.m_descent && !isShort) {
         const u64 average = m_map.m_sizeLb / m_map.size() + 1;
         if (endBlocks - firstBlocks < FEW_REGIONS * average)
             return;
@@ -477,7 +478,7 @@ void CountedRegionMap::installDirectory(RegionDirectoryMemory& memory)
 void CountedRegionMap::setDirectoryBounds()
 {
     const u64 slots = m_directory.slots();
-    m_leastWarmedBlocks = slots == 0 ? LEAST_WARMED_BLOCKS : m_directory.granuleBlocks() + 1;
+    m_granuleMask = slots == 0 ? 0 : ~(m_directory.granuleBlocks() - 1);
     if (!m_accelerators.m_directory) {
         m_directoryLeast = 0;
         m_directorySpan = ~size_t{0};

@@ -9,8 +9,10 @@
 #include <vector>
 
 #include "host/infra/MemShieldControl.h"
+#include "tests/support/Accelerators.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RegionLocatorTestAccess.h"
+#include "tests/support/Tokens.h"
 #include "tests/support/VoucherGuard.h"
 
 namespace {
@@ -217,6 +219,67 @@ TEST_F(CountedRegionMapTest, ClearEmptiesAtOnce)
     EXPECT_TRUE(m_map->empty());
     EXPECT_EQ(m_map->sizeLb(), 0u);
     EXPECT_TRUE(m_map->insert(plainRegion(0, 1, 1)).second);
+}
+
+// ---- all at once ----
+
+TEST_F(CountedRegionMapTest, IsTakenApartInBatchesAndEmptyFromTheBeginningOn)
+{
+    for (u64 i = 0; i < 11; ++i)
+        m_map->insert(plainRegion(10 * i, 3, 100 * i));
+    std::vector<size_t> tokens;
+    m_map->takeApart(4, [&] {
+        EXPECT_TRUE(m_map->empty());
+        EXPECT_EQ(m_map->sizeLb(), 0u);
+        tokens.push_back(tokensIn(m_locator.getMemPool()->getActiveVoucher()));
+    });
+    EXPECT_EQ(tokens, (std::vector<size_t>{16 - 11 + 4, 16 - 11 + 8}));
+    EXPECT_EQ(tokensIn(m_locator.getMemPool()->getActiveVoucher()), 16u);
+    EXPECT_TRUE(m_map->insert(plainRegion(0, 1, 1)).second);
+    EXPECT_EQ(m_map->size(), 1u);
+}
+
+TEST_F(CountedRegionMapTest, KnowsThatATotalIsWrongUntilItIsEmpty)
+{
+    m_map->insert(plainRegion(0, 8, 100));
+    m_map->insert(plainRegion(8, 8, 100));
+    m_map->erase(plainRegion(0, 8, 100));
+    m_map->erase(plainRegion(100, 8, 100));
+    EXPECT_TRUE(m_map->isTotalRight());
+    m_map->erase(plainRegion(8, 7, 100));
+    EXPECT_FALSE(m_map->isTotalRight());
+    m_map->clear();
+    EXPECT_TRUE(m_map->isTotalRight());
+}
+
+// ---- neighbours ----
+
+// With and without a directory that may name them.
+TEST(CountedRegionMapNeighboursTest, AreTheSetsOwn)
+{
+    const LogCapture log;
+    for (const u64 accelerators : {Accelerators::NONE, Accelerators::ALL}) {
+        const Accelerators on(accelerators);
+        RegionLocator locator(1, RL_MMI_View);
+        std::mt19937_64 random(7);
+        insertRegion(locator, plainRegion(~u64{0} - 7, 8, 100)); // ends where blocks begin again
+        insertRegion(locator, plainRegion(0, 3, 100));
+        for (u64 i = 0; i < 3000; ++i) {
+            const u64 offset = random() % 2000;
+            if (i % 3 == 0)
+                removeRange(locator, offset, 1 + random() % 9);
+            else
+                insertRegion(locator, plainRegion(offset, 1 + random() % 9, 8 * i));
+            if (i % 100 != 0)
+                continue;
+            const CountedRegionMap& map = *Access::unlocked(locator);
+            for (auto place = map.cbegin(); place != map.cend(); ++place) {
+                ASSERT_EQ(map.after(place), std::next(place));
+                ASSERT_EQ(map.before(place), place == map.cbegin() ? map.cend() : std::prev(place));
+            }
+        }
+        EXPECT_EQ(locator.getAcceleratorBytes() > 0, accelerators == Accelerators::ALL);
+    }
 }
 
 // ---- failed checks: the operation goes on, and the total wraps ----

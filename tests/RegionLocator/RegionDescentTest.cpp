@@ -4,6 +4,7 @@
 #include <iterator>
 #include <memory>
 #include <random>
+#include <set>
 
 #include "tests/support/LogCapture.h"
 #include "tests/support/RegionLocatorTestAccess.h"
@@ -143,6 +144,22 @@ TEST_F(RegionDescentTest, WarmingChangesNothing)
                                      {0, ~u64{0}}})
         descent.warmRange(first, end);
     EXPECT_EQ(before, Regions(m_map.begin(), m_map.end()));
+}
+
+TEST_F(RegionDescentTest, VisitsEachNodeOnceAlsoWhenTheyGoAsTheyAreVisited)
+{
+    std::mt19937_64 random(5);
+    for (const u64 size : {0, 1, 2, 3, 15, 16, 17, 100, MOST}) {
+        m_map.clear();
+        while (m_map.size() < size)
+            m_map.insert(plainRegion(random() % 100000, 1, 100));
+        std::set<RegionNode*> nodes;
+        for (auto place = m_map.begin(); place != m_map.end(); ++place)
+            nodes.insert(place._M_node);
+        RegionDescent::visitAll(m_map.end()._M_node->_M_parent, size,
+                                [&nodes](RegionNode* node) { EXPECT_EQ(nodes.erase(node), 1U); });
+        EXPECT_TRUE(nodes.empty());
+    }
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <memory>
+#include <utility>
 
 #include "tests/support/Accelerators.h"
 #include "tests/support/LimitedMemory.h"
@@ -142,6 +143,59 @@ TEST_F(RegionDirectoryTest, KnowsEveryRegionOfAViewThatItIsLongEnoughFor)
     // Just behind the last region it is that one, and far behind it is nothing.
     EXPECT_EQ(near(8 * REGIONS + 15), std::prev(m_map.end())._M_node);
     EXPECT_EQ(near(8 * REGIONS + 40), nullptr);
+}
+
+TEST_F(RegionDirectoryTest, CountsWhatIsNoted)
+{
+    fill(0, 8);
+    EXPECT_EQ(m_directory.noted(), REGIONS);
+    RegionNode* const first = m_map.begin()._M_node;
+    m_directory.note(first, 0);
+    EXPECT_EQ(m_directory.noted(), REGIONS);
+    m_directory.forget(first, 0);
+    m_directory.forget(first, 0);
+    m_directory.forget(first, 8);
+    EXPECT_EQ(m_directory.noted(), REGIONS - 1);
+    m_directory.move(std::next(m_map.begin())._M_node, 8, 0);
+    EXPECT_EQ(m_directory.noted(), REGIONS - 1);
+    m_directory.note(first, 8);
+    EXPECT_EQ(m_directory.noted(), REGIONS);
+    m_directory.forgetAll();
+    EXPECT_EQ(m_directory.noted(), 0U);
+}
+
+TEST_F(RegionDirectoryTest, KnowsWhoReachesOverABlockFromAGranuleBefore)
+{
+    fill(0, 8);
+    for (u64 i = 1; i < REGIONS; ++i)
+        ASSERT_EQ(m_directory.reaching(8 * i), nullptr);
+    // One region over four granules is known as far as its reach is looked for.
+    const auto place = std::next(m_map.begin(), 5);
+    for (auto covered = std::next(place); covered->m_viewOffsetBlocks < 72;
+         covered = m_map.erase(covered))
+        m_directory.forget(covered._M_node, covered->m_viewOffsetBlocks);
+    const_cast<SubRegionDescriptor&>(*place).m_lengthBlocks = 32;
+    EXPECT_EQ(m_directory.reaching(47), nullptr); // starts in the block's own granule
+    for (u64 block = 48; block < 64; ++block)
+        EXPECT_EQ(m_directory.reaching(block), place._M_node);
+    EXPECT_EQ(m_directory.reaching(64), nullptr);
+    EXPECT_EQ(m_directory.reaching(72), nullptr);
+    EXPECT_EQ(m_directory.reaching(0), nullptr);
+}
+
+TEST_F(RegionDirectoryTest, WarmsAnyRangeAndChangesNothing)
+{
+    fill(8 * 700, 16);
+    const Regions before(m_map.begin(), m_map.end());
+    for (const auto& [first, end] : {std::pair<u64, u64>{0, 1},
+                                     {0, 0},
+                                     {8, 7},
+                                     {5600, 9000},
+                                     {8 * 1023, 8 * 1024 + 1},
+                                     {8 * 1000, 8 * 5000},
+                                     {~u64{0} - 9, ~u64{0}}})
+        m_directory.warmRange(first, end);
+    EXPECT_EQ(before, Regions(m_map.begin(), m_map.end()));
 }
 
 TEST_F(RegionDirectoryTest, SpreadsAViewThatIsFarLongerThanItself)
