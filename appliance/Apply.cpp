@@ -4,6 +4,7 @@
 
 #include "RegionLocator/RegionLocatorMetaDataContainer.h"
 #include "appliance/Drain.h"
+#include "appliance/SpanScan.h"
 #include "host/infra/Clock.h"
 #include "host/journal/JournalScanner.h"
 
@@ -121,7 +122,7 @@ Result Applier::buildIndex()
     m_next = scanned.next;
     if (scanned.rc == RC_ABORTED)
         return Result(ResultCode::Interrupted, "interrupted before anything was applied");
-    if (scanned.rc == RC_TIMED_OUT || scanned.rc == RC_NO_MEMORY)
+    if (isForWantOfMemory(scanned))
         return Result::failed("the memory limit is too small for the index of " +
                               std::to_string(m_statistics.m_items) +
                               " items; apply to an earlier point first");

@@ -50,7 +50,7 @@ Result scanJournal(Mirror& mirror, SfsMetaDataContainer& container, ScanOptions 
         return Result();
     if (scanned->rc == RC_ABORTED)
         return Result(ResultCode::Interrupted, "interrupted while reading the journal's items");
-    if (scanned->rc == RC_TIMED_OUT || scanned->rc == RC_NO_MEMORY)
+    if (isForWantOfMemory(*scanned))
         // An item adds at most two regions: itself, and the second half of one that it cuts in two.
         return Result::failed("the memory limit is too small to " + what + ": " +
                               std::to_string(items) + " items may need " +

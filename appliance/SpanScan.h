@@ -11,6 +11,13 @@
 #include "appliance/Mirror.h"
 #include "host/journal/JournalScanner.h"
 
+// Whether the container got no memory in time: a journal that cannot be read for want of a
+// descriptor or of memory says so in the message.
+inline bool isForWantOfMemory(const ScanResult& scanned)
+{
+    return (scanned.rc == RC_TIMED_OUT || scanned.rc == RC_NO_MEMORY) && scanned.message.empty();
+}
+
 // WrongUsage when the first point comes after the second.
 Result checkSpan(const ChosenPoint& from, const ChosenPoint& to);
 

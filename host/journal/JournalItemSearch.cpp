@@ -56,8 +56,8 @@ private:
             if (*there)
                 return RC_SUCCESS;
             if (rc != RC_SUCCESS || !m_store.skipsDamage()) {
-                m_message = "cannot read " + pagesText(*number, *number) +
-                            (rc == RC_SUCCESS ? ": not intact" : "");
+                m_message = "cannot read " + pagesText(*number, *number) + ": " +
+                            (rc == RC_SUCCESS ? "not intact" : readFailureText(rc));
                 return rc == RC_SUCCESS ? RC_DAMAGED : rc;
             }
         }

@@ -302,6 +302,12 @@ RcStatus readPages(GrainStore& grains, u64 firstPage, u32 count, JournalPage* pa
     return rc == RC_NOT_FOUND ? RC_SUCCESS : rc;
 }
 
+const char* readFailureText(RcStatus rc)
+{
+    return rc == RC_NO_MEMORY ? "no file descriptor is left for it, or no memory"
+                              : rcStatusText(rc);
+}
+
 std::string pagesText(u64 firstPage, u64 lastPage)
 {
     std::ostringstream out;

@@ -62,3 +62,7 @@ RcStatus readPages(GrainStore& grains, u64 firstPage, u32 count, JournalPage* pa
 
 // "metadata grain 1 page 7 (entries 105 to 119)"
 std::string pagesText(u64 firstPage, u64 lastPage);
+
+// Why the journal's files could not be read. Out of memory is what a pool's limit says of itself;
+// here it is what the machine has none left of.
+const char* readFailureText(RcStatus rc);

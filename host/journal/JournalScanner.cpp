@@ -44,7 +44,7 @@ public:
         const RcStatus rc =
             readPages(m_store.grains(), first, wanted, chunk->m_pages.data(), &done);
         if (rc != RC_SUCCESS) {
-            *message = "cannot read " + pagesText(first, first);
+            *message = "cannot read " + pagesText(first, first) + ": " + readFailureText(rc);
             return rc;
         }
         for (u32 i = 0; i < wanted; ++i) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "host/journal/Crc32c.h"
+#include "host/journal/JournalRecovery.h"
 #include "host/journal/JournalScanner.h"
 
 namespace {
@@ -36,8 +37,12 @@ public:
             checkBatch();
         m_items.push_back(item);
         m_blocks += blocks;
-        return RC_SUCCESS;
+        return m_unread;
     }
+
+    // What kept it from reading, which says nothing of what the journal holds.
+    RcStatus unread() const { return m_unread; }
+    const std::string& unreadWhere() const { return m_unreadWhere; }
 
 private:
     void checkBatch()
@@ -69,7 +74,9 @@ private:
 
     void checkItem(const SfsDiskMetaItem& item, const u8* stored, RcStatus rc)
     {
-        if (rc == RC_BAD_CHECKSUM)
+        if (rc == RC_NO_MEMORY)
+            noteUnread(item, rc);
+        else if (rc == RC_BAD_CHECKSUM)
             report(item, "a block's checksum does not match");
         else if (rc == RC_DAMAGED)
             report(item, "the data grain is missing or ends before the data");
@@ -91,13 +98,26 @@ private:
                context->decompress(stored, bytes, blocks, &plain) == RC_SUCCESS;
     }
 
+    static std::string whereOf(u64 address)
+    {
+        return "data grain " + std::to_string(address / SFS_GRAIN_BLOCKS) + " block " +
+               std::to_string(address % SFS_GRAIN_BLOCKS);
+    }
+
+    void noteUnread(const SfsDiskMetaItem& item, RcStatus rc)
+    {
+        if (m_unread != RC_SUCCESS)
+            return;
+        m_unread = rc;
+        m_unreadWhere = whereOf(item.m_ioData.dataAddr);
+    }
+
     void report(const SfsDiskMetaItem& item, const std::string& reason)
     {
         const u64 address = item.m_ioData.dataAddr;
         VerifyDamage damage;
         damage.m_grain = address / SFS_GRAIN_BLOCKS;
-        damage.m_where = "data grain " + std::to_string(damage.m_grain) + " block " +
-                         std::to_string(address % SFS_GRAIN_BLOCKS);
+        damage.m_where = whereOf(address);
         damage.m_journalAddress = address;
         damage.m_offsetBlocks = item.m_ioData.offsetBlocks;
         damage.m_lengthBlocks = item.getUncompressedLengthBlocks();
@@ -111,6 +131,8 @@ private:
     std::vector<SfsDiskMetaItem> m_items;
     u64 m_blocks = 0;
     std::vector<u8> m_data;
+    RcStatus m_unread = RC_SUCCESS;
+    std::string m_unreadWhere;
 };
 
 } // namespace
@@ -131,6 +153,11 @@ VerifyResult verifyJournal(JournalStore& store, const VerifyOptions& options)
     const ScanResult scan = scanner.scan(verifier, scanOptions);
     result.rc = scan.rc;
     result.message = scan.message;
+    if (verifier.unread() != RC_SUCCESS) {
+        result.rc = verifier.unread();
+        result.message =
+            "cannot read " + verifier.unreadWhere() + ": " + readFailureText(result.rc);
+    }
     result.items = scan.itemsBefore;
     result.bytes += (store.endPage() - store.begin().m_page) * BLOCK_BYTES;
     if (scan.rc == RC_DAMAGED) {

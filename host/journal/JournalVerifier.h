@@ -23,7 +23,9 @@ struct VerifyDamage
 
 struct VerifyResult
 {
-    RcStatus rc = RC_SUCCESS; // RC_ABORTED; RC_IO_ERROR when it could not go on
+    // RC_ABORTED; RC_IO_ERROR, or RC_NO_MEMORY (no descriptor or memory to read with), when it
+    // could not go on.
+    RcStatus rc = RC_SUCCESS;
     std::string message;
     u64 items = 0; // logical
     u64 bytes = 0; // stored bytes read and checked, metadata too

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "host/journal/FileStorage.h"
+#include "host/journal/JournalVerifier.h"
 #include "tests/support/JournalReadback.h"
 
 namespace {
@@ -115,6 +116,24 @@ TEST_F(JournalDescriptorsTest, FlushThatCannotOpenKeepsWhatItWasToWrite)
     ASSERT_EQ(store->flush(), RC_SUCCESS);
     EXPECT_EQ(store->durableItemCount(), 2u);
     expectAllAfterReopening(std::move(store));
+}
+
+TEST_F(JournalDescriptorsTest, AJournalThatCannotBeReadIsNotVerifiedAsDamaged)
+{
+    auto store = openJournal(*m_storage, JournalMode::Writer);
+    ASSERT_EQ(append(*store, 1, 40000), RC_SUCCESS);
+    store.reset();
+    store = openJournal(*m_storage, JournalMode::ReadOnly);
+    {
+        const NoDescriptors none;
+        const VerifyResult result = verifyJournal(*store);
+        EXPECT_EQ(result.rc, RC_NO_MEMORY);
+        EXPECT_TRUE(result.damage.empty());
+        EXPECT_NE(result.message.find("cannot read data grain 1 block 0: no file descriptor"),
+                  std::string::npos)
+            << result.message;
+    }
+    EXPECT_TRUE(verifyJournal(*store).ok());
 }
 
 TEST_F(JournalDescriptorsTest, JournalThatCannotBeOpenedIsNotDamagedByThat)

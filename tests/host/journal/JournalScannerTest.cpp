@@ -260,6 +260,22 @@ TEST_P(JournalScannerTest, DamageSinceTheJournalWasOpenedEndsTheScan)
     EXPECT_EQ(m_recorder.m_items.size(), 15u) << "what lies before it was handed over";
 }
 
+TEST_P(JournalScannerTest, ThatThereIsNoDescriptorIsToldFromAContainerWithoutMemory)
+{
+    zeroes(40);
+    ASSERT_EQ(m_store->flush(), RC_SUCCESS);
+    m_storage.failCall(CrashStorage::Call::Read, 1, RC_NO_MEMORY);
+    ScanResult result = JournalScanner(*m_store).scan(m_recorder);
+    EXPECT_EQ(result.rc, RC_NO_MEMORY);
+    EXPECT_NE(result.message.find("no file descriptor is left"), std::string::npos)
+        << result.message;
+    Recorder poor(GetParam());
+    poor.m_prepareRc = RC_NO_MEMORY;
+    result = scan(poor);
+    EXPECT_EQ(result.rc, RC_NO_MEMORY);
+    EXPECT_EQ(result.message, "");
+}
+
 TEST_P(JournalScannerTest, StartBehindTheEndIsRefused)
 {
     zeroes(1);
