@@ -22,6 +22,7 @@
 
 #include "appliance/ApplyState.h"
 #include "appliance/GracePeriod.h"
+#include "appliance/IndexTurns.h"
 #include "appliance/JournalIndex.h"
 #include "appliance/MirrorSettings.h"
 #include "appliance/Pins.h"
@@ -104,6 +105,9 @@ public:
         function(m_indexes);
     }
 
+    // Who copies one index into another, and who takes items that are trimmed out of all of them.
+    IndexTurns& indexTurns() { return m_indexTurns; }
+
     // Who reads the journal by an index without locks in it does so as a reader of this period.
     GracePeriod& gracePeriod() { return m_gracePeriod; }
 
@@ -173,6 +177,7 @@ private:
     ApplyState m_applyState RL_GUARDED_BY(m_applyMutex);
     Mutex m_indexesMutex;
     std::vector<JournalIndex*> m_indexes RL_GUARDED_BY(m_indexesMutex);
+    IndexTurns m_indexTurns;
     GracePeriod m_gracePeriod;
     TrimmedZeroes m_trimmedZeroes;
 };

@@ -31,7 +31,8 @@ private:
 
     Result checkReaders(const Indexes& indexes);
     Result begin(const Indexes& indexes);
-    Result removeFrom(const Indexes& indexes, u64 oldPage);
+    Result removeFrom(u64 oldPage);
+    RcStatus removeItems(const std::vector<SfsDiskMetaItem>& items);
 
     Mirror& m_mirror;
     JournalStore& m_journal;
@@ -61,7 +62,8 @@ Result Trimmer::run(const ChosenPoint& to)
     // A trim that could not take its items out of all indexes has left its grains to this one.
     const bool unfinished = m_mirror.untakenPage() < old.m_page;
     if (m_plan.m_begin.m_page == old.m_page && !unfinished)
-        return m_options.m_dryRun ? Result() : removeTrimmedZeroes(m_mirror, m_control, m_statistics.m_items);
+        return m_options.m_dryRun ? Result()
+                                  : removeTrimmedZeroes(m_mirror, m_control, m_statistics.m_items);
     m_statistics.m_items = m_plan.m_begin.m_items - old.m_items;
     m_statistics.m_dataGrains = m_plan.m_dataGrains;
     m_statistics.m_metaGrains = m_plan.m_metaGrains;
@@ -77,20 +79,22 @@ Result Trimmer::run(const ChosenPoint& to)
     }
     // What is journaled by now is in the indexes after this.
     m_mirror.gracePeriod().wait();
-    Result result;
-    // Nobody builds an index from another one between the new beginning and the removal.
-    m_mirror.withIndexes([&](const Indexes& indexes) {
-        result = begin(indexes);
+    {
+        // Nobody builds an index from another one between the new beginning and the removal. One
+        // that is built by a scan from now on has nothing that goes.
+        IndexTurns::Turn turn(m_mirror.indexTurns(), IndexTurns::Kind::Removal);
+        if (!m_options.m_dryRun && !turn.take(m_control))
+            return Result(ResultCode::Interrupted, "interrupted before anything was trimmed");
+        Result result;
+        m_mirror.withIndexes([&](const Indexes& indexes) { result = begin(indexes); });
         if (!result.ok() || m_options.m_dryRun)
-            return;
+            return result;
         const u64 from = std::min(old.m_page, m_mirror.untakenPage());
         m_mirror.setUntakenPage(from);
-        result = removeFrom(indexes, from);
-        if (result.ok())
-            m_mirror.setUntakenPage(~u64{0});
-    });
-    if (!result.ok() || m_options.m_dryRun)
-        return result;
+        if (result = removeFrom(from); !result.ok())
+            return result;
+        m_mirror.setUntakenPage(~u64{0});
+    }
     m_mirror.gracePeriod().wait();
     u64 removed = 0;
     if (const RcStatus rc = m_journal.removeTrimmed(&removed); rc != RC_SUCCESS)
@@ -109,7 +113,10 @@ Result Trimmer::plan(u64 items)
         if (one.m_itemsBefore >= applied)
             lastPage = std::min(lastPage, pageOfJournalPtr(one.m_ptr));
     }
-    m_plan = planJournalTrim(m_journal, items, lastPage);
+    m_plan =
+        planJournalTrim(m_journal, items, lastPage, [this] { return m_control.stopRequested(); });
+    if (m_plan.m_rc == RC_ABORTED)
+        return Result(ResultCode::Interrupted, "interrupted before anything was trimmed");
     return m_plan.m_rc == RC_SUCCESS
                ? Result()
                : Result(Result::fromStatus(m_plan.m_rc, "").code(),
@@ -147,33 +154,51 @@ Result Trimmer::begin(const Indexes& indexes)
                               "cannot give the journal a new beginning");
 }
 
-Result Trimmer::removeFrom(const Indexes& indexes, u64 oldPage)
+// A step at a time, so that indexes can be opened and closed in between.
+Result Trimmer::removeFrom(u64 oldPage)
 {
-    if (indexes.empty())
+    bool hasIndexes = false;
+    m_mirror.withIndexes([&](const Indexes& indexes) { hasIndexes = !indexes.empty(); });
+    if (!hasIndexes)
         return Result();
-    u64 items = 0;
-    const RcStatus rc = visitJournalItems(
+    u64 done = 0;
+    std::vector<SfsDiskMetaItem> step;
+    step.reserve(LOOK_EVERY);
+    RcStatus rc = visitJournalItems(
         m_journal, oldPage, m_plan.m_begin.m_page, [&](const SfsDiskMetaItem& item) {
-            RcStatus one = RC_SUCCESS;
-            for (size_t i = 0; i < indexes.size() && one == RC_SUCCESS; ++i) {
-                bool removed = false;
-                if (item.is_io_type_with_ud())
-                    one = removeIoFromIndex(*indexes[i], m_engine, item, &removed);
-                else if (item.getType() == SfsMetaType::ZEROS && indexes[i]->isLive())
-                    noteTrimmedZeroes(m_mirror, *indexes[i], item);
-                m_statistics.m_removedIos += removed;
-            }
-            if (++items % LOOK_EVERY == 0) {
-                m_control.progress(std::min(items, m_statistics.m_items), m_statistics.m_items);
-                if (one == RC_SUCCESS && m_control.stopRequested())
-                    one = RC_ABORTED;
-            }
-            return one;
+            step.push_back(item);
+            if (step.size() < LOOK_EVERY)
+                return RC_SUCCESS;
+            const RcStatus one = removeItems(step);
+            done += step.size();
+            step.clear();
+            m_control.progress(std::min(done, m_statistics.m_items), m_statistics.m_items);
+            return one == RC_SUCCESS && m_control.stopRequested() ? RC_ABORTED : one;
         });
+    if (rc == RC_SUCCESS)
+        rc = removeItems(step);
     if (rc == RC_ABORTED)
         return Result(ResultCode::Interrupted, "interrupted; the next trim goes on");
     return Result::fromStatus(rc, "cannot take what was trimmed out of the open indexes; its space "
                                   "is given back by the next trim");
+}
+
+RcStatus Trimmer::removeItems(const std::vector<SfsDiskMetaItem>& items)
+{
+    RcStatus rc = RC_SUCCESS;
+    m_mirror.withIndexes([&](const Indexes& indexes) {
+        for (const SfsDiskMetaItem& item : items) {
+            for (size_t i = 0; i < indexes.size() && rc == RC_SUCCESS; ++i) {
+                bool removed = false;
+                if (item.is_io_type_with_ud())
+                    rc = removeIoFromIndex(*indexes[i], m_engine, item, &removed);
+                else if (item.getType() == SfsMetaType::ZEROS && indexes[i]->isLive())
+                    noteTrimmedZeroes(m_mirror, *indexes[i], item);
+                m_statistics.m_removedIos += removed;
+            }
+        }
+    });
+    return rc;
 }
 
 } // namespace

@@ -12,8 +12,8 @@ namespace {
 // Nobody else gives memory back while a view is built, so waiting long for some is of no use.
 constexpr u64 MEMORY_TIMEOUT_MS = 5000;
 constexpr u64 TOKEN_BYTES = 64;
-// A region that two windows meet in is copied as two.
-constexpr u64 COPY_WINDOW_BLOCKS = u64{1} << 24;
+// Copied between two looks at the outside; longer than any region.
+constexpr u64 COPY_WINDOW_BLOCKS = u64{1} << 17;
 
 } // namespace
 
@@ -43,29 +43,39 @@ Result View::build(Mirror& mirror, const ChosenPoint& point, FlowControl& contro
     return Result();
 }
 
-RcStatus View::copyRegions(View& from)
+RcStatus View::copyRegions(View& from, FlowControl& control, const ViewBuildOptions& options)
 {
-    TokenReserve reserve(m_locator);
-    std::vector<SubRegionDescriptor> regions;
-    RcStatus rc = RC_SUCCESS;
     // Nothing is trimmed meanwhile: what is copied here would not be found where it is removed.
-    m_mirror.withIndexes([&](const std::vector<JournalIndex*>&) {
-        for (u64 block = 0; block < sizeBlocks() && rc == RC_SUCCESS; block += COPY_WINDOW_BLOCKS) {
-            const u64 length = std::min(sizeBlocks() - block, COPY_WINDOW_BLOCKS);
-            regions = from.pieces(block, static_cast<u32>(length));
-            for (size_t i = 0; i < regions.size() && rc == RC_SUCCESS; ++i) {
-                rc = reserve.prepare(1);
-                if (rc == RC_SUCCESS)
-                    reserve.insert(regions[i]);
-            }
+    IndexTurns::Turn turn(m_mirror.indexTurns(), IndexTurns::Kind::Copy);
+    if (!turn.take(control))
+        return RC_ABORTED;
+    TokenReserve reserve(m_locator);
+    for (u64 block = 0; block < sizeBlocks();) {
+        if (control.stopRequested() || (options.m_admits && !options.m_admits(memoryBytes())))
+            return RC_ABORTED;
+        const u64 end = std::min(sizeBlocks(), block + COPY_WINDOW_BLOCKS);
+        std::vector<SubRegionDescriptor> regions =
+            from.pieces(block, static_cast<u32>(end - block));
+        block = end;
+        // One that may go on behind the window is copied whole with the next one.
+        if (!regions.empty() && end < sizeBlocks() &&
+            regions.back().m_viewOffsetBlocks + regions.back().m_lengthBlocks == end) {
+            block = regions.back().m_viewOffsetBlocks;
+            regions.pop_back();
         }
-    });
-    return rc;
+        for (const SubRegionDescriptor& region : regions) {
+            if (const RcStatus rc = reserve.prepare(1); rc != RC_SUCCESS)
+                return rc;
+            reserve.insert(region);
+        }
+    }
+    return RC_SUCCESS;
 }
 
 Result View::scan(FlowControl& control, const ViewBuildOptions& building)
 {
     const u64 startedUs = Clock::instance()->nowUs();
+    Result interrupted(ResultCode::Interrupted, "interrupted while building the index");
     JournalScanner scanner(m_mirror.journal());
     ScanOptions options;
     options.prepareTimeoutMs = MEMORY_TIMEOUT_MS;
@@ -85,14 +95,17 @@ Result View::scan(FlowControl& control, const ViewBuildOptions& building)
         if (Result result = startAfter(m_mirror, building.m_from->point(), &options.start);
             !result.ok())
             return result;
-        if (const RcStatus rc = copyRegions(*building.m_from); rc != RC_SUCCESS)
+        const RcStatus rc = copyRegions(*building.m_from, control, building);
+        if (rc == RC_ABORTED)
+            return interrupted;
+        if (rc != RC_SUCCESS)
             return memoryResult(rc, building.m_from->point().m_items);
     }
     const ScanResult scanned = scanner.scan(*container, options);
-    if (scanned.rc == RC_TIMED_OUT || scanned.rc == RC_NO_MEMORY)
+    if (isForWantOfMemory(scanned))
         return memoryResult(scanned.rc, scanned.logicalItems);
     if (scanned.rc == RC_ABORTED)
-        return Result(ResultCode::Interrupted, "interrupted while building the index");
+        return interrupted;
     if (scanned.rc != RC_SUCCESS)
         return Result(Result::fromStatus(scanned.rc, "").code(),
                       "cannot build the index of " + m_point.name() + ": " +

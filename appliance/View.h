@@ -78,7 +78,7 @@ private:
     View(Mirror& mirror, const ChosenPoint& point);
 
     Result scan(FlowControl& control, const ViewBuildOptions& options);
-    RcStatus copyRegions(View& from);
+    RcStatus copyRegions(View& from, FlowControl& control, const ViewBuildOptions& options);
     Result memoryResult(RcStatus rc, u64 items);
 
     Mirror& m_mirror;

@@ -9,12 +9,15 @@ namespace {
 
 constexpr u32 CHUNK_PAGES = 256;
 
-// Visits pages in order until one answers false.
+// Visits pages in order until one answers false. stopped: asked before each read.
 RcStatus walkPages(JournalStore& store, u64 firstPage, u64 endPage, std::string* message,
+                   const std::function<bool()>& stopped,
                    const std::function<bool(const JournalPage&)>& visit)
 {
     std::vector<JournalPage> pages(CHUNK_PAGES);
     for (u64 page = firstPage; page < endPage;) {
+        if (stopped && stopped())
+            return RC_ABORTED;
         const u32 wanted = static_cast<u32>(std::min<u64>(
             {CHUNK_PAGES, endPage - page, JOURNAL_PAGES_PER_GRAIN - pageInGrain(page)}));
         u32 done = 0;
@@ -37,23 +40,23 @@ RcStatus walkPages(JournalStore& store, u64 firstPage, u64 endPage, std::string*
 class Planner
 {
 public:
-    Planner(JournalStore& store, u64 items, u64 lastPage)
-        : m_store(store), m_items(items), m_lastPage(lastPage), m_old(store.begin()),
-          m_walked(m_old)
+    Planner(JournalStore& store, u64 items, u64 lastPage, const std::function<bool()>& stopped)
+        : m_store(store), m_items(items), m_lastPage(lastPage), m_stopped(stopped),
+          m_old(store.begin()), m_walked(m_old)
     {}
 
     JournalTrimPlan plan()
     {
         m_plan.m_begin = m_old;
         const u64 end = m_store.endPage();
-        bool stopped = false;
-        m_plan.m_rc =
-            walkPages(m_store, m_old.m_page, end, &m_plan.m_message, [&](const JournalPage& page) {
-                stopped = !take(page);
-                return !stopped;
-            });
+        bool isPast = false;
+        m_plan.m_rc = walkPages(m_store, m_old.m_page, end, &m_plan.m_message, m_stopped,
+                                [&](const JournalPage& page) {
+                                    isPast = !take(page);
+                                    return !isPast;
+                                });
         // All of the journal may go, up to where the next page will be.
-        if (m_plan.m_rc == RC_SUCCESS && !stopped && end <= m_lastPage &&
+        if (m_plan.m_rc == RC_SUCCESS && !isPast && end <= m_lastPage &&
             m_walked.m_items <= m_items)
             propose(end);
         if (m_plan.m_rc == RC_SUCCESS && m_plan.m_begin.m_page > m_old.m_page)
@@ -110,8 +113,8 @@ private:
         JournalBegin& begin = m_plan.m_begin;
         begin.m_firstGrain = begin.m_lastGrain;
         bool found = false;
-        const RcStatus rc =
-            walkPages(m_store, begin.m_page, end, &m_plan.m_message, [&](const JournalPage& page) {
+        const RcStatus rc = walkPages(
+            m_store, begin.m_page, end, &m_plan.m_message, m_stopped, [&](const JournalPage& page) {
                 for (u32 slot = 0; slot < page.m_count && !found; ++slot) {
                     if (!page.m_items[slot].is_io_type_with_ud())
                         continue;
@@ -146,6 +149,7 @@ private:
     JournalStore& m_store;
     const u64 m_items;
     const u64 m_lastPage;
+    const std::function<bool()>& m_stopped;
     const JournalBegin m_old;
     JournalBegin m_walked; // a beginning behind the page walked last, but for its page and grain
     u64 m_walkedBlocks = 0;
@@ -157,9 +161,10 @@ private:
 
 } // namespace
 
-JournalTrimPlan planJournalTrim(JournalStore& store, u64 items, u64 lastPage)
+JournalTrimPlan planJournalTrim(JournalStore& store, u64 items, u64 lastPage,
+                                const std::function<bool()>& stopped)
 {
-    return Planner(store, items, lastPage).plan();
+    return Planner(store, items, lastPage, stopped).plan();
 }
 
 RcStatus visitJournalItems(JournalStore& store, u64 firstPage, u64 endPage,
@@ -168,7 +173,7 @@ RcStatus visitJournalItems(JournalStore& store, u64 firstPage, u64 endPage,
     std::string ignored;
     RcStatus visited = RC_SUCCESS;
     const RcStatus rc =
-        walkPages(store, firstPage, endPage, &ignored, [&](const JournalPage& page) {
+        walkPages(store, firstPage, endPage, &ignored, {}, [&](const JournalPage& page) {
             for (u32 slot = 0; slot < page.m_count && visited == RC_SUCCESS; ++slot)
                 visited = visit(page.m_items[slot]);
             return visited == RC_SUCCESS;

@@ -21,9 +21,10 @@ struct JournalTrimPlan
 
 // The latest beginning with no more than `items` logical items before it that does not lie behind
 // the page `lastPage`. Reads the metadata up to there, and that of the first item behind it that
-// has data; changes nothing. RC_DAMAGED, RC_IO_ERROR. Thread safety: any thread; one trim at a
-// time.
-JournalTrimPlan planJournalTrim(JournalStore& store, u64 items, u64 lastPage);
+// has data; changes nothing. stopped: asked now and then, true ends it with RC_ABORTED; empty:
+// never. RC_DAMAGED, RC_IO_ERROR. Thread safety: any thread; one trim at a time.
+JournalTrimPlan planJournalTrim(JournalStore& store, u64 items, u64 lastPage,
+                                const std::function<bool()>& stopped = {});
 
 // Visits the items of the pages from `firstPage` on before `endPage`, in their order, while `visit`
 // answers RC_SUCCESS; returns its failure, or RC_DAMAGED, RC_IO_ERROR.

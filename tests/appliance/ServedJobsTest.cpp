@@ -156,15 +156,14 @@ TEST_F(ServedJobsTest, EverythingIsAppliedAndTrimmedWhileClientsGoOn)
 
 TEST_F(ServedJobsTest, ATrimThatWasStoppedIsFinishedByTheNextOne)
 {
-    class StopsAt : public FlowControl
+    class StopsAmid : public FlowControl
     {
     public:
-        explicit StopsAt(u32 calls) : m_calls(calls) {}
-        bool stopRequested() override { return ++m_asked >= m_calls; }
+        explicit StopsAmid(Mirror& mirror) : m_mirror(mirror) {}
+        bool stopRequested() override { return m_mirror.untakenPage() != ~u64{0}; }
 
     private:
-        const u32 m_calls;
-        u32 m_asked = 0;
+        Mirror& m_mirror;
     };
     makeMirror();
     writeRandomly(31, 1500);
@@ -176,8 +175,8 @@ TEST_F(ServedJobsTest, ATrimThatWasStoppedIsFinishedByTheNextOne)
     ChosenPoint point;
     point.m_items = 1500;
     ASSERT_TRUE(jobs.apply(JobOrigin::Command, point, ApplyOptions(), control, &applied).ok());
-    // The second time that it asks it is among the items that go.
-    StopsAt stops(2);
+    // As soon as it is among the items that go.
+    StopsAmid stops(m_served->mirror());
     TrimStatistics trimmed;
     EXPECT_EQ(jobs.trim(JobOrigin::Command, point, TrimOptions(), stops, &trimmed).code(),
               ResultCode::Interrupted);
