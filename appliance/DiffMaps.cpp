@@ -57,7 +57,10 @@ DiffMaps::DiffMaps(Mirror& mirror, ViewShelf& views)
       })
 {}
 
-DiffMaps::DiffMaps(ViewShelf& views, Maker maker) : m_views(views), m_make(std::move(maker)) {}
+DiffMaps::DiffMaps(ViewShelf& views, Maker maker) : m_views(views), m_make(std::move(maker))
+{
+    m_views.setBeside([this] { return memoryBytes(); });
+}
 
 Result DiffMaps::open(const ChosenPoint& from, const ChosenPoint& to,
                       std::shared_ptr<const Extents>* extents)

@@ -2,8 +2,9 @@
 //
 //   open(A, B): ready -> shared; being built by another thread -> waited for; else built here
 //
-// They share the budget of the views, which they come after: views that nobody has open go where a
-// map has no room, and the map that is being built is refused where that does not suffice.
+// They share the budget of the views: views that nobody has open go where a map has no room, and
+// the map that is being built is refused where that does not suffice; and a view is refused where
+// the maps leave it none.
 //
 // Thread safety: any thread. No lock is held while a map is built, so that other maps, and those
 // that are ready, do not wait for it.
@@ -40,6 +41,7 @@ public:
     DiffMaps(Mirror& mirror, ViewShelf& views);
     // REQUIRES of maker: all that it makes is of points that are journaled, durable or not.
     DiffMaps(ViewShelf& views, Maker maker);
+    ~DiffMaps() { m_views.setBeside({}); }
     DiffMaps(const DiffMaps&) = delete;
     DiffMaps& operator=(const DiffMaps&) = delete;
 

@@ -4,10 +4,23 @@
 
 #include "RegionLocator/RegionLocatorMetaDataContainer.h"
 #include "appliance/SpanScan.h"
+#include "common/infra/LogItem.h"
 
 namespace {
 
 constexpr CpId_t NO_CHECKPOINT = ~CpId_t{0};
+
+// Those that wait for the group have to be answered whatever happens, also where there is not even
+// memory for the line.
+void tellCutOff(const std::exception& exception) noexcept
+{
+    try {
+        LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
+            << "a group of writes was cut off: " << exception.what() << std::endl;
+    } catch (const std::exception&) {
+        // Nothing is left to tell it with.
+    }
+}
 
 } // namespace
 
@@ -94,8 +107,9 @@ void LiveVolume::lead(Waiting& leader)
     }
     try {
         appendGroup(first);
-    } catch (const std::exception&) {
-        // The heap gave nothing: each request keeps the status that it had got by then.
+    } catch (const std::exception& exception) {
+        // Each request keeps the status that it had got by then.
+        tellCutOff(exception);
     }
     m_groups.fetch_add(1, std::memory_order_relaxed);
     const auto wake = [](Waiting* one, Waiting::State state) {

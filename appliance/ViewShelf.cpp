@@ -41,14 +41,25 @@ u64 ViewShelf::bytesLocked() const
 {
     u64 bytes = m_aloneBytes;
     for (const auto& [items, slot] : m_slots)
-        bytes += slot.m_bytes;
+        bytes += slot.bytes();
     return bytes;
+}
+
+bool ViewShelf::fitsLocked() const
+{
+    const u64 beside = m_beside ? m_beside() : 0;
+    return bytesLocked() + beside <= m_budgetBytes;
+}
+
+void ViewShelf::setBeside(std::function<u64()> bytes)
+{
+    MutexGuard guard(m_mutex);
+    m_beside = std::move(bytes);
 }
 
 // Lets unused views go until the rest fits; what goes is destroyed without the lock.
 bool ViewShelf::makeRoomLocked(Gone* gone)
 {
-    u64 bytes = bytesLocked();
     for (;;) {
         u64 unused = 0;
         auto oldest = m_slots.end();
@@ -59,11 +70,10 @@ bool ViewShelf::makeRoomLocked(Gone* gone)
             if (oldest == m_slots.end() || at->second.m_lastUse < oldest->second.m_lastUse)
                 oldest = at;
         }
-        if (bytes <= m_budgetBytes && unused <= MOST_UNUSED)
+        if (unused <= MOST_UNUSED && fitsLocked())
             return true;
         if (unused == 0)
             return false;
-        bytes -= oldest->second.m_bytes;
         gone->push_back(std::move(oldest->second.m_shared));
         m_slots.erase(oldest);
         ++m_dropped;
@@ -293,7 +303,7 @@ ViewShelfReport ViewShelf::report()
     for (const auto& [items, slot] : m_slots) {
         ++report.m_views;
         report.m_open += slot.m_leases > 0;
-        report.m_bytes += slot.m_bytes;
+        report.m_bytes += slot.bytes();
     }
     report.m_bytes += m_aloneBytes;
     report.m_budgetBytes = m_budgetBytes;

@@ -5,15 +5,18 @@
 //   from the nearest earlier view where copying its regions and scanning the items between costs
 //   less than a scan from the journal's beginning
 //
-// When the budget is used up, views that nobody has open go, the least recently used one first; if
-// that does not suffice the one that is being built is refused, never one that is open. However
-// small they are, no more than a few dozen stay that nobody has open: each holds a file open.
+// The maps of what changed between two points (DiffMaps.h) take part in the budget. When it is used
+// up, views that nobody has open go, the least recently used one first; if that does not suffice the
+// one that is being built is refused, never one that is open. However small they are, no more than a
+// few dozen stay that nobody has open: each holds a file open.
 //
 // Thread safety: any thread.
 // Invariants: 1. two connections to one point have one view; points that hold the same items are
 //                one point here;
-//             2. what the views take together, those being built too, exceeds the budget by no more
-//                than what one step of a build adds.
+//             2. what the views and what takes part beside them take together, those being built
+//                too, exceeds the budget, when a view is opened, by no more than what one step of
+//                a build adds. A view counts with what it takes at the time, as a trim takes
+//                regions out of it.
 #pragma once
 
 #include <atomic>
@@ -29,7 +32,7 @@ struct ViewShelfReport
 {
     u64 m_views = 0; // that are kept, open or not
     u64 m_open = 0;  // of these, in use
-    u64 m_bytes = 0; // of their indexes, those being built too
+    u64 m_bytes = 0; // of their indexes now, those being built too
     u64 m_budgetBytes = 0;
     u64 m_built = 0;     // since the beginning
     u64 m_continued = 0; // of these, from an earlier view
@@ -119,13 +122,19 @@ public:
 
     u64 budgetBytes() const { return m_budgetBytes; }
 
+    // What takes part in the budget beside the views: asked with the shelf's lock held. Empty:
+    // nothing. It is asked no more when this returns.
+    void setBeside(std::function<u64()> bytes);
+
 private:
     struct Slot
     {
         std::shared_ptr<Shared> m_shared; // null while it is built
         u64 m_leases = 0;
         u64 m_lastUse = 0;
-        u64 m_bytes = 0; // as it was built, or is by now
+        u64 m_bytes = 0; // that the build has taken so far
+
+        u64 bytes() const { return m_shared != nullptr ? m_shared->view().memoryBytes() : m_bytes; }
     };
     using Slots = std::map<u64, Slot>; // by items
     using Gone = std::vector<std::shared_ptr<Shared>>;
@@ -141,6 +150,7 @@ private:
     Result noRoom(const ChosenPoint& point) const;
     bool makeRoomLocked(Gone* gone) RL_REQUIRES(m_mutex);
     u64 bytesLocked() const RL_REQUIRES(m_mutex);
+    bool fitsLocked() const RL_REQUIRES(m_mutex);
     void leaseLocked(u64 items, Slot& slot, Lease* lease) RL_REQUIRES(m_mutex);
     void giveBack(u64 items);
 
@@ -155,6 +165,7 @@ private:
     Slots m_slots RL_GUARDED_BY(m_mutex);
     bool m_isAloneTaken RL_GUARDED_BY(m_mutex) = false;
     u64 m_aloneBytes RL_GUARDED_BY(m_mutex) = 0; // of the view that nobody shares
+    std::function<u64()> m_beside RL_GUARDED_BY(m_mutex);
     u64 m_uses RL_GUARDED_BY(m_mutex) = 0;
     u64 m_built RL_GUARDED_BY(m_mutex) = 0;
     u64 m_continued RL_GUARDED_BY(m_mutex) = 0;

@@ -7,6 +7,7 @@
 #include "appliance/DiffMaps.h"
 #include "appliance/Trim.h"
 #include "tests/appliance/MirrorFixture.h"
+#include "tests/support/Regions.h"
 
 namespace {
 
@@ -352,6 +353,142 @@ TEST_F(ViewShelfTest, WhoWaitsForAViewOfItsOwnCanBeStopped)
     });
     EXPECT_EQ(result.code(), ResultCode::Interrupted);
     EXPECT_TRUE(m_shelf->useAlone(point(5), control, [](View&) { return Result(); }).ok());
+}
+
+TEST_F(ViewShelfTest, AViewIsRefusedWhereMapsLeaveItNoRoom)
+{
+    makeMirror();
+    writeRandomly(9, 60);
+    makeShelf();
+    const u64 viewBytes = open(60)->view().memoryBytes();
+    m_shelf.reset();
+    // A map that takes half of what there is, and a view that takes just a little more than half.
+    makeShelf(2 * viewBytes - 64);
+    DiffMaps maps(*m_shelf, [&](const ChosenPoint&, const ChosenPoint&, FlowControl&,
+                                const DiffAdmits&, DiffMaps::Extents* extents) {
+        extents->reserve(viewBytes / sizeof(DiffExtent));
+        return Result();
+    });
+    std::shared_ptr<const DiffMaps::Extents> map;
+    ASSERT_TRUE(maps.open(point(10), point(50), &map).ok());
+    ViewShelf::Lease lease;
+    const Result result = m_shelf->open(point(60), &lease);
+    EXPECT_EQ(result.code(), ResultCode::NoSpace) << result.message();
+    map.reset();
+    EXPECT_TRUE(m_shelf->open(point(60), &lease).ok());
+}
+
+// What a trim takes out of a view gives others room.
+TEST_F(ViewShelfTest, AViewCountsWithWhatItTakesNow)
+{
+    MirrorSettings settings;
+    settings.m_sizeBytes = u64{64} << 20;
+    ASSERT_TRUE(Mirror::create(folder(), settings).ok());
+    openMirror();
+    const std::vector<u8> data(BLOCK_BYTES, 5);
+    constexpr u64 ITEMS = 20000;
+    for (u64 i = 0; i < ITEMS; ++i)
+        ASSERT_TRUE(m_mirror->write(i * 2, data.data(), 1).ok());
+    ASSERT_TRUE(m_mirror->flush().ok());
+    makeShelf();
+    const ViewShelf::Lease lease = open(ITEMS);
+    const u64 before = m_shelf->report().m_bytes;
+    EXPECT_GE(before, ITEMS * 64);
+    FlowControl control;
+    ApplyStatistics applied;
+    TrimStatistics trimmed;
+    ASSERT_TRUE(
+        applyMirror(*m_mirror, m_host.getEngine(), point(ITEMS), ApplyOptions(), control, &applied)
+            .ok());
+    ASSERT_TRUE(
+        trimMirror(*m_mirror, m_host.getEngine(), point(ITEMS), TrimOptions(), control, &trimmed)
+            .ok());
+    ASSERT_EQ(lease->view().locator().getItemCount(), 0u);
+    EXPECT_EQ(m_shelf->report().m_bytes, lease->view().memoryBytes());
+    EXPECT_LT(m_shelf->report().m_bytes, before / 2);
+}
+
+// Asked at the n-th time to stop, or refused the memory then.
+TEST_F(ViewShelfTest, GoingOnFromAnEarlierViewEndsWhenItIsToldTo)
+{
+    MirrorSettings settings;
+    settings.m_sizeBytes = u64{1} << 30; // several steps
+    ASSERT_TRUE(Mirror::create(folder(), settings).ok());
+    openMirror();
+    const std::vector<u8> data(40000 * BLOCK_BYTES, 5);
+    // Without gaps, so that every step ends inside a region.
+    for (u64 block = 0; block + 40000 <= settings.sizeBlocks(); block += 40000)
+        ASSERT_TRUE(m_mirror->writeZeroes(block, 40000).ok());
+    ASSERT_TRUE(m_mirror->write(77, data.data(), 1).ok());
+    ASSERT_TRUE(m_mirror->flush().ok());
+    const u64 items = m_mirror->journal().itemCount();
+    const std::unique_ptr<View> from = view(items - 1);
+    class Stops : public FlowControl
+    {
+    public:
+        explicit Stops(u64 looks) : m_left(looks) {}
+        bool stopRequested() override { return m_left == 0 || --m_left == 0; }
+        u64 m_left;
+    };
+    ViewBuildOptions options;
+    options.m_from = from.get();
+    u32 interrupted = 0;
+    Result result(ResultCode::Interrupted, "");
+    std::unique_ptr<View> built;
+    for (u64 looks = 1; !result.ok(); ++looks) {
+        ASSERT_LT(looks, 100u);
+        Stops stops(looks);
+        result = View::build(*m_mirror, point(items), stops, &built, options);
+        interrupted += result.code() == ResultCode::Interrupted;
+        ASSERT_TRUE(result.ok() || result.code() == ResultCode::Interrupted) << result.message();
+    }
+    EXPECT_GT(interrupted, 15u) << "asked in each step";
+    const std::unique_ptr<View> scanned = view(items);
+    const auto all = [&](View& one) {
+        return one.pieces(0, static_cast<u32>(settings.sizeBlocks()));
+    };
+    EXPECT_EQ(all(*built), all(*scanned)) << "cut nowhere";
+    EXPECT_EQ(built->locator().getItemCount(), scanned->locator().getItemCount());
+    FlowControl control;
+    u64 asked = 0;
+    options.m_admits = [&](u64) { return ++asked < 3; };
+    EXPECT_EQ(View::build(*m_mirror, point(items), control, &built, options).code(),
+              ResultCode::Interrupted);
+    EXPECT_EQ(asked, 3u);
+}
+
+// Views come and go in the middle of a removal, which is not done for those that have come.
+TEST_F(ViewShelfTest, ATrimKeepsNobodyFromOpeningAndClosingViews)
+{
+    makeMirror();
+    writeRandomly(10, 1500);
+    const u64 items = m_mirror->journal().itemCount();
+    std::unique_ptr<View> open = view(items);
+    FlowControl control;
+    ApplyStatistics applied;
+    ASSERT_TRUE(
+        applyMirror(*m_mirror, m_host.getEngine(), point(items), ApplyOptions(), control, &applied)
+            .ok());
+    class Opener : public FlowControl
+    {
+    public:
+        explicit Opener(std::function<void()> use) : m_use(std::move(use)) {}
+        void progress(u64, u64) override { m_use(); }
+        std::function<void()> m_use;
+    };
+    std::vector<std::unique_ptr<View>> opened;
+    Opener opener([&] {
+        opened.push_back(view(items));
+        if (opened.size() == 2)
+            open.reset();
+    });
+    TrimStatistics trimmed;
+    const Result result =
+        trimMirror(*m_mirror, m_host.getEngine(), point(items), TrimOptions(), opener, &trimmed);
+    ASSERT_TRUE(result.ok()) << result.message();
+    EXPECT_GT(opened.size(), 2u);
+    for (const std::unique_ptr<View>& one : opened)
+        EXPECT_EQ(readAll(*one), m_images.back());
 }
 
 } // namespace
