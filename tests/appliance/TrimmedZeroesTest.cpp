@@ -40,7 +40,7 @@ TEST(TrimmedZeroesTest, AreWhatABlockByBlockOracleSays)
 {
     for (const size_t maxRanges : {size_t{1}, size_t{2}, size_t{3}, size_t{8}, size_t{1000}}) {
         u32 shortened = 0;
-        for (u32 seed = 0; seed < 60; ++seed) {
+        for (u32 seed = 0; seed < 20; ++seed) {
             std::mt19937 random(seed);
             TrimmedZeroes zeroes;
             zeroes.setMaxRanges(maxRanges);
