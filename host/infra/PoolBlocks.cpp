@@ -19,6 +19,7 @@
 #ifdef RL_POOL_POISONS
 #include <sanitizer/asan_interface.h>
 namespace {
+constexpr bool POISONS = true;
 void closeMemory(const void* from, size_t bytes)
 {
     __asan_poison_memory_region(from, bytes);
@@ -30,6 +31,7 @@ void openMemory(const void* from, size_t bytes)
 } // namespace
 #else
 namespace {
+constexpr bool POISONS = false;
 void closeMemory(const void*, size_t) {}
 void openMemory(const void*, size_t) {}
 } // namespace
@@ -41,10 +43,12 @@ void PoolBlocks::configure(u32 chunkBytes, u32 blockBytes)
     HARD_CHECK(chunkBytes > 0 && blockBytes > 0);
     m_chunkBytes = chunkBytes;
     m_blockBytes = blockBytes;
-    m_strideBytes = std::max<u32>(std::bit_ceil(chunkBytes), sizeof(FreeChunk));
+    const u32 strideBytes = std::max<u32>(std::bit_ceil(chunkBytes), sizeof(FreeBlock));
+    m_strideShift = static_cast<u32>(std::countr_zero(strideBytes));
     m_blockMask = ~(static_cast<uintptr_t>(std::bit_ceil<u64>(blockBytes)) - 1);
-    const u32 headerChunks = (sizeof(Block) + m_strideBytes - 1) / m_strideBytes;
-    const u32 chunks = blockBytes / m_strideBytes;
+    const u32 chunks = blockBytes >> m_strideShift;
+    const size_t headerBytes = sizeof(Block) + (chunks + WORD_BITS - 1) / WORD_BITS * sizeof(u64);
+    const u32 headerChunks = static_cast<u32>((headerBytes + strideBytes - 1) >> m_strideShift);
     if (chunks < headerChunks + 2) {
         m_headerChunks = 0;
         m_capacity = 1;
@@ -60,42 +64,39 @@ bool PoolBlocks::accepts(const u8* block) const
         return false;
     const uintptr_t address = reinterpret_cast<uintptr_t>(block);
     // A block that is one chunk needs no mask, only room for a link.
-    return m_headerChunks == 0 ? address % alignof(FreeChunk) == 0
+    return m_headerChunks == 0 ? address % alignof(FreeBlock) == 0
                                : (address & m_blockMask) == address;
 }
 
-PoolBlocks::Block* PoolBlocks::blockOf(u8* chunk) const
+PoolBlocks::Block* PoolBlocks::blockOf(const u8* chunk) const
 {
     return reinterpret_cast<Block*>(reinterpret_cast<uintptr_t>(chunk) & m_blockMask);
 }
 
-u8* PoolBlocks::untouched(Block* block) const
-{
-    return reinterpret_cast<u8*>(block) +
-           size_t{m_headerChunks + block->m_firstUntouched} * m_strideBytes;
-}
-
 void PoolBlocks::reset(Block* block) const
 {
-    block->m_returned = nullptr;
     block->m_freeChunks = m_capacity;
-    block->m_firstUntouched = 0;
+    block->m_firstWord = 0;
+    u64* word = wordsOf(block);
+    for (u32 left = m_capacity; left > 0; ++word) {
+        const u32 bits = std::min(left, WORD_BITS);
+        *word = ~u64{0} >> (WORD_BITS - bits);
+        left -= bits;
+    }
 }
 
 void PoolBlocks::addBlock(u8* block)
 {
     ++m_blocks;
-    ++m_freeBlocks;
     m_freeChunks += m_capacity;
-    m_free = new (block) FreeChunk{m_free};
-    closeMemory(block + sizeof(FreeChunk), m_blockBytes - sizeof(FreeChunk));
+    addFree(block);
 }
 
 u8* PoolBlocks::removeFreeBlock()
 {
     if (m_free == nullptr)
         return nullptr;
-    FreeChunk* block = m_free;
+    FreeBlock* block = m_free;
     m_free = block->m_next;
     --m_blocks;
     --m_freeBlocks;
@@ -107,10 +108,10 @@ u8* PoolBlocks::removeFreeBlock()
 PoolBlocks::Block* PoolBlocks::firstPartial()
 {
     if (m_partial.m_next == &m_partial) {
-        FreeChunk* first = m_free;
+        FreeBlock* first = m_free;
         m_free = first->m_next;
         --m_freeBlocks;
-        openMemory(first, sizeof(Block));
+        openMemory(first, size_t{m_headerChunks} << m_strideShift);
         Block* block = new (first) Block;
         reset(block);
         block->m_next = block->m_previous = &m_partial;
@@ -119,10 +120,24 @@ PoolBlocks::Block* PoolBlocks::firstPartial()
     return static_cast<Block*>(m_partial.m_next);
 }
 
-void PoolBlocks::taken(Block* block, u32 chunks)
+u64& PoolBlocks::firstFreeWord(Block* block)
 {
+    u64* const words = wordsOf(block);
+    while (words[block->m_firstWord] == 0)
+        ++block->m_firstWord;
+    return words[block->m_firstWord];
+}
+
+void PoolBlocks::noteTaken(Block* block, u8* first, u64 bits)
+{
+    const u32 chunks = static_cast<u32>(std::popcount(bits));
     m_freeChunks -= chunks;
     block->m_freeChunks -= chunks;
+    if constexpr (POISONS) {
+        for (; bits != 0; bits &= bits - 1)
+            openMemory(first + (static_cast<size_t>(std::countr_zero(bits)) << m_strideShift),
+                       size_t{1} << m_strideShift);
+    }
     if (block->m_freeChunks == 0) {
         block->m_next->m_previous = block->m_previous;
         block->m_previous->m_next = block->m_next;
@@ -132,103 +147,79 @@ void PoolBlocks::taken(Block* block, u32 chunks)
 u8* PoolBlocks::takeChunk()
 {
     if (m_headerChunks == 0) {
-        FreeChunk* first = m_free;
+        FreeBlock* first = m_free;
         m_free = first->m_next;
         --m_freeBlocks;
         --m_freeChunks;
         openMemory(first, m_blockBytes);
         return reinterpret_cast<u8*>(first);
     }
-    Block* block = firstPartial();
-    if (block->m_returned == nullptr)
-        return takeRun(1);
-    u8* chunk = reinterpret_cast<u8*>(block->m_returned);
-    openMemory(chunk, m_strideBytes);
-    block->m_returned = block->m_returned->m_next;
-    taken(block, 1);
-    return chunk;
+    u8* taken = nullptr;
+    takeChunks(1, [&taken](u8* chunk) { taken = chunk; });
+    return taken;
 }
 
-u32 PoolBlocks::untouchedRun()
+bool PoolBlocks::giveChunk(u8* chunk)
 {
-    if (m_headerChunks == 0)
-        return 0;
-    const Block* block = firstPartial();
-    return block->m_returned != nullptr ? 0 : m_capacity - block->m_firstUntouched;
-}
-
-u8* PoolBlocks::takeRun(u32 chunks)
-{
-    Block* block = firstPartial();
-    u8* first = untouched(block);
-    openMemory(first, size_t{chunks} * m_strideBytes);
-    block->m_firstUntouched += chunks;
-    taken(block, chunks);
-    return first;
+    return giveChunks(&chunk, 1);
 }
 
 bool PoolBlocks::giveChunks(u8* const* chunks, u32 count)
 {
     bool someBlockIsFree = false;
+    if (m_headerChunks == 0) {
+        for (u32 i = 0; i < count; ++i)
+            addFree(chunks[i]);
+        m_freeChunks += count;
+        return count > 0;
+    }
     for (u32 i = 0; i < count;) {
-        u8* const first = chunks[i++];
-        if (giveChunk(first)) {
-            someBlockIsFree = true;
-            continue;
-        }
-        Block* block = blockOf(first);
-        if (first != untouched(block))
-            continue;
-        // As long as the next ones are the last ones carved, they go back the same way; but for
-        // one, with which the block may become free.
-        const u32 most = std::min(count - i, m_capacity - block->m_freeChunks - 1);
-        const u8* next = first;
-        u32 run = 0;
-        while (run < most && chunks[i + run] == next - m_strideBytes) {
-            next -= m_strideBytes;
-            ++run;
-        }
-        block->m_firstUntouched -= run;
-        block->m_freeChunks += run;
-        m_freeChunks += run;
-        i += run;
-        closeMemory(next, size_t{run} * m_strideBytes);
+        // As many as follow each other in one block are counted at once.
+        Block* const block = blockOf(chunks[i]);
+        u64* const words = wordsOf(block);
+        u32 firstWord = block->m_firstWord;
+        const u32 first = i;
+        do {
+            u8* const chunk = chunks[i];
+            const size_t bytes = static_cast<size_t>(chunk - reinterpret_cast<u8*>(block));
+            const u32 index = static_cast<u32>(bytes >> m_strideShift) - m_headerChunks;
+            const u32 word = index / WORD_BITS;
+            words[word] |= u64{1} << index % WORD_BITS;
+            firstWord = std::min(firstWord, word);
+            closeMemory(chunk, size_t{1} << m_strideShift);
+            ++i;
+        } while (i < count && blockOf(chunks[i]) == block);
+        block->m_firstWord = firstWord;
+        someBlockIsFree |= noteGiven(block, i - first);
     }
     return someBlockIsFree;
 }
 
-bool PoolBlocks::giveChunk(u8* chunk)
+bool PoolBlocks::noteGiven(Block* block, u32 chunks)
 {
-    ++m_freeChunks;
-    if (m_headerChunks == 0) {
-        ++m_freeBlocks;
-        m_free = new (chunk) FreeChunk{m_free};
-        closeMemory(chunk + sizeof(FreeChunk), m_blockBytes - sizeof(FreeChunk));
-        return true;
-    }
-    Block* block = blockOf(chunk);
-    // The last chunk carved is put back where it came from, without a look at its memory.
-    if (chunk + m_strideBytes == untouched(block))
-        --block->m_firstUntouched;
-    else
-        block->m_returned = new (chunk) FreeChunk{block->m_returned};
-    closeMemory(chunk, m_strideBytes);
-    if (++block->m_freeChunks == 1) {
+    m_freeChunks += chunks;
+    if (block->m_freeChunks == 0) {
         // At the end: the blocks before it are used up first, and this one may become free.
         block->m_next = &m_partial;
         block->m_previous = m_partial.m_previous;
         m_partial.m_previous->m_next = block;
         m_partial.m_previous = block;
     }
+    block->m_freeChunks += chunks;
     if (block->m_freeChunks < m_capacity)
         return false;
     block->m_next->m_previous = block->m_previous;
     block->m_previous->m_next = block->m_next;
-    u8* memory = reinterpret_cast<u8*>(block);
-    ++m_freeBlocks;
-    m_free = new (memory) FreeChunk{m_free};
-    closeMemory(memory + sizeof(FreeChunk), m_blockBytes - sizeof(FreeChunk));
+    addFree(reinterpret_cast<u8*>(block));
     return true;
+}
+
+// Links a block of which no chunk is used.
+void PoolBlocks::addFree(u8* block)
+{
+    ++m_freeBlocks;
+    m_free = new (block) FreeBlock{m_free};
+    closeMemory(block + sizeof(FreeBlock), m_blockBytes - sizeof(FreeBlock));
 }
 
 void PoolBlocks::forgetUsedBlocks()

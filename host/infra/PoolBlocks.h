@@ -1,10 +1,11 @@
 // The blocks of a memory pool, and the chunks carved from them.
 //
 // A block is a large piece of memory aligned to a power of two that is not smaller than itself. It
-// begins with its own header, so that a chunk's block is found by masking the chunk's address. A
-// free chunk holds the link to the next one in itself; chunks that were never handed out are not
-// even linked, so that a new block costs nothing to carve. A block too small for a header and two
-// chunks is one chunk, and has no header: it is its own block.
+// begins with its own header, so that a chunk's block is found by masking the chunk's address, and
+// the header has a bit for each chunk that is free. So free memory is not looked at: a new block
+// costs nothing to carve, and what is reserved in plenty and given back again stays out of the
+// caches. A block too small for a header and two chunks is one chunk, and has no header: it is its
+// own block.
 //
 // A plain data structure: its owner holds the lock.
 //
@@ -13,7 +14,8 @@
 //             3. partly used blocks are taken from before wholly free ones.
 #pragma once
 
-#include <algorithm>
+#include <bit>
+#include <cstddef>
 
 #include "common/infra/Types.h"
 
@@ -39,30 +41,32 @@ public:
     // REQUIRES: freeChunks() > 0.
     u8* takeChunk();
 
-    // Takes `count` chunks and calls take(chunk) for each. REQUIRES: so many are free.
-    // Chunks carved now come last one first: who uses them from the end on, and gives the others
-    // back, leaves the block as if they had not been carved.
+    // Takes `count` chunks and calls take(chunk) for each, a block's in the order of their
+    // addresses. REQUIRES: so many are free.
     template <class Take> void takeChunks(u32 count, Take take)
     {
-        while (count > 0) {
-            const u32 run = std::min(count, untouchedRun());
-            if (run == 0) {
+        if (m_headerChunks == 0) {
+            for (; count > 0; --count)
                 take(takeChunk());
-                --count;
-                continue;
-            }
-            u8* chunk = takeRun(run) + size_t{run} * m_strideBytes;
-            for (u32 i = 0; i < run; ++i)
-                take(chunk -= m_strideBytes);
-            count -= run;
+            return;
+        }
+        while (count > 0) {
+            Block* const block = firstPartial();
+            u64& word = firstFreeWord(block);
+            const u64 before = word;
+            u8* const first = chunkOf(block, block->m_firstWord);
+            u32 taken = 0;
+            for (; word != 0 && taken < count; ++taken, word &= word - 1)
+                take(first + (static_cast<size_t>(std::countr_zero(word)) << m_strideShift));
+            count -= taken;
+            noteTaken(block, first, before & ~word);
         }
     }
 
     // chunk: as takeChunk() returned it. True when its block is now wholly free.
     bool giveChunk(u8* chunk);
 
-    // The same for many, best in the order in which takeChunks() took them. True when some block is
-    // now wholly free.
+    // The same for many. True when some block is now wholly free.
     bool giveChunks(u8* const* chunks, u32 count);
 
     // Lets go of the blocks that are in use; their chunks must not come back.
@@ -77,9 +81,9 @@ public:
     u64 usedChunks() const { return m_blocks * m_capacity - m_freeChunks; }
 
 private:
-    struct FreeChunk
+    struct FreeBlock
     {
-        FreeChunk* m_next;
+        FreeBlock* m_next;
     };
 
     // What a list links. The head of the list of partly used blocks is one, too.
@@ -91,28 +95,36 @@ private:
 
     struct Block : Links
     {
-        FreeChunk* m_returned; // chunks that were handed out and came back
         u32 m_freeChunks;
-        u32 m_firstUntouched; // index of the first chunk that was never handed out
+        u32 m_firstWord; // no chunk is free in the words before
+        // and the words of free bits
     };
 
-    Block* blockOf(u8* chunk) const;
-    // The first of the chunks that the block has never handed out.
-    u8* untouched(Block* block) const;
+    static constexpr u32 WORD_BITS = 64;
+
+    Block* blockOf(const u8* chunk) const;
+    static u64* wordsOf(Block* block) { return reinterpret_cast<u64*>(block + 1); }
+    // The first chunk of a word.
+    u8* chunkOf(Block* block, u32 word) const
+    {
+        return reinterpret_cast<u8*>(block) +
+               ((size_t{m_headerChunks} + size_t{word} * WORD_BITS) << m_strideShift);
+    }
     // The block to take from. REQUIRES: some chunk is free, and a block is more than one chunk.
     Block* firstPartial();
-    // Counts chunks of the block as taken; a full one is in no list: its chunks know the way back.
-    void taken(Block* block, u32 chunks);
-    // Chunks that the block to take from has never handed out, if it has no others; 0 as well where
-    // a block is one chunk. REQUIRES: some chunk is free.
-    u32 untouchedRun();
-    // The first of so many of them.
-    u8* takeRun(u32 chunks);
+    // REQUIRES: some chunk of the block is free.
+    static u64& firstFreeWord(Block* block);
+    // Counts the chunks of these bits, from `first` on, as taken; a full block is in no list: its
+    // chunks know the way back.
+    void noteTaken(Block* block, u8* first, u64 bits);
+    // Counts chunks of the block as free again. True when it is wholly free now.
+    bool noteGiven(Block* block, u32 chunks);
+    void addFree(u8* block);
     void reset(Block* block) const;
 
     u32 m_chunkBytes = 0;
     u32 m_blockBytes = 0;
-    u32 m_strideBytes = 0;  // from one chunk to the next
+    u32 m_strideShift = 0;  // from one chunk to the next, 1 << it bytes
     u32 m_headerChunks = 0; // chunks that the header takes; 0 when a block is one chunk
     u32 m_capacity = 0;     // chunks to hand out in a block
     uintptr_t m_blockMask = 0;
@@ -121,5 +133,5 @@ private:
     u64 m_freeBlocks = 0;
     u64 m_freeChunks = 0;
     Links m_partial;             // blocks with free and used chunks
-    FreeChunk* m_free = nullptr; // wholly free blocks, linked through their first bytes
+    FreeBlock* m_free = nullptr; // wholly free blocks, linked through their first bytes
 };

@@ -97,12 +97,21 @@ u64 PoolCore::mostChunksLocked()
 
 void PoolCore::take(const PoolFill& request, u32 chunks)
 {
-    u32 leftBytes = request.m_sizeBytes;
-    m_blocks.takeChunks(chunks, [this, &request, &leftBytes](u8* chunk) {
-        const u32 sizeBytes = std::min(leftBytes, m_chunkBytes);
-        request.m_buf->addSegment(MemorySegment(sizeBytes, chunk, request.m_mmi));
-        leftBytes -= sizeBytes;
-    });
+    ScatteredBuf* const buf = request.m_buf;
+    ModuleMemoryInformation* const mmi = request.m_mmi;
+    const u32 chunkBytes = m_chunkBytes;
+    if (request.m_sizeBytes % chunkBytes == 0) {
+        m_blocks.takeChunks(chunks, [buf, mmi, chunkBytes](u8* chunk) {
+            buf->addSegment(MemorySegment(chunkBytes, chunk, mmi));
+        });
+    } else {
+        u32 leftBytes = request.m_sizeBytes;
+        m_blocks.takeChunks(chunks, [buf, mmi, chunkBytes, &leftBytes](u8* chunk) {
+            const u32 sizeBytes = std::min(leftBytes, chunkBytes);
+            buf->addSegment(MemorySegment(sizeBytes, chunk, mmi));
+            leftBytes -= sizeBytes;
+        });
+    }
     request.m_mmi->addChunks(chunks);
     m_usedBytesNet += request.m_sizeBytes;
 }

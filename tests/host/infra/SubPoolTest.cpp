@@ -13,7 +13,7 @@
 namespace {
 
 constexpr u32 BLOCK = 64 * 1024;
-constexpr u32 PER_BLOCK = BLOCK / 64 - 1; // the header takes one chunk
+constexpr u32 PER_BLOCK = BLOCK / 64 - 3; // the header takes three chunks
 
 class SubPoolTest : public testing::Test
 {
