@@ -4,6 +4,25 @@
 
 #include "appliance/ControlSocket.h"
 
+namespace {
+
+constexpr int MAX_DEPTH = 32;
+
+} // namespace
+
+Result parseControlLine(const std::string& line, JsonValue* value)
+{
+    bool tooDeep = false;
+    const auto keep = [&](int depth, JsonValue::parse_event_t, JsonValue&) {
+        tooDeep = tooDeep || depth > MAX_DEPTH;
+        return !tooDeep;
+    };
+    *value = JsonValue::parse(line, keep, false);
+    if (tooDeep)
+        return Result::usage("the line is nested too deeply for a command");
+    return value->is_discarded() ? Result::usage("the line is no JSON") : Result();
+}
+
 std::string controlLine(const JsonValue& fields)
 {
     JsonValue line = {{"version", CONTROL_VERSION}};

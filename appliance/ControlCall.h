@@ -23,6 +23,11 @@
 using ControlHandler = std::function<Result(const std::string& command, const JsonValue& arguments,
                                             CommandControl& control, JsonValue* result)>;
 
+// Reads a line of the protocol. WrongUsage: it is no JSON, or nested deeper than any command or
+// answer is: to copy such a value takes stack for each level, and a line has room for more levels
+// than a thread has stack.
+Result parseControlLine(const std::string& line, JsonValue* value);
+
 // The lines of the protocol, with their ends.
 std::string controlError(const Result& result);
 std::string controlLine(const JsonValue& fields);

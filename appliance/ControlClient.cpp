@@ -84,7 +84,9 @@ Result ControlClient::receive()
 bool ControlClient::take(const std::string& line, CommandControl& control, JsonValue* fields,
                          Result* result)
 {
-    const JsonValue answer = JsonValue::parse(line, nullptr, false);
+    JsonValue answer;
+    if (!parseControlLine(line, &answer).ok())
+        answer = nullptr; // as any other that is not understood
     CommandArguments parts(answer);
     const std::string type = parts.text("type");
     const std::string text = parts.text("text");

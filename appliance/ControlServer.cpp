@@ -250,7 +250,9 @@ void ControlServer::look(Connection& connection)
 
 void ControlServer::takeLine(Connection& connection, const std::string& line)
 {
-    const JsonValue request = JsonValue::parse(line, nullptr, false);
+    JsonValue request;
+    if (const Result parsed = parseControlLine(line, &request); !parsed.ok())
+        return refuse(connection, parsed);
     const auto version = request.is_object() ? request.find("version") : request.end();
     const auto command = request.is_object() ? request.find("command") : request.end();
     if (!request.is_object() || version == request.end() || command == request.end() ||

@@ -250,6 +250,38 @@ TEST_F(ControlTest, GarbageIsToldSoAndCutOff)
     expectServed();
 }
 
+// Such a line fits within the limit of its length, and needs no stack in proportion to its depth.
+TEST_F(ControlTest, DeepNestingIsToldSoAndCutOff)
+{
+    serve();
+    const auto nested = [](size_t levels, const std::string& open, const std::string& close) {
+        std::string line = R"({"version": 1, "command": "echo", "arguments": {"a": )";
+        for (size_t i = 0; i < levels; ++i)
+            line += open;
+        line += "1";
+        for (size_t i = 0; i < levels; ++i)
+            line += close;
+        return line + "}}";
+    };
+    for (const std::string& line : {nested(32000, "[", "]"), nested(10000, R"({"a":)", "}"),
+                                    nested(64, "[", "]"), std::string(60000, '[')}) {
+        const int fd = connected();
+        ASSERT_TRUE(send(fd, line + "\n"));
+        const std::string answer = receiveAll(fd);
+        close(fd);
+        const JsonValue parsed = JsonValue::parse(answer, nullptr, false);
+        ASSERT_TRUE(parsed.is_object()) << answer;
+        EXPECT_EQ(parsed["code"], 2);
+        EXPECT_EQ(parsed["message"], "the line is nested too deeply for a command");
+    }
+    const int fd = connected();
+    ASSERT_TRUE(send(fd, nested(20, "[", "]") + "\n"));
+    shutdown(fd, SHUT_WR);
+    EXPECT_NE(receiveAll(fd).find("accepted"), std::string::npos);
+    close(fd);
+    expectServed();
+}
+
 TEST_F(ControlTest, LinesWithoutEndAreCutOff)
 {
     serve();
