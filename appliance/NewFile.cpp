@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -16,14 +18,54 @@ std::string folderOf(const std::string& path)
     return folder.empty() ? "." : folder;
 }
 
+// What the temporary names of a file begin with, without the folder.
+std::string prefixOf(const std::string& path)
+{
+    return "." + fs::path(path).filename().string() + ".partial-";
+}
+
+bool isNumber(const std::string& text)
+{
+    return !text.empty() && text.find_first_not_of("0123456789-") == std::string::npos;
+}
+
+// Whether a file has no name any more.
+bool isUnlinked(int fd)
+{
+    struct stat status = {};
+    return fstat(fd, &status) == 0 && status.st_nlink == 0;
+}
+
+// Takes a file away if nobody is writing it.
+void removeIfLeft(const std::string& path)
+{
+    // A pipe would keep the opening waiting, a link would lead elsewhere.
+    const int fd = ::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    PosixFile file(fd);
+    struct stat status = {};
+    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && file.lock() == RC_SUCCESS)
+        unlink(path.c_str());
+}
+
+// What processes that are gone have left of a file.
+void removeLeft(const std::string& path)
+{
+    const std::string prefix = prefixOf(path);
+    std::vector<std::string> names;
+    FileStorage folder(folderOf(path));
+    if (folder.list("", &names) != RC_SUCCESS)
+        return; // making the file tells why
+    for (const std::string& name : names) {
+        if (name.compare(0, prefix.size(), prefix) == 0 && isNumber(name.substr(prefix.size())))
+            removeIfLeft((fs::path(folderOf(path)) / name).string());
+    }
+}
+
 } // namespace
 
-NewFile::NewFile(const std::string& path)
-    : m_path(path),
-      m_temporary((fs::path(folderOf(path)) / ("." + fs::path(path).filename().string() +
-                                               ".partial-" + std::to_string(getpid())))
-                      .string())
-{}
+NewFile::NewFile(const std::string& path) : m_path(path) {}
 
 NewFile::~NewFile()
 {
@@ -31,15 +73,37 @@ NewFile::~NewFile()
         unlink(m_temporary.c_str());
 }
 
+// A name may be another process's: of the same number, in another container or on another machine.
+Result NewFile::make(std::unique_ptr<PosixFile>* file)
+{
+    constexpr u32 MAX_TRIES = 100;
+    const std::string first =
+        (fs::path(folderOf(m_path)) / (prefixOf(m_path) + std::to_string(getpid()))).string();
+    for (u32 i = 0; i < MAX_TRIES; ++i) {
+        m_temporary = i == 0 ? first : first + "-" + std::to_string(i);
+        // Nobody else's file, nor one that a link leads to, is ever written to.
+        const int fd =
+            ::open(m_temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+        if (fd < 0 && errno == EEXIST)
+            continue;
+        if (fd < 0)
+            break;
+        auto made = std::make_unique<PosixFile>(fd);
+        // Somebody who clears up may have come between the two. Where files cannot be locked,
+        // nobody clears up.
+        if (made->lock() == RC_IN_USE || isUnlinked(fd))
+            continue;
+        *file = std::move(made);
+        return Result();
+    }
+    return Result::fromErrno(errno, "cannot make " + m_temporary);
+}
+
 Result NewFile::open(u64 sizeBytes)
 {
-    unlink(m_temporary.c_str());
-    // Nobody else's file, nor one that a link leads to, is ever written to.
-    const int fd =
-        ::open(m_temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
-    if (fd < 0)
-        return Result::fromErrno(errno, "cannot make " + m_temporary);
-    m_file = std::make_unique<PosixFile>(fd);
+    removeLeft(m_path);
+    if (Result result = make(&m_file); !result.ok())
+        return result;
     return Result::fromStatus(m_file->truncate(sizeBytes), "cannot make " + m_temporary + " of " +
                                                                std::to_string(sizeBytes) +
                                                                " bytes");

@@ -1,7 +1,9 @@
 // A file in the making: there as a whole or not at all.
 //
-// It is written under a temporary name beside its own, and takes its own when it is finished. The
-// leading dot and the suffix keep it out of any pattern by which finished files are found.
+// It is written under a temporary name beside its own, .NAME.partial-PROCESS, and takes its own
+// when it is finished. The leading dot and the suffix keep it out of any pattern by which finished
+// files are found. Whoever writes one holds a lock on it; so those that a process has left which
+// was killed are known, and go when the next file of that name is made.
 //
 // Thread safety: one thread at a time.
 #pragma once
@@ -21,8 +23,8 @@ public:
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
 
-    // Makes it, of that size, reading as zeroes. What a process of the same number has left under
-    // the temporary name goes.
+    // Makes it, of that size, reading as zeroes. What processes that are gone have left of a file
+    // of that name goes.
     Result open(u64 sizeBytes);
 
     // REQUIRES: open.
@@ -35,8 +37,10 @@ public:
     Result finish();
 
 private:
+    Result make(std::unique_ptr<PosixFile>* file);
+
     const std::string m_path;
-    const std::string m_temporary;
+    std::string m_temporary;
     std::unique_ptr<PosixFile> m_file; // while it is in the making
 };
 

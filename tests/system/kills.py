@@ -263,13 +263,12 @@ class Mirror:
 
     def compare_backups(self, plan, hit):
         expected = self.images.at(plan.items)
-        for name in os.listdir(self.folder):  # nobody is left to remove it
-            if ".partial-" in name:
-                os.unlink(os.path.join(self.folder, name))
         # It is there as a whole or not at all, and the same command succeeds then.
         check(hit or os.path.exists(plan.file), "no file though it ended well")
         if not os.path.exists(plan.file):
             rlctl(*plan.arguments)
+        left = [name for name in os.listdir(self.folder) if ".partial-" in name]
+        check(not left, "%s leaves %s behind" % (plan.kind, left))
         image = plan.file
         if plan.kind == "backup":
             self.backups.append((plan.file, plan.checkpoint))
