@@ -24,6 +24,9 @@ struct ServeAddress
     // Takes away a socket that a server left behind; InUse: one serves there; Failed: something
     // else is there.
     Result clear() const;
+
+    // Takes the socket away, if the disk that it lies on answers within a moment.
+    void remove() const;
 };
 
 class ServeProcess
@@ -44,7 +47,8 @@ public:
     Result waitUntilAnswers(const ServeAddress& address, bool* answers);
 
     // Waits for the child's end; after a signal that was passed on so many seconds at most, then
-    // it is killed. Failed: it failed, or had to be killed.
+    // it is killed. Failed: it failed, or had to be killed, or not even that ended it, as a disk
+    // does not answer it.
     Result waitForEnd(u64 stopSeconds);
 
 private:
