@@ -47,6 +47,11 @@ u64 randomId()
     return ((u64{device()} << 32) | device()) >> 11;
 }
 
+Result inUse(const std::string& folder)
+{
+    return Result(ResultCode::InUse, folder + " is in use by another process that writes");
+}
+
 Result checkFree(const std::string& folder)
 {
     std::error_code error;
@@ -148,6 +153,16 @@ Result Mirror::create(const std::string& folder, MirrorSettings settings)
     return syncFolder(final.parent_path().string());
 }
 
+Result Mirror::checkUnused(const std::string& folder)
+{
+    FileStorage storage(folder);
+    std::unique_ptr<StorageFile> lock;
+    if (storage.open("journal/lock", StorageAccess::ReadWrite, &lock) == RC_SUCCESS &&
+        lock->lock() == RC_IN_USE)
+        return inUse(folder);
+    return Result();
+}
+
 Result Mirror::open(const std::string& folder, MirrorAccess access, JournalRecovery recovery,
                     std::unique_ptr<Mirror>* mirror)
 {
@@ -194,7 +209,7 @@ Result Mirror::openJournal(MirrorAccess access, JournalRecovery recovery, u64 mi
     options.minimumItems = minimumItems;
     JournalStore::Opened opened = JournalStore::open(*m_storage, options);
     if (opened.m_rc == RC_IN_USE)
-        return Result(ResultCode::InUse, m_folder + " is in use by another process that writes");
+        return inUse(m_folder);
     if (opened.m_rc == RC_NOT_FOUND)
         return Result(ResultCode::Damaged, m_folder + " is damaged: its journal is gone");
     if (opened.m_rc != RC_SUCCESS)

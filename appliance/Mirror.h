@@ -50,6 +50,10 @@ public:
     // already or has anything else in it; nothing half made is left behind.
     static Result create(const std::string& folder, MirrorSettings settings);
 
+    // InUse: a process has it open for writing. For who is to open it later and wants to tell
+    // sooner; opening is what decides.
+    static Result checkUnused(const std::string& folder);
+
     // NotFound: no mirror there, or its target is gone; InUse: another process writes; Damaged: see
     // the message.
     static Result open(const std::string& folder, MirrorAccess access, JournalRecovery recovery,

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "appliance/CheckpointTimer.h"
+#include "appliance/Mirror.h"
 #include "appliance/MirrorSettings.h"
 #include "appliance/Retention.h"
 #include "appliance/Sizes.h"
@@ -86,13 +87,7 @@ Result checkMirror(const Arguments& arguments)
     MirrorSettings settings;
     if (Result result = loadSettings(storage, arguments.m_mirror, &settings); !result.ok())
         return result;
-    std::unique_ptr<StorageFile> lock;
-    if (!arguments.m_readOnly &&
-        storage.open("journal/lock", StorageAccess::ReadWrite, &lock) == RC_SUCCESS &&
-        lock->lock() == RC_IN_USE)
-        return Result(ResultCode::InUse,
-                      arguments.m_mirror + " is in use by another process that writes");
-    return Result();
+    return arguments.m_readOnly ? Result() : Mirror::checkUnused(arguments.m_mirror);
 }
 
 Result commandLine(Context& context, const Arguments& arguments, const ServeAddress& address,
@@ -204,8 +199,7 @@ Result run(Context& context, const Arguments& arguments)
     if (result.ok())
         result = server.waitForEnd(stopSeconds + MARGIN_SECONDS);
     // nbdkit leaves it behind.
-    if (!address.m_socket.empty())
-        unlink(address.m_socket.c_str());
+    address.remove();
     return result;
 }
 

@@ -9,11 +9,11 @@
 #include <exception>
 #include <memory>
 #include <string>
-#include <sys/resource.h>
 
 #include "appliance/ServedExport.h"
 #include "nbd/Nbdkit.h"
 #include "nbd/PluginConfig.h"
+#include "nbd/PluginFiles.h"
 #include "nbd/PluginLog.h"
 #include "nbd/PluginServer.h"
 #include "nbd/PluginStopper.h"
@@ -97,7 +97,9 @@ int answer(const char* op, u64 offset, u32 count, RcStatus rc)
     if (rc == RC_SUCCESS)
         return 0;
     const int error = errnoOf(rc);
-    nbdkit_error("%s of %" PRIu32 " bytes at %" PRIu64 ": %s", op, count, offset, rcStatusText(rc));
+    const std::string why = std::string(": ") + rcStatusText(rc);
+    logRefusal(op + why, std::string(op) + " of " + std::to_string(count) + " bytes at " +
+                             std::to_string(offset) + why);
     nbdkit_set_error(error);
     errno = error;
     return -1;
@@ -133,17 +135,6 @@ int threadModel()
     return THREAD_MODEL;
 }
 
-// Connections, grains and open views each take some; while one cannot be opened
-// the requests that need it are refused.
-void raiseFileLimit()
-{
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return;
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-}
-
 void endServer()
 {
     stopper.beginOrderlyEnd();
@@ -151,6 +142,7 @@ void endServer()
         const int ignored = tell(server->stop());
         static_cast<void>(ignored);
     }
+    logRest();
     // The stopper's thread may look at what is served until it has ended.
     stopper.disarm();
     server.reset();
@@ -160,13 +152,15 @@ void endServer()
 int afterFork()
 {
     return guarded(-1, [] {
-        raiseFileLimit();
+        if (tell(raiseFileLimit()) == -1)
+            return -1;
         server = std::make_unique<PluginServer>();
         if (tell(server->prepare(config)) == -1)
             return -1;
         // Before the mirror is opened, as a big journal takes long to index.
-        stopper.arm(server->served(), config.m_stopSeconds);
-        const Result started = server->start();
+        Result started = stopper.arm(server->served(), config.m_stopSeconds);
+        if (started.ok())
+            started = server->start();
         if (started.ok()) {
             stopper.beginServing();
             return 0;
@@ -185,6 +179,19 @@ void cleanup()
     guarded(0, [] {
         endServer();
         return 0;
+    });
+}
+
+// nbdkit takes every connection for which there is a descriptor, also of clients that say nothing
+// at all; what is left has to suffice for the mirror's files.
+int takeConnection(int /*readonly*/)
+{
+    return guarded(-1, [] {
+        if (hasRoomForConnections())
+            return 0;
+        logRefusal("connection",
+                   "too many connections for the files that may be open: one is refused");
+        return -1;
     });
 }
 
@@ -391,6 +398,7 @@ struct nbdkit_plugin makePlugin()
     made.thread_model = threadModel;
     made.can_fast_zero = isWritable;
     made.after_fork = afterFork;
+    made.preconnect = takeConnection;
     made.list_exports = listExports;
     made.default_export = defaultExport;
     made.export_description = describeExport;

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "appliance/Mirror.h"
 #include "appliance/MirrorSettings.h"
 #include "appliance/Retention.h"
 #include "appliance/Sizes.h"
@@ -133,7 +134,10 @@ Result PluginConfig::complete()
         return Result::usage("readonly and checkpoint-every exclude each other");
     FileStorage storage(m_served.m_folder);
     MirrorSettings settings;
-    return loadSettings(storage, m_served.m_folder, &settings);
+    if (Result result = loadSettings(storage, m_served.m_folder, &settings); !result.ok())
+        return result;
+    // Opening it tells this too, but only once nbdkit has left the terminal and takes clients.
+    return m_served.m_readOnly ? Result() : Mirror::checkUnused(m_served.m_folder);
 }
 
 LogOutputOptions& PluginConfig::logOutput()

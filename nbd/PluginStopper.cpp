@@ -11,6 +11,7 @@
 
 #include "host/infra/Clock.h"
 #include "nbd/Nbdkit.h"
+#include "nbd/PluginLog.h"
 
 namespace {
 
@@ -79,9 +80,11 @@ PluginStopper::~PluginStopper()
     disarm();
 }
 
-void PluginStopper::arm(ServedMirror& served, u64 stopSeconds)
+Result PluginStopper::arm(ServedMirror& served, u64 stopSeconds)
 {
     wakeUps = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wakeUps < 0)
+        return Result::fromErrno(errno, "cannot watch for signals");
     for (size_t i = 0; i < SIGNALS.size(); ++i) {
         if (sigaction(SIGNALS[i], nullptr, &nbdkitActions[i]) != 0 ||
             (nbdkitActions[i].sa_flags & SA_SIGINFO) != 0)
@@ -91,6 +94,7 @@ void PluginStopper::arm(ServedMirror& served, u64 stopSeconds)
         sigaction(SIGNALS[i], &ours, nullptr);
     }
     m_thread = std::thread([this, &served, stopSeconds] { watch(served, stopSeconds); });
+    return Result();
 }
 
 void PluginStopper::watch(ServedMirror& served, u64 stopSeconds)
@@ -137,6 +141,7 @@ void PluginStopper::endSealed(ServedMirror& served, u64 deadlineMs)
     sealing.detach();
     while (!done && Clock::instance()->nowMs() < deadlineMs)
         poll(nullptr, 0, 5);
+    logRest();
     if (done && result.ok()) {
         nbdkit_debug("rl: ended without waiting for clients that stay connected");
         _exit(EXIT_SUCCESS);

@@ -26,8 +26,8 @@ public:
     PluginStopper& operator=(const PluginStopper&) = delete;
 
     // From now on, with served yet to be started; nbdkit's own handlers of signals are called as
-    // before. served: lives until disarm().
-    void arm(ServedMirror& served, u64 stopSeconds);
+    // before. served: lives until disarm(). Failed: there is no descriptor for it.
+    Result arm(ServedMirror& served, u64 stopSeconds);
 
     // The mirror has been opened: from here on there are clients.
     void beginServing();

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <sys/resource.h>
 
 #include "host/journal/Crc32c.h"
 #include "host/volume/AsyncFileIo.h"
@@ -12,6 +13,18 @@ namespace {
 
 constexpr u64 TABLE_OFFSET_BYTES = u64{SFS_GRAIN_BLOCKS} * BLOCK_BYTES;
 constexpr size_t MAX_OPEN_FILES = 128;
+constexpr size_t KEPT_OPEN_FILES = 4;
+
+// A quarter of what the process may have open is ours: the rest is its connections' and whatever
+// else it does.
+size_t maxOpenFiles()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return MAX_OPEN_FILES;
+    return static_cast<size_t>(
+        std::clamp<u64>(limit.rlim_cur / 4, KEPT_OPEN_FILES, MAX_OPEN_FILES));
+}
 
 // Most bytes of one call. A journal writes to pages that are new to the page cache, and the kernel
 // takes them in runs up to the call's length: the longer, the rarer from memory that was in use a
@@ -72,7 +85,8 @@ struct DataReads
 } // namespace
 
 FileGrainStore::FileGrainStore(Storage& storage, std::string folder, bool readOnly, AsyncFileIo& io)
-    : m_storage(storage), m_folder(std::move(folder)), m_readOnly(readOnly), m_io(io)
+    : m_storage(storage), m_folder(std::move(folder)), m_readOnly(readOnly), m_io(io),
+      m_maxOpenFiles(maxOpenFiles())
 {}
 
 FileGrainStore::~FileGrainStore() = default;
@@ -90,28 +104,44 @@ std::string FileGrainStore::path(GrainKind kind, u64 grain) const
     return m_folder + "/" + fileName(kind, grain);
 }
 
+void FileGrainStore::closeOldest()
+{
+    m_files.erase(
+        std::min_element(m_files.begin(), m_files.end(), [](const auto& a, const auto& b) {
+            return a.second.m_lastUse < b.second.m_lastUse;
+        }));
+}
+
+// Those that are kept open for later must not be what the next one has no descriptor for. Only one
+// is given up for it, and none of the last few, which are those that are written: where others take
+// every descriptor there is, ours would be theirs as well.
+RcStatus FileGrainStore::openGrain(GrainKind kind, u64 grain, StorageAccess access,
+                                   std::unique_ptr<StorageFile>* opened)
+{
+    RcStatus rc = m_storage.open(path(kind, grain), access, opened);
+    if (rc == RC_NO_MEMORY && m_files.size() > KEPT_OPEN_FILES) {
+        closeOldest();
+        rc = m_storage.open(path(kind, grain), access, opened);
+    }
+    return rc;
+}
+
 RcStatus FileGrainStore::file(GrainKind kind, u64 grain, FilePtr* out)
 {
     MutexGuard guard(m_mutex);
-    OpenFile& entry = m_files[{kind, grain}];
-    if (!entry.m_file) {
+    auto found = m_files.find({kind, grain});
+    if (found == m_files.end()) {
         std::unique_ptr<StorageFile> opened;
-        const RcStatus rc = m_storage.open(
-            path(kind, grain), m_readOnly ? StorageAccess::ReadOnly : StorageAccess::ReadWrite,
-            &opened);
-        if (rc != RC_SUCCESS) {
-            m_files.erase({kind, grain});
+        const RcStatus rc = openGrain(
+            kind, grain, m_readOnly ? StorageAccess::ReadOnly : StorageAccess::ReadWrite, &opened);
+        if (rc != RC_SUCCESS)
             return rc;
-        }
-        entry.m_file = std::move(opened);
+        found = m_files.emplace(Key{kind, grain}, OpenFile{std::move(opened), 0}).first;
     }
-    entry.m_lastUse = ++m_uses;
-    *out = entry.m_file;
-    if (m_files.size() > MAX_OPEN_FILES)
-        m_files.erase(
-            std::min_element(m_files.begin(), m_files.end(), [](const auto& a, const auto& b) {
-                return a.second.m_lastUse < b.second.m_lastUse;
-            }));
+    found->second.m_lastUse = ++m_uses;
+    *out = found->second.m_file;
+    if (m_files.size() > m_maxOpenFiles)
+        closeOldest();
     return RC_SUCCESS;
 }
 
@@ -119,7 +149,7 @@ RcStatus FileGrainStore::create(GrainKind kind, u64 grain)
 {
     MutexGuard guard(m_mutex);
     std::unique_ptr<StorageFile> opened;
-    RcStatus rc = m_storage.open(path(kind, grain), StorageAccess::Create, &opened);
+    RcStatus rc = openGrain(kind, grain, StorageAccess::Create, &opened);
     if (rc != RC_SUCCESS)
         return rc;
     m_namesDirty = true;

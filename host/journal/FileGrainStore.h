@@ -51,6 +51,9 @@ private:
     };
 
     RcStatus file(GrainKind kind, u64 grain, FilePtr* file) RL_EXCLUDES(m_mutex);
+    RcStatus openGrain(GrainKind kind, u64 grain, StorageAccess access,
+                       std::unique_ptr<StorageFile>* opened) RL_REQUIRES(m_mutex);
+    void closeOldest() RL_REQUIRES(m_mutex);
     std::string path(GrainKind kind, u64 grain) const;
     RcStatus readChecksums(StorageFile& source, u64 grain, u32 firstBlock, u32 blocks,
                            u32* checksums);
@@ -61,6 +64,7 @@ private:
     AsyncFileIo& m_io;
     ChecksumCache m_checksums; // what readDataNow() has read of the tables
 
+    const size_t m_maxOpenFiles;
     Mutex m_mutex;
     std::map<Key, OpenFile> m_files RL_GUARDED_BY(m_mutex);
     u64 m_uses RL_GUARDED_BY(m_mutex) = 0;

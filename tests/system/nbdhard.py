@@ -4,8 +4,8 @@ the server goes on with the others, and loses nothing that it acknowledged."""
 import errno
 import os
 import random
-import socket
-import struct
+import re
+import subprocess
 import threading
 import time
 
@@ -13,7 +13,8 @@ import nbd
 
 from journalreader import Journal
 from nbdfleet import Fleet
-from nbdproxy import FLUSH, READ, REQUEST_MAGIC, TRIM, WRITE, ZERO
+from nbdpeers import Others, RawClient, memory_kib
+from nbdproxy import FLUSH, READ, TRIM, WRITE, ZERO
 from nbdsupport import Server, checkpoint, connect, need_nbd, run_tool
 from replay import Image, Order
 from support import Failure, Folder, check, rlctl, rlctl_json, run
@@ -37,92 +38,6 @@ def new_mirror(folder, size, *options):
     mirror = os.path.join(folder, "m")
     rlctl("create", mirror, "--size", size, *options)
     return mirror
-
-
-def memory_kib(process, what):
-    with open("/proc/%d/status" % process.pid, encoding="ascii") as file:
-        for line in file:
-            if line.startswith(what + ":"):
-                return int(line.split()[1])
-    raise Failure("no " + what)
-
-
-class RawClient:
-    """Speaks just enough of the protocol to stop at any byte of it."""
-
-    def __init__(self, path, export="live"):
-        self.socket = socket.socket(socket.AF_UNIX)
-        self.socket.settimeout(10)
-        self.socket.connect(path)
-        self.export = export.encode()
-
-    def negotiate(self):
-        check(self.receive(18)[:8] == b"NBDMAGIC", "no NBD server")
-        data = struct.pack(">I", len(self.export)) + self.export + struct.pack(">H", 0)
-        self.socket.sendall(struct.pack(">I8sII", 3, b"IHAVEOPT", 7, len(data)) + data)
-        while True:
-            kind, length = struct.unpack(">12xII", self.receive(20))
-            self.receive(length)
-            if kind == 1:
-                return self
-            check(kind == 3, "the export is refused")
-
-    def receive(self, count):
-        data = b""
-        while len(data) < count:
-            part = self.socket.recv(count - len(data))
-            check(part, "the server hung up")
-            data += part
-        return data
-
-    def request(self, op, offset, length, cookie=1, magic=REQUEST_MAGIC):
-        return struct.pack(">IHHQQI", magic, 0, op, cookie, offset, length)
-
-    def close(self):
-        self.socket.close()
-
-
-class Others(threading.Thread):
-    """A well-behaved client beside the others: how long its requests take, and what it reads."""
-
-    def __init__(self, server, offset):
-        super().__init__()
-        self.handle = connect(server)
-        self.offset = offset
-        self.ending = threading.Event()
-        self.slowest = 0.0
-        self.rounds = 0
-        self.failure = None
-
-    def run(self):
-        chance = random.Random(3)
-        try:
-            while not self.ending.is_set():
-                data = chance.randbytes(4096)
-                at = self.offset + chance.randrange(64) * 4096
-                started = time.monotonic()
-                self.handle.pwrite(data, at)
-                found = self.handle.pread(4096, at)
-                self.slowest = max(self.slowest, time.monotonic() - started)
-                self.rounds += 1
-                if found != data:
-                    self.failure = "reads something else than it wrote"
-                    return
-        except nbd.Error as error:
-            self.failure = str(error)
-
-    def __enter__(self):
-        self.start()
-        return self
-
-    def __exit__(self, kind, *_):
-        self.ending.set()
-        self.join()
-        if kind is None:
-            check(self.failure is None, "another client: %s" % self.failure)
-            check(self.rounds > 0, "another client was not served at all")
-            check(self.slowest < 10, "another client waited %.1f s" % self.slowest)
-            self.handle.shutdown()
 
 
 def test_odd_requests():
@@ -303,6 +218,43 @@ def test_full_journal():
             image.compare(copy, "live, after a restart")
 
 
+def test_refusals_do_not_fill_the_log():
+    """The first one of a kind is told with all that is known of it, the rest as numbers."""
+    floods = 3000
+    with Folder() as folder:
+        mirror = new_mirror(folder, 64 << 20, "--journal-limit", "36M")
+        with Server(folder, mirror) as server:
+            handle = connect(server)
+            handle.pwrite(bytes([1]) * (1 << 20), 0)
+            while refused(handle.pwrite, b"f" * (1 << 20), 8 << 20) == 0:
+                pass
+            full = 0
+            while full < floods:
+                full += refused(handle.pwrite, b"f" * 32768, 8 << 20) == errno.ENOSPC
+            handle.flush()
+            with Journal(mirror) as journal:
+                _, address, _ = journal.items[0].pieces[0]
+                grain, block = divmod(address, 32768)
+                path = os.path.join(journal.folder, "d-%010d" % grain)
+            with open(path, "r+b") as file:
+                file.seek(block * BLOCK)
+                file.write(b"damaged")
+            for _ in range(floods):
+                check(refused(handle.pread, BLOCK, 0) == errno.EIO, "damage is served")
+            check(handle.pread(BLOCK, 4096) == bytes([1]) * BLOCK, "reading goes on")
+            handle.shutdown()
+            server.stop()
+            lines = [line for line in server.log().splitlines() if line]
+        print("     %d refusals, %d lines in the log" % (2 * floods, len(lines)))
+        check(len(lines) < 200, "%d lines:\n%s" % (len(lines), "\n".join(lines[:20])))
+        for what in ("write of 32768 bytes at 8388608", "read of 512 bytes at 0"):
+            own = [line for line in lines if what in line]
+            told = sum(1 + sum(int(one) for one in re.findall(r"(\d+) more like it", line))
+                       for line in own)
+            check(told == floods, "%s: %d of %d are told of:\n%s" % (
+                what, told, floods, "\n".join(own[:20])))
+
+
 def test_flipped_byte():
     with Folder() as folder:
         mirror = new_mirror(folder, 8 << 20)
@@ -433,6 +385,13 @@ def test_one_owner():
                 raise Failure("a second process owns the mirror")
             except Failure as failure:
                 check("ended at once" in str(failure) and "in use" in str(failure), str(failure))
+            # Where it leaves the terminal, it has to say so before it does.
+            background = subprocess.run([one for one in second.command if one != "-f"], check=False,
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.PIPE, timeout=30)
+            text = background.stderr.decode(errors="replace")
+            check(background.returncode == 1 and mirror + " is in use by another process" in text,
+                  "in the background: %d, %s" % (background.returncode, text))
             with Server(folder, mirror, "readonly=true", name="reader") as reader:
                 other = connect(reader, "latest")
                 check(other.pread(BLOCK, 0) == b"1" * BLOCK, "what the reader finds")
@@ -444,5 +403,6 @@ def test_one_owner():
 
 need_nbd("nbdcopy")
 run(test_odd_requests, test_unknown_exports_are_refused, test_clients_that_vanish,
-    test_clients_that_stall_and_flood, test_full_journal, test_flipped_byte,
+    test_clients_that_stall_and_flood, test_full_journal,
+    test_refusals_do_not_fill_the_log, test_flipped_byte,
     test_end_under_load_loses_nothing_answered, test_end_with_idle_clients, test_one_owner)

@@ -37,6 +37,13 @@ def of_many_items(folder):
     return mirror
 
 
+def handles(process, number):
+    """Whether it has a handler for a signal already; until then one ends it as any other program."""
+    with open("/proc/%d/status" % process.pid, encoding="ascii") as file:
+        caught = next(int(line.split()[1], 16) for line in file if line.startswith("SigCgt"))
+    return caught >> (number - 1) & 1 == 1
+
+
 def an_end_before_it_serves():
     """At moments all over the start: it ends soon, well, and leaves the mirror as it was."""
     chance = random.Random(12)
@@ -51,7 +58,9 @@ def an_end_before_it_serves():
         for number in range(24):
             process = subprocess.Popen([RLCTL, "serve", mirror, "-v"], stdout=subprocess.PIPE,
                                        stderr=subprocess.STDOUT)
-            time.sleep(0.03 + chance.random() * whole)  # rlctl has its handlers by then
+            while not handles(process, signal.SIGTERM):
+                time.sleep(0.002)
+            time.sleep(chance.random() * whole)
             process.send_signal(signal.SIGTERM if number % 2 else signal.SIGINT)
             told = time.monotonic()
             log = process.communicate(timeout=60)[0].decode(errors="replace")
@@ -64,6 +73,32 @@ def an_end_before_it_serves():
               "slowest end %.2f s" % (whole, before, interrupted, slowest), flush=True)
         check(slowest < 5, "an end took %.1f s" % slowest)
         check(interrupted > 0, "no end came while the index was being built")
+        with Served(mirror) as served:
+            served.end()
+
+
+def an_opening_that_cannot_be_stopped():
+    """Where a file does not even open, there is no safe point to come to: the process ends all the
+    same when its time is over, and says so."""
+    with Folder() as folder:
+        mirror = made(folder)
+        begin = os.path.join(mirror, "journal", "begin")
+        check(not os.path.exists(begin), "the journal was trimmed")
+        os.mkfifo(begin)  # opening it to read waits for somebody who writes
+        with subprocess.Popen([RLCTL, "serve", mirror, "--stop-timeout", "2s"],
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT) as process:
+            time.sleep(1)
+            check(process.poll() is None, "it does not wait for the file")
+            process.send_signal(signal.SIGTERM)
+            told = time.monotonic()
+            log = process.communicate(timeout=30)[0].decode(errors="replace")
+            took = time.monotonic() - told
+        check(process.returncode == 1 and
+              "opening the mirror could not be stopped in time" in log,
+              "exit code %d: %s" % (process.returncode, log))
+        check(1.5 < took < 4.5, "the end took %.1f s" % took)
+        check(not os.path.exists(os.path.join(mirror, "nbd")), "the socket is left behind")
+        os.unlink(begin)
         with Served(mirror) as served:
             served.end()
 
@@ -247,5 +282,5 @@ if __name__ == "__main__":
     if nbd is None or shutil.which("nbdkit") is None:
         print("skipped: nbdkit or python3-libnbd is not installed")
         sys.exit(77)
-    run(an_end_before_it_serves, a_flood_of_connections, tls_with_keys,
+    run(an_end_before_it_serves, an_opening_that_cannot_be_stopped, a_flood_of_connections, tls_with_keys,
         a_server_that_takes_no_commands, an_answer_that_is_not_yes)

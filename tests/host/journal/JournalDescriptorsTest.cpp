@@ -5,8 +5,11 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "host/journal/Crc32c.h"
+#include "host/journal/FileGrainStore.h"
 #include "host/journal/FileStorage.h"
 #include "host/journal/JournalVerifier.h"
+#include "host/volume/AsyncFileIo.h"
 #include "tests/support/JournalReadback.h"
 
 namespace {
@@ -134,6 +137,34 @@ TEST_F(JournalDescriptorsTest, AJournalThatCannotBeReadIsNotVerifiedAsDamaged)
             << result.message;
     }
     EXPECT_TRUE(verifyJournal(*store).ok());
+}
+
+// What is only kept open for later is no reason to refuse what comes.
+TEST_F(JournalDescriptorsTest, GrainsThatAreKeptOpenGiveWay)
+{
+    constexpr u64 GRAINS = 12;
+    AsyncFileIo io(AsyncFileIoMode::Threads);
+    FileGrainStore store(*m_storage, ".", false, io);
+    const auto appendTo = [&](u64 grain) {
+        const std::vector<u8> data(BLOCK_BYTES, static_cast<u8>(grain));
+        u32 checksum = 0;
+        crc32cOfBlocks(data.data(), 1, &checksum);
+        return store.append(GrainKind::Data, grain, 0, data.data(), 1, &checksum);
+    };
+    for (u64 grain = 1; grain <= GRAINS; ++grain)
+        ASSERT_EQ(store.create(GrainKind::Data, grain), RC_SUCCESS);
+    {
+        const NoDescriptors none;
+        ASSERT_EQ(store.create(GrainKind::Data, GRAINS + 1), RC_SUCCESS);
+        for (u64 grain = GRAINS + 1; grain > 0; --grain)
+            ASSERT_EQ(appendTo(grain), RC_SUCCESS) << grain;
+    }
+    for (u64 grain = 1; grain <= GRAINS + 1; ++grain) {
+        std::vector<u8> data(BLOCK_BYTES);
+        u32 bad = 0;
+        ASSERT_EQ(store.readDataNow(grain, 0, 1, data.data(), &bad), RC_SUCCESS);
+        EXPECT_EQ(data[17], grain);
+    }
 }
 
 TEST_F(JournalDescriptorsTest, JournalThatCannotBeOpenedIsNotDamagedByThat)
