@@ -64,13 +64,10 @@ Result Applier::run()
         return Result();
     if (m_mirror.report().m_skippedPages > 0)
         return Result(ResultCode::Damaged, "what is damaged cannot be applied");
-    if (m_options.m_dryRun) {
-        if (Result result = m_mirror.flushUpTo(m_to.m_items); !result.ok())
-            return result;
-    } else {
-        // What the target is to hold must not be lost from the journal by a crash.
-        if (Result result = m_mirror.flush(); !result.ok())
-            return result;
+    if (Result result = m_mirror.flushUpTo(m_to.m_items); !result.ok())
+        return result;
+    // What the target is to hold must not be lost from the journal by a crash.
+    if (!m_options.m_dryRun) {
         if (const RcStatus rc = m_mirror.journal().syncMetadata(m_state.m_next); rc != RC_SUCCESS)
             return Result::fromStatus(rc, "cannot make the journal durable");
     }
@@ -203,7 +200,7 @@ Result Applier::note(Drain& drain)
     if (Result result = drain.finishWrites(); !result.ok())
         return result;
     if (const RcStatus rc = m_target->sync(); rc != RC_SUCCESS)
-        return Result::fromStatus(rc, "cannot make the target volume durable");
+        return targetFailure(rc, "cannot make the target volume durable");
     m_state.m_doneBlocks = std::min(drain.doneBelow(), m_mirror.settings().sizeBlocks());
     m_notedBlocks = drain.dataBlocks() + drain.zeroBlocks();
     m_notedMs = Clock::instance()->nowMs();
@@ -241,7 +238,7 @@ Result Applier::drain(Drain& drain)
 Result Applier::finish()
 {
     if (const RcStatus rc = m_target->sync(); rc != RC_SUCCESS)
-        return Result::fromStatus(rc, "cannot make the target volume durable");
+        return targetFailure(rc, "cannot make the target volume durable");
     m_state = {m_to.m_items, m_to.m_items, 0, m_next};
     return m_mirror.setApplyState(m_state);
 }

@@ -32,6 +32,19 @@ Result storeApplyState(Storage& storage, const ApplyState& state)
                               "cannot note what is applied");
 }
 
+Result reserveApplyState(Storage& storage)
+{
+    // The note and its replacement change their names, for which there has to be a first one.
+    std::unique_ptr<StorageFile> file;
+    if (storage.open(FILE_NAME, StorageAccess::ReadOnly, &file) == RC_NOT_FOUND) {
+        Result result = storeApplyState(storage, ApplyState());
+        if (!result.ok())
+            return result.code() == ResultCode::NoSpace ? Result() : result;
+    }
+    return Result::fromStatus(reserveCheckedFile(storage, "", FILE_NAME, sizeof(StoredState)),
+                              "cannot prepare the note of what is applied");
+}
+
 Result loadApplyState(Storage& storage, ApplyState* state)
 {
     std::vector<u8> content;

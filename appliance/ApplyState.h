@@ -31,6 +31,10 @@ struct ApplyState
 // Durable when it returns; a crash leaves the old or the new state.
 Result storeApplyState(Storage& storage, const ApplyState& state);
 
+// Takes the room for that beforehand, where there is any: on a full disk an apply is what lets a
+// trim make room again.
+Result reserveApplyState(Storage& storage);
+
 // A mirror without the file has a target that nothing was applied to. Damaged: then nobody knows
 // which points can be served.
 Result loadApplyState(Storage& storage, ApplyState* state);

@@ -17,6 +17,15 @@ constexpr u64 PATIENCE_MS = 30000;
 
 } // namespace
 
+Result targetFailure(RcStatus rc, const std::string& what)
+{
+    return rc == RC_NO_SPACE
+               ? Result(ResultCode::NoSpace,
+                        what + ": its disk is full; make room there and run the apply again, it "
+                               "goes on")
+               : Result::fromStatus(rc, what);
+}
+
 Drain::Drain(Mirror& mirror, TaskEngine& engine, RegionLocator& locator, TargetVolume& target,
              u32 stepBlocks)
     : m_engine(engine), m_locator(locator), m_target(target), m_stepBlocks(stepBlocks),
@@ -161,7 +170,7 @@ Result Drain::startWrites(Batch& batch)
             const RcStatus rc =
                 m_target.writeZeroes(region.m_viewOffsetBlocks, region.m_lengthBlocks);
             if (rc != RC_SUCCESS)
-                return Result::fromStatus(rc, "cannot write zeroes to the target volume");
+                return targetFailure(rc, "cannot write zeroes to the target volume");
             m_zeroBlocks += region.m_lengthBlocks;
             continue;
         }
@@ -201,7 +210,7 @@ Result Drain::finishWrites()
     m_inFlight = false;
     const RcStatus rc = batch.m_written.get();
     if (rc != RC_SUCCESS)
-        return Result::fromStatus(rc, "cannot write to the target volume");
+        return targetFailure(rc, "cannot write to the target volume");
     if (Result result = reserve(batch.m_regions.size()); !result.ok())
         return result;
     m_locator.unlockAndRemove(batch.m_regions, m_voucher);

@@ -14,6 +14,9 @@
 #include "appliance/Mirror.h"
 #include "host/tasks/TaskEngine.h"
 
+// A failure of the target volume, with what to do where it is for want of room.
+Result targetFailure(RcStatus rc, const std::string& what);
+
 class Drain
 {
 public:

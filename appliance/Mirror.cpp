@@ -199,8 +199,22 @@ Result Mirror::openIn(std::unique_ptr<Storage> storage, const std::string& folde
     if (Result result = opened->openTargetAs(true, &opened->m_target); !result.ok())
         return result;
     opened->m_driver.add(opened->m_settings.m_id, opened->m_target);
+    if (access == MirrorAccess::Writer) {
+        if (Result result = opened->reserveRoom(); !result.ok())
+            return result;
+    }
     *mirror = std::move(opened);
     return Result();
+}
+
+// What a mirror on a full disk has to be able to write, until a trim has made room again.
+Result Mirror::reserveRoom()
+{
+    if (Result result = reserveApplyState(*m_storage); !result.ok())
+        return result;
+    if (Result result = reserveSettings(*m_storage); !result.ok())
+        return result;
+    return PinLatch::prepare(*m_storage);
 }
 
 Result Mirror::openJournal(MirrorAccess access, JournalRecovery recovery, u64 minimumItems)
@@ -283,9 +297,11 @@ Result Mirror::setApplyState(const ApplyState& state)
     }
     if (Result result = storeApplyState(*m_storage, state); !result.ok())
         return result;
-    MutexGuard guard(m_applyMutex);
-    m_applyState = state;
-    return Result();
+    {
+        MutexGuard guard(m_applyMutex);
+        m_applyState = state;
+    }
+    return reserveApplyState(*m_storage); // for the next one
 }
 
 // Whether the point can still be had, now that nothing moves.
@@ -380,25 +396,34 @@ Result Mirror::journaled(RcStatus rc, const std::string& what) const
 {
     if (rc == RC_SUCCESS)
         return Result();
-    if (rc == RC_NO_SPACE && m_journal->limitBytes() != 0)
-        return Result(ResultCode::NoSpace, what + ": the disk is full, or the journal's limit of " +
-                                               formatSize(m_journal->limitBytes()) +
-                                               " is reached (" +
-                                               formatSize(m_journal->bytesUsed()) + " used)");
-    return Result::fromStatus(rc, what);
+    if (rc != RC_NO_SPACE)
+        return Result::fromStatus(rc, what);
+    if (m_journal->room() == JournalRoom::LimitReached)
+        return Result(ResultCode::NoSpace,
+                      what + ": the journal's limit of " + formatSize(m_journal->limitBytes()) +
+                          " is reached (" + formatSize(m_journal->bytesUsed()) +
+                          " used); apply and trim make room, as does a higher limit");
+    return Result(ResultCode::NoSpace, what +
+                                           ": the disk is full; apply and trim make room, as "
+                                           "does whatever else is removed from the disk of " +
+                                           m_folder);
 }
 
 // Nearly full is told before full is a failure, once for each time that it comes to that.
 Result Mirror::accepted(RcStatus rc, const char* what, u64 offsetBlocks)
 {
-    if (rc != RC_SUCCESS)
-        return journaled(rc, std::string(what) + std::to_string(offsetBlocks));
     tellNearlyFull();
-    return Result();
+    return rc == RC_SUCCESS ? Result()
+                            : journaled(rc, std::string(what) + std::to_string(offsetBlocks));
 }
 
 void Mirror::tellNearlyFull()
 {
+    const bool diskFull = m_journal->room() == JournalRoom::DiskFull;
+    if (m_toldDiskFull.exchange(diskFull) < diskFull)
+        LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
+            << "the disk of " << m_folder << " is full, writes are refused; apply and trim make "
+            << "room" << std::endl;
     if (m_journal->limitBytes() == 0)
         return;
     const u64 used = m_journal->bytesUsed();
@@ -439,7 +464,7 @@ Result Mirror::changeSettings(std::optional<u64> keepCheckpoints, std::optional<
         return result;
     m_currentSettings = changed;
     m_journal->setLimitBytes(changed.m_journalLimitBytes);
-    return Result();
+    return reserveSettings(*m_storage); // for the next change
 }
 
 Result Mirror::checkpoint(const std::string& tag, CpId_t* id)

@@ -132,7 +132,8 @@ public:
     Result write(u64 offsetBlocks, const u8* data, u32 lengthBlocks);
     Result writeZeroes(u64 offsetBlocks, u64 lengthBlocks);
 
-    // Tells, once, that the journal has become nearly full. For who appends to it directly.
+    // Tells, once, that the journal has become nearly full, or the disk full. For who appends to
+    // the journal directly.
     void tellNearlyFull();
 
     // Sets a checkpoint behind all items journaled so far. Durable, with all of them, when done.
@@ -161,6 +162,7 @@ private:
 
     // minimumItems: what the target holds of it.
     Result openJournal(MirrorAccess access, JournalRecovery recovery, u64 minimumItems);
+    Result reserveRoom();
     Result checkPointLatched(u64 items);
     Result openTargetAs(bool readOnly, std::shared_ptr<TargetVolume>* target);
     Result journaled(RcStatus rc, const std::string& what) const;
@@ -176,6 +178,7 @@ private:
     std::shared_ptr<TargetVolume> m_target;
     VolumeDriver m_driver;
     std::atomic<bool> m_toldNearlyFull{false};
+    std::atomic<bool> m_toldDiskFull{false};
     std::atomic<u64> m_untakenPage{~u64{0}};
     mutable Mutex m_applyMutex;
     ApplyState m_applyState RL_GUARDED_BY(m_applyMutex);

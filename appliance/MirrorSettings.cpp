@@ -2,11 +2,14 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/journal/CheckedFile.h"
+
 namespace {
 
 using Json = nlohmann::ordered_json;
 
 constexpr u64 MAX_FILE_BYTES = 1 << 20;
+constexpr size_t RESERVED_BYTES = 4096; // more than settings take, but for a very long path
 
 std::string settingsText(const MirrorSettings& settings)
 {
@@ -72,21 +75,15 @@ Result storeSettings(Storage& storage, const MirrorSettings& settings)
 {
     const std::string text = settingsText(settings);
     const std::string name = MirrorSettings::FILE_NAME;
-    const std::string temporary = name + ".new";
-    std::unique_ptr<StorageFile> file;
-    RcStatus rc = storage.open(temporary, StorageAccess::Create, &file);
-    if (rc == RC_SUCCESS)
-        rc = file->truncate(0);
-    if (rc == RC_SUCCESS)
-        rc = file->pwrite(text.data(), text.size(), 0);
-    if (rc == RC_SUCCESS)
-        rc = file->sync();
-    file.reset();
-    if (rc == RC_SUCCESS)
-        rc = storage.rename(temporary, name);
-    if (rc == RC_SUCCESS)
-        rc = storage.syncDir("");
-    return Result::fromStatus(rc, "cannot write " + name);
+    return Result::fromStatus(replaceFile(storage, "", name, text.data(), text.size()),
+                              "cannot write " + name);
+}
+
+Result reserveSettings(Storage& storage)
+{
+    return Result::fromStatus(
+        reserveReplacement(storage, "", MirrorSettings::FILE_NAME, RESERVED_BYTES),
+        std::string("cannot prepare ") + MirrorSettings::FILE_NAME);
 }
 
 Result loadSettings(Storage& storage, const std::string& folder, MirrorSettings* settings)

@@ -30,6 +30,9 @@ struct MirrorSettings
 // Writes the file as one step, durably.
 Result storeSettings(Storage& storage, const MirrorSettings& settings);
 
+// Takes the room for that beforehand, where there is any, so that a full disk can be told of.
+Result reserveSettings(Storage& storage);
+
 // NotFound: the folder has no such file, so it is no mirror; Damaged: it is not what a mirror's
 // file has to be, the message says why. folder: for the messages.
 Result loadSettings(Storage& storage, const std::string& folder, MirrorSettings* settings);

@@ -77,13 +77,47 @@ std::string holdNameOf(const std::string& file)
     return fits ? file.substr(0, file.size() - suffix.size()) : "";
 }
 
+RcStatus openLatch(Storage& storage, std::unique_ptr<StorageFile>* file)
+{
+    const RcStatus rc = storage.makeDir(USES_FOLDER);
+    return rc == RC_SUCCESS ? storage.open(usePath(LATCH), StorageAccess::Create, file) : rc;
+}
+
+// The numbers that a name ends in: "...=ITEMS=PAGE=PROCESS".
+std::string nameWith(const std::string& name, const UseInfo& info, u64 process)
+{
+    return name + "=" + std::to_string(info.m_items) + "=" + std::to_string(info.m_firstPage) +
+           "=" + std::to_string(process);
+}
+
+bool parseName(const std::string& name, u64 (&numbers)[3])
+{
+    size_t at = name.find('=');
+    for (u64& number : numbers) {
+        if (at == std::string::npos)
+            return false;
+        const char* first = name.c_str() + at + 1;
+        char* end = nullptr;
+        number = std::strtoull(first, &end, 10);
+        if (end == first)
+            return false;
+        at = name.find('=', at + 1);
+    }
+    return true;
+}
+
 } // namespace
+
+Result PinLatch::prepare(Storage& storage)
+{
+    std::unique_ptr<StorageFile> file;
+    const RcStatus rc = openLatch(storage, &file);
+    return rc == RC_NO_SPACE ? Result() : Result::fromStatus(rc, "cannot prepare what is in use");
+}
 
 Result PinLatch::take(Storage& storage)
 {
-    RcStatus rc = storage.makeDir(USES_FOLDER);
-    if (rc == RC_SUCCESS)
-        rc = storage.open(usePath(LATCH), StorageAccess::Create, &m_file);
+    RcStatus rc = openLatch(storage, &m_file);
     for (int i = 0; rc == RC_SUCCESS; ++i) {
         rc = m_file->lock();
         if (rc != RC_IN_USE || i == LATCH_TRIES)
@@ -175,7 +209,7 @@ PointUse::~PointUse()
 Result PointUse::add(Storage& storage, const UseInfo& info, std::unique_ptr<PointUse>* use)
 {
     const u64 process = static_cast<u64>(getpid());
-    const std::string path = usePath(freshUseName(process));
+    std::string path = usePath(freshUseName(process));
     std::unique_ptr<StorageFile> file;
     RcStatus rc = storage.open(path, StorageAccess::Create, &file);
     if (rc == RC_SUCCESS)
@@ -183,6 +217,17 @@ Result PointUse::add(Storage& storage, const UseInfo& info, std::unique_ptr<Poin
     const std::vector<u8> content = packed({info.m_items, info.m_firstPage, process}, info.m_what);
     if (rc == RC_SUCCESS)
         rc = file->pwrite(content.data(), content.size(), 0);
+    // Reading goes on where nothing can be written any more.
+    if (rc == RC_NO_SPACE && file != nullptr) {
+        rc = file->truncate(0);
+        const std::string named = nameWith(path, info, process);
+        if (rc == RC_SUCCESS)
+            rc = storage.rename(path, named);
+        if (rc == RC_SUCCESS)
+            path = named;
+        else
+            storage.remove(path);
+    }
     if (rc != RC_SUCCESS)
         return Result::fromStatus(rc, "cannot register what is in use");
     use->reset(new PointUse(storage, path, std::move(file)));
@@ -221,8 +266,11 @@ Result listUses(Storage& storage, const std::vector<std::string>& except,
         u64 numbers[3] = {};
         UseInfo info;
         // Nobody but its owner writes to it, and under the latch it is whole.
-        if (done != size || !unpack(content, numbers, &info.m_what))
+        if (done != size || !unpack(content, numbers, &info.m_what)) {
             info.m_what = "something";
+            if (!parseName(name, numbers))
+                std::fill(std::begin(numbers), std::end(numbers), 0);
+        }
         info.m_items = numbers[0];
         info.m_firstPage = numbers[1];
         info.m_process = numbers[2];

@@ -20,6 +20,9 @@
 class PinLatch
 {
 public:
+    // Makes what the latch takes of the storage; a full disk leaves that to a later try.
+    static Result prepare(Storage& storage);
+
     // Waits some seconds for whoever has it. InUse: still somebody does.
     Result take(Storage& storage);
 
@@ -59,7 +62,7 @@ struct UseInfo
 class PointUse
 {
 public:
-    // REQUIRES: the latch.
+    // On a full disk the file is empty, and its name has the numbers. REQUIRES: the latch.
     static Result add(Storage& storage, const UseInfo& info, std::unique_ptr<PointUse>* use);
     ~PointUse();
     PointUse(const PointUse&) = delete;

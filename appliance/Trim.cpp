@@ -53,7 +53,8 @@ Result Trimmer::run(const ChosenPoint& to)
     if (m_mirror.report().m_skippedPages > 0)
         return Result(ResultCode::Damaged, "what is damaged cannot be trimmed");
     if (!m_options.m_dryRun) {
-        if (Result result = m_mirror.flush(); !result.ok())
+        // What is not durable lies behind the point, and is not looked at.
+        if (Result result = m_mirror.flushUpTo(to.m_items); !result.ok())
             return result;
     }
     if (Result result = plan(to.m_items); !result.ok())

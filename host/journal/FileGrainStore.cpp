@@ -159,6 +159,18 @@ RcStatus FileGrainStore::create(GrainKind kind, u64 grain)
     return rc;
 }
 
+RcStatus FileGrainStore::reserve(GrainKind kind, u64 grain, u32 firstBlock, u32 blocks)
+{
+    FilePtr target;
+    RcStatus rc = file(kind, grain, &target);
+    if (rc == RC_SUCCESS)
+        rc = target->reserve(u64{firstBlock} * BLOCK_BYTES, u64{blocks} * BLOCK_BYTES);
+    if (rc == RC_SUCCESS && kind == GrainKind::Data)
+        rc = target->reserve(TABLE_OFFSET_BYTES + u64{firstBlock} * sizeof(u32),
+                             u64{blocks} * sizeof(u32));
+    return rc;
+}
+
 RcStatus FileGrainStore::append(GrainKind kind, u64 grain, u32 firstBlock, const void* data,
                                 u32 blocks, const u32* checksums)
 {

@@ -25,6 +25,7 @@ public:
     ~FileGrainStore() override;
 
     RcStatus create(GrainKind kind, u64 grain) override;
+    RcStatus reserve(GrainKind kind, u64 grain, u32 firstBlock, u32 blocks) override;
     RcStatus append(GrainKind kind, u64 grain, u32 firstBlock, const void* data, u32 blocks,
                     const u32* checksums) override;
     RcStatus sync(GrainKind kind, u64 grain) override;

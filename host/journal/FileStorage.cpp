@@ -116,6 +116,20 @@ RcStatus PosixFile::truncate(u64 bytes)
     return ::ftruncate(m_fd, static_cast<off_t>(bytes)) == 0 ? RC_SUCCESS : rcFromErrno(errno);
 }
 
+RcStatus PosixFile::reserve(u64 offsetBytes, u64 bytes)
+{
+    int error;
+    do
+        error = ::fallocate(m_fd, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offsetBytes),
+                            static_cast<off_t>(bytes)) == 0
+                    ? 0
+                    : errno;
+    while (error == EINTR);
+    // Some file systems cannot; then a write finds out.
+    return error == EOPNOTSUPP || error == ENOSYS || error == ENODEV ? RC_SUCCESS
+                                                                     : rcFromErrno(error);
+}
+
 RcStatus PosixFile::zeroRange(u64 offsetBytes, u64 bytes)
 {
     const off_t offset = static_cast<off_t>(offsetBytes);
@@ -210,6 +224,14 @@ RcStatus FileStorage::remove(const std::string& name)
 RcStatus FileStorage::rename(const std::string& from, const std::string& to)
 {
     return ::rename(path(from).c_str(), path(to).c_str()) == 0 ? RC_SUCCESS : rcFromErrno(errno);
+}
+
+RcStatus FileStorage::exchange(const std::string& one, const std::string& other)
+{
+    if (::renameat2(AT_FDCWD, path(one).c_str(), AT_FDCWD, path(other).c_str(), RENAME_EXCHANGE) ==
+        0)
+        return RC_SUCCESS;
+    return errno == EINVAL || errno == ENOSYS ? RC_BAD_ARGUMENT : rcFromErrno(errno);
 }
 
 RcStatus FileStorage::syncDir(const std::string& folder)

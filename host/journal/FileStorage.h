@@ -21,6 +21,7 @@ public:
     RcStatus sync() override;
     RcStatus size(u64* bytes) override; // of a block device too
     RcStatus truncate(u64 bytes) override;
+    RcStatus reserve(u64 offsetBytes, u64 bytes) override;
     RcStatus zeroRange(u64 offsetBytes, u64 bytes) override;
     RcStatus nextData(u64 offsetBytes, u64* startBytes, u64* endBytes) override;
     RcStatus lock() override;
@@ -42,6 +43,7 @@ public:
     RcStatus makeDir(const std::string& folder) override;
     RcStatus remove(const std::string& name) override;
     RcStatus rename(const std::string& from, const std::string& to) override;
+    RcStatus exchange(const std::string& one, const std::string& other) override;
     RcStatus syncDir(const std::string& folder) override;
 
 private:

@@ -29,7 +29,7 @@ struct GrainRead
 };
 
 // Thread safety: any thread, except that one thread at a time changes (create, append, cut, remove)
-// the grains of a kind. Reads of what is appended already may run beside that.
+// a grain, or removes grains of a kind. Reads of what is appended already may run beside that.
 //
 // Statuses of all calls: RC_SUCCESS, RC_NOT_FOUND (no such grain), RC_NO_SPACE, RC_NO_MEMORY (it
 // could not be opened just now, and nothing was done), RC_IO_ERROR, and those named below.
@@ -40,6 +40,10 @@ public:
 
     // Makes an empty grain; one of that number that exists is emptied. Durable after sync().
     virtual RcStatus create(GrainKind kind, u64 grain) = 0;
+
+    // Takes the room for blocks that are to be appended, so that append() and sync() meet no full
+    // disk. Nothing is to be seen of it. May run beside changes to other blocks and grains.
+    virtual RcStatus reserve(GrainKind kind, u64 grain, u32 firstBlock, u32 blocks) = 0;
 
     // Writes blocks at the grain's end, firstBlock. After a failure, or after a crash that lost
     // what came later, the same place may be written again.

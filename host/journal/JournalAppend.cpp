@@ -38,6 +38,8 @@ u64 JournalStore::Impl::bytesUsedLocked() const
 
 RcStatus JournalStore::Impl::failLocked(RcStatus rc, const char* what)
 {
+    if (rc == RC_NO_SPACE)
+        m_room = JournalRoom::DiskFull;
     // Neither has lost anything: a write that met it is undone, a group is kept.
     if (rc == RC_NO_SPACE || rc == RC_NO_MEMORY)
         return rc;
@@ -65,8 +67,14 @@ RcStatus JournalStore::Impl::appendPiecesLocked(std::vector<JournalPiece>& piece
     for (const JournalPiece& piece : pieces)
         blocks += piece.m_storedBlocks;
     const u64 needBytes = blocks * STORED_BLOCK_BYTES + pagesFor(pieces.size()) * BLOCK_BYTES;
-    if (m_limitBytes != 0 && bytesUsedLocked() + needBytes > m_limitBytes)
+    if (m_limitBytes != 0 && bytesUsedLocked() + needBytes > m_limitBytes) {
+        m_room = JournalRoom::LimitReached;
         return RC_NO_SPACE;
+    }
+    // Twice, as the ends of grains may split pieces.
+    rc = reserveItemsLocked(2 * pieces.size());
+    if (rc != RC_SUCCESS)
+        return failLocked(rc, "making a metadata grain");
 
     const u64 grainBefore = m_dataGrain;
     const u32 blockBefore = m_dataBlock;
@@ -95,6 +103,7 @@ RcStatus JournalStore::Impl::appendPiecesLocked(std::vector<JournalPiece>& piece
         m_storedBlocks += storedBlocks(one.m_item);
     m_accepted += items.size();
     ++m_items;
+    m_room.store(JournalRoom::Enough, std::memory_order_relaxed);
     return RC_SUCCESS;
 }
 
@@ -138,8 +147,10 @@ RcStatus JournalStore::Impl::storePieceLocked(JournalPiece& piece)
 {
     piece.m_item.m_ioData.dataAddr = m_dataGrain * SFS_GRAIN_BLOCKS + m_dataBlock;
     m_dirtyGrains.insert(m_dataGrain);
-    const RcStatus rc = m_grains.append(GrainKind::Data, m_dataGrain, m_dataBlock, piece.m_stored,
-                                        piece.m_storedBlocks, piece.m_checksums.data());
+    RcStatus rc = reserveDataLocked(piece.m_storedBlocks);
+    if (rc == RC_SUCCESS)
+        rc = m_grains.append(GrainKind::Data, m_dataGrain, m_dataBlock, piece.m_stored,
+                             piece.m_storedBlocks, piece.m_checksums.data());
     if (rc == RC_SUCCESS)
         m_dataBlock += piece.m_storedBlocks;
     return rc;
@@ -151,6 +162,7 @@ RcStatus JournalStore::Impl::nextGrainLocked()
     if (rc == RC_SUCCESS) {
         ++m_dataGrain;
         m_dataBlock = 0;
+        m_roomGrain = 0; // one of that number may have had room, and has been emptied
     }
     return rc;
 }
@@ -160,11 +172,16 @@ RcStatus JournalStore::Impl::appendCheckpoint(const std::string& tag, CpId_t* id
     MutexGuard checkpointGuard(m_checkpointMutex);
     {
         MutexGuard guard(m_mutex);
-        const RcStatus rc = checkWritableLocked();
+        RcStatus rc = checkWritableLocked();
         if (rc != RC_SUCCESS)
             return rc;
-        if (m_limitBytes != 0 && bytesUsedLocked() + BLOCK_BYTES > m_limitBytes)
+        if (m_limitBytes != 0 && bytesUsedLocked() + BLOCK_BYTES > m_limitBytes) {
+            m_room = JournalRoom::LimitReached;
             return RC_NO_SPACE;
+        }
+        rc = reserveItemsLocked(1);
+        if (rc != RC_SUCCESS)
+            return failLocked(rc, "making a metadata grain");
     }
     JournalCheckpoint checkpoint;
     checkpoint.m_id = m_lastCheckpoint + 1;
@@ -186,12 +203,16 @@ RcStatus JournalStore::Impl::appendCheckpoint(const std::string& tag, CpId_t* id
     RcStatus rc = checkWritableLocked();
     if (rc != RC_SUCCESS)
         return rc;
+    rc = reserveItemsLocked(1); // others may have used up what there was room for
+    if (rc != RC_SUCCESS)
+        return failLocked(rc, "making a metadata grain");
     checkpoint.m_itemsBefore = m_items;
     m_pending.push_back(item);
     ++m_accepted;
     m_checkpoints.push_back(checkpoint);
     m_lastCheckpoint = checkpoint.m_id;
     m_lastTimestampUs = checkpoint.m_timestampUs;
+    m_room = JournalRoom::Enough;
     rc = flushLocked();
     if (rc == RC_SUCCESS && id != nullptr)
         *id = checkpoint.m_id;

@@ -27,3 +27,14 @@ RcStatus storeJournalBegin(Storage& storage, const std::string& folder, const Jo
 {
     return storeCheckedFile(storage, folder, FILE_NAME, &begin, sizeof begin);
 }
+
+RcStatus reserveJournalBegin(Storage& storage, const std::string& folder)
+{
+    std::unique_ptr<StorageFile> file;
+    if (storage.open(folder + "/" + FILE_NAME, StorageAccess::ReadOnly, &file) == RC_NOT_FOUND) {
+        const RcStatus rc = storeJournalBegin(storage, folder, JournalBegin());
+        if (rc != RC_SUCCESS)
+            return rc == RC_NO_SPACE ? RC_SUCCESS : rc;
+    }
+    return reserveCheckedFile(storage, folder, FILE_NAME, sizeof(JournalBegin));
+}

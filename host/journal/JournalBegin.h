@@ -30,3 +30,7 @@ RcStatus loadJournalBegin(Storage& storage, const std::string& folder, JournalBe
 
 // Durable when it returns; before that a crash leaves the old or the new beginning.
 RcStatus storeJournalBegin(Storage& storage, const std::string& folder, const JournalBegin& begin);
+
+// Takes the room for the next ones beforehand, where there is any, for which there has to be a
+// first one; see CheckedFile.h.
+RcStatus reserveJournalBegin(Storage& storage, const std::string& folder);

@@ -5,11 +5,17 @@
 
 namespace {
 
-// Whatever a failed sync dropped is gone, also when it was for want of space. One that could not
-// even open the grain has dropped nothing.
-RcStatus ofSync(RcStatus rc)
+// Whatever a failed sync dropped of the data is gone, also when it was for want of space. One that
+// could not even open the grain has dropped nothing.
+RcStatus ofDataSync(RcStatus rc)
 {
     return rc == RC_NO_MEMORY ? rc : RC_IO_ERROR;
+}
+
+// Of pages nothing is lost: the group is kept, and all of it is written again.
+RcStatus ofMetaSync(RcStatus rc)
+{
+    return rc == RC_NO_MEMORY || rc == RC_NO_SPACE ? rc : RC_IO_ERROR;
 }
 
 } // namespace
@@ -87,17 +93,15 @@ RcStatus JournalStore::Impl::writeGroup(const std::set<u64>& dirtyGrains)
     for (const u64 grain : dirtyGrains) {
         rc = m_grains.sync(GrainKind::Data, grain);
         if (rc != RC_SUCCESS)
-            return ofSync(rc);
+            return ofDataSync(rc);
     }
     const u64 end = m_group.m_firstPage + m_group.m_pages.size();
     for (u64 page = m_group.m_firstPage; page < end;) {
         const u32 count = static_cast<u32>(
             std::min<u64>(end - page, JOURNAL_PAGES_PER_GRAIN - pageInGrain(page)));
-        if (pageInGrain(page) == 0)
-            rc = m_grains.create(GrainKind::Meta, pageGrain(page));
-        if (rc == RC_SUCCESS)
-            rc = m_grains.append(GrainKind::Meta, pageGrain(page), pageInGrain(page),
-                                 &m_group.m_pages[page - m_group.m_firstPage], count, nullptr);
+        // The grain was made when room was taken for the page.
+        rc = m_grains.append(GrainKind::Meta, pageGrain(page), pageInGrain(page),
+                             &m_group.m_pages[page - m_group.m_firstPage], count, nullptr);
         if (rc != RC_SUCCESS)
             return rc;
         page += count;
@@ -105,7 +109,7 @@ RcStatus JournalStore::Impl::writeGroup(const std::set<u64>& dirtyGrains)
     for (u64 grain = pageGrain(m_group.m_firstPage); grain <= pageGrain(end - 1); ++grain) {
         rc = m_grains.sync(GrainKind::Meta, grain);
         if (rc != RC_SUCCESS)
-            return ofSync(rc);
+            return ofMetaSync(rc);
     }
     return RC_SUCCESS;
 }
@@ -117,7 +121,8 @@ RcStatus JournalStore::Impl::close()
         return RC_SUCCESS;
     RcStatus rc = m_failed != RC_SUCCESS ? m_failed : flushLocked();
     m_closed = true;
-    if (rc == RC_SUCCESS && !m_endsMarked) {
+    // Where there is no room for the mark the journal ends as it does after a crash, whole.
+    if (rc == RC_SUCCESS && !m_endsMarked && reservePagesLocked(m_endPage + 1) == RC_SUCCESS) {
         // A group of one empty page: it proves that all before it had been durable.
         m_group.m_firstPage = m_endPage;
         m_group.m_items = m_durableItems;

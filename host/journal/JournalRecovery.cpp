@@ -25,7 +25,8 @@ public:
 
     RecoveryResult run()
     {
-        m_result.m_rc = listGrains();
+        std::vector<u64> ignored;
+        m_result.m_rc = listGrains(&ignored);
         m_pages.resize(FIRST_CHUNK_PAGES);
         bool more = m_result.m_rc == RC_SUCCESS;
         while (more)
@@ -37,11 +38,10 @@ public:
     }
 
 private:
-    RcStatus listGrains()
+    RcStatus listGrains(std::vector<u64>* found)
     {
-        std::vector<u64> found;
-        const RcStatus rc = m_grains.list(GrainKind::Meta, &found);
-        m_lastGrain = found.empty() ? 0 : found.back();
+        const RcStatus rc = m_grains.list(GrainKind::Meta, found);
+        m_lastGrain = found->empty() ? 0 : found->back();
         return rc;
     }
 
@@ -216,15 +216,17 @@ private:
         }
     }
 
-    // Up to which page there is something.
+    // Up to which page there is something. The last grains may be empty: they are made before the
+    // pages that go into them are written.
     RcStatus countFoundPages()
     {
-        const RcStatus listed = listGrains();
-        if (listed != RC_SUCCESS || m_lastGrain == 0)
-            return listed;
+        std::vector<u64> found;
+        RcStatus rc = listGrains(&found);
         u32 blocks = 0;
-        const RcStatus rc = m_grains.metaBlocks(m_lastGrain, &blocks);
-        m_foundPages = (m_lastGrain - 1) * JOURNAL_PAGES_PER_GRAIN + blocks;
+        for (size_t i = found.size(); i > 0 && rc == RC_SUCCESS && blocks == 0; --i) {
+            rc = m_grains.metaBlocks(found[i - 1], &blocks);
+            m_foundPages = (found[i - 1] - 1) * JOURNAL_PAGES_PER_GRAIN + blocks;
+        }
         return rc;
     }
 

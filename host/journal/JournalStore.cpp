@@ -96,7 +96,7 @@ bool JournalStore::Impl::recover(Opened& opened)
     m_lastCheckpoint = found.m_position.m_lastCheckpoint;
     m_lastTimestampUs = found.m_position.m_lastTimestampUs;
     m_items = m_durableItems = found.m_position.m_items;
-    m_endPage = found.m_position.m_endPage;
+    m_endPage = m_roomPage = found.m_position.m_endPage;
     m_endsMarked = found.m_position.m_endsMarked;
     m_storedBlocks = found.m_position.m_storedBlocks;
     m_dataGrain = found.m_position.m_dataGrain;
@@ -145,7 +145,9 @@ bool JournalStore::Impl::prepareWriting(Opened& opened)
             return fail(opened, written,
                         std::string("cannot make the journal durable: ") + rcStatusText(written));
     }
-    const RcStatus synced = m_storage.syncDir(m_options.folder);
+    RcStatus synced = m_storage.syncDir(m_options.folder);
+    if (synced == RC_SUCCESS)
+        synced = reserveJournalBegin(m_storage, m_options.folder);
     return synced == RC_SUCCESS ||
            fail(opened, synced,
                 std::string("cannot make the journal durable: ") + rcStatusText(synced));
@@ -308,7 +310,9 @@ RcStatus JournalStore::setBegin(const JournalBegin& begin, u64 freedBlocks)
 
 RcStatus JournalStore::removeTrimmed(u64* removed)
 {
-    return removeBeforeBegin(m_impl->m_grains, begin(), removed);
+    const RcStatus rc = removeBeforeBegin(m_impl->m_grains, begin(), removed);
+    // Where the new beginning has used that up, there is room now.
+    return rc == RC_SUCCESS ? reserveJournalBegin(m_impl->m_storage, m_impl->m_options.folder) : rc;
 }
 
 RcStatus JournalStore::Impl::setBegin(const JournalBegin& begin, u64 freedBlocks)
@@ -385,6 +389,10 @@ u64 JournalStore::limitBytes() const
 {
     MutexGuard guard(m_impl->m_mutex);
     return m_impl->m_limitBytes;
+}
+JournalRoom JournalStore::room() const
+{
+    return m_impl->m_room;
 }
 void JournalStore::setLimitBytes(u64 limitBytes)
 {

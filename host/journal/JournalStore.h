@@ -88,6 +88,14 @@ struct JournalCheckpoint
     JournalPtr m_ptr = JournalPtr::invalid; // of its item; invalid until flushed
 };
 
+// Whether there was room for what was appended last.
+enum class JournalRoom
+{
+    Enough,
+    LimitReached, // the journal's own
+    DiskFull,
+};
+
 class JournalStore : public SfsInterface
 {
 public:
@@ -110,10 +118,10 @@ public:
     ~JournalStore() override;
 
     // Appends one request; lengthBlocks > 0. Not durable before a flush, but read back at once.
-    // RC_NO_SPACE: the limit is reached or the disk is full, nothing changed; RC_BAD_ARGUMENT: zero
-    // length, beyond the volume, or not a writer; RC_NO_MEMORY: no memory for the request, or a
-    // grain could not be opened for want of descriptors, nothing changed; RC_IO_ERROR: nothing more
-    // is accepted.
+    // RC_NO_SPACE: the limit is reached or the disk is full, see room(), nothing changed; what is
+    // appended later may find room, and reading goes on; RC_BAD_ARGUMENT: zero length, beyond the
+    // volume, or not a writer; RC_NO_MEMORY: no memory for the request, or a grain could not be
+    // opened for want of descriptors, nothing changed; RC_IO_ERROR: nothing more is accepted.
     RcStatus append(u64 offsetBlocks, const void* data, u32 lengthBlocks);
     RcStatus appendZeroes(u64 offsetBlocks, u64 lengthBlocks);
 
@@ -130,7 +138,8 @@ public:
     RcStatus appendCheckpoint(const std::string& tag, CpId_t* id);
 
     // Makes all that was appended before durable. Callers at the same time share one flush.
-    // RC_NO_SPACE, RC_NO_MEMORY: not durable, but kept; a later flush tries again.
+    // RC_NO_SPACE, RC_NO_MEMORY: not durable, but kept; a later flush tries again. There is room
+    // for what was accepted, so RC_NO_SPACE comes only from a file system that cannot reserve it.
     RcStatus flush();
 
     // Closes as the destructor does, and says how it went. Appends fail afterwards.
@@ -144,6 +153,7 @@ public:
     // Bytes of data and metadata, with their checksums.
     u64 bytesUsed() const;
     u64 limitBytes() const;
+    JournalRoom room() const;
     // Holds for what is appended from now on.
     void setLimitBytes(u64 limitBytes);
     Compression compression() const;

@@ -1,6 +1,8 @@
-// The inside of JournalStore: appending (JournalAppend.cpp) and flushing (JournalFlush.cpp).
+// The inside of JournalStore: appending (JournalAppend.cpp), the room for what is appended
+// (JournalRoom.cpp) and flushing (JournalFlush.cpp).
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <set>
@@ -41,6 +43,16 @@ struct JournalStore::Impl
         RL_REQUIRES(m_mutex);
     RcStatus storePieceLocked(JournalPiece& piece) RL_REQUIRES(m_mutex);
     RcStatus nextGrainLocked() RL_REQUIRES(m_mutex);
+
+    // Room on the disk is taken before something is accepted, so that a full disk refuses it and
+    // never fails the flush. RC_NO_SPACE: there is none; a part of it may have been taken.
+    // For the blocks that are stored next in the present grain.
+    RcStatus reserveDataLocked(u32 blocks) RL_REQUIRES(m_mutex);
+    // For the pages of so many more items, and one that marks the journal's end.
+    RcStatus reserveItemsLocked(u64 items) RL_REQUIRES(m_mutex);
+    // For the pages before endPage; makes the grains that they lie in.
+    RcStatus reservePagesLocked(u64 endPage) RL_REQUIRES(m_mutex);
+
     u64 bytesUsedLocked() const RL_REQUIRES(m_mutex);
     RcStatus flushLocked() RL_REQUIRES(m_mutex);
     void beginGroupLocked() RL_REQUIRES(m_mutex);
@@ -71,12 +83,20 @@ struct JournalStore::Impl
     RcStatus m_streamStatus RL_GUARDED_BY(m_mutex) = RC_SUCCESS;
     bool m_closed RL_GUARDED_BY(m_mutex) = false;
     u64 m_limitBytes RL_GUARDED_BY(m_mutex); // 0 for no limit
+    std::atomic<JournalRoom> m_room{JournalRoom::Enough};
 
     // Where the next data block goes.
     u64 m_dataGrain RL_GUARDED_BY(m_mutex) = 0;
     u32 m_dataBlock RL_GUARDED_BY(m_mutex) = SFS_GRAIN_BLOCKS;
     std::set<u64> m_dirtyGrains RL_GUARDED_BY(m_mutex); // data grains not synced since an append
     u64 m_storedBlocks RL_GUARDED_BY(m_mutex) = 0;
+
+    // What room is taken for: the blocks of one data grain before a block, and all pages before a
+    // page that are not flushed yet.
+    u64 m_roomGrain RL_GUARDED_BY(m_mutex) = 0;
+    u32 m_roomBlock RL_GUARDED_BY(m_mutex) = 0;
+    u32 m_roomStepBlocks RL_GUARDED_BY(m_mutex) = 0; // what was taken at once last
+    u64 m_roomPage RL_GUARDED_BY(m_mutex) = 0;
 
     // Accepted, and not in a group yet.
     std::vector<PendingItem> m_pending RL_GUARDED_BY(m_mutex);

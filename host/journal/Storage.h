@@ -37,6 +37,11 @@ public:
     virtual RcStatus size(u64* bytes) = 0;
     virtual RcStatus truncate(u64 bytes) = 0;
 
+    // Takes the room that a later pwrite() of the range needs, as far as the file system can: what
+    // it finds no room for then it says now (RC_NO_SPACE; a part may have been taken). Neither
+    // content nor size changes. RC_SUCCESS also where nothing can be taken beforehand.
+    virtual RcStatus reserve(u64 offsetBytes, u64 bytes) = 0;
+
     // Makes a range read as zeroes and gives its space back where the file system can.
     virtual RcStatus zeroRange(u64 offsetBytes, u64 bytes) = 0;
 
@@ -81,5 +86,10 @@ public:
 
     // Replaces `to` as one step.
     virtual RcStatus rename(const std::string& from, const std::string& to) = 0;
+
+    // Swaps two files of a folder as one step, which takes no room and gives none back.
+    // RC_NOT_FOUND: one of them is not there; RC_BAD_ARGUMENT: this storage cannot.
+    virtual RcStatus exchange(const std::string& one, const std::string& other) = 0;
+
     virtual RcStatus syncDir(const std::string& folder) = 0; // "" is the root
 };

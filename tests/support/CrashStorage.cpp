@@ -76,16 +76,34 @@ public:
         if (rc != RC_SUCCESS)
             return rc;
         const u8* next = static_cast<const u8*>(data);
+        const u64 first = offset / CrashStorage::SECTOR_BYTES;
+        const u64 count =
+            (offset + bytes + CrashStorage::SECTOR_BYTES - 1) / CrashStorage::SECTOR_BYTES - first;
+        const u64 fits = m_storage.takeSectors(*m_inode, first, count);
+        if (fits < count) // a part may have been written
+            bytes -= std::min(bytes, offset + bytes - (first + fits) * CrashStorage::SECTOR_BYTES);
         while (bytes > 0) {
             const u64 step =
                 std::min(bytes, CrashStorage::SECTOR_BYTES - offset % CrashStorage::SECTOR_BYTES);
+            m_inode->m_reserved.erase(offset / CrashStorage::SECTOR_BYTES);
             m_inode->m_current.write(offset, next, step);
             m_inode->m_unsynced.push_back({false, offset, std::vector<u8>(next, next + step)});
             next += step;
             offset += step;
             bytes -= step;
         }
-        return RC_SUCCESS;
+        return fits < count ? RC_NO_SPACE : RC_SUCCESS;
+    }
+
+    RcStatus reserve(u64 offset, u64 bytes) override
+    {
+        std::lock_guard<std::mutex> guard(m_storage.m_mutex);
+        const RcStatus rc = m_storage.begin(CrashStorage::Call::Reserve, false);
+        if (rc != RC_SUCCESS || bytes == 0)
+            return rc;
+        const u64 first = offset / CrashStorage::SECTOR_BYTES;
+        const u64 count = (offset + bytes - 1) / CrashStorage::SECTOR_BYTES + 1 - first;
+        return m_storage.takeSectors(*m_inode, first, count) < count ? RC_NO_SPACE : RC_SUCCESS;
     }
 
     RcStatus sync() override
@@ -113,6 +131,9 @@ public:
         if (rc != RC_SUCCESS || bytes == m_inode->m_current.m_size)
             return rc;
         m_inode->m_current.truncate(bytes);
+        m_inode->m_reserved.erase(
+            m_inode->m_reserved.lower_bound(bytes / CrashStorage::SECTOR_BYTES),
+            m_inode->m_reserved.end());
         m_inode->m_unsynced.push_back({true, bytes, {}});
         return RC_SUCCESS;
     }
@@ -242,6 +263,21 @@ RcStatus CrashStorage::rename(const std::string& from, const std::string& to)
     return RC_SUCCESS;
 }
 
+RcStatus CrashStorage::exchange(const std::string& one, const std::string& other)
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    const RcStatus rc = begin(Call::Write, true);
+    if (rc != RC_SUCCESS)
+        return rc;
+    const auto a = m_current.find(one);
+    const auto b = m_current.find(other);
+    if (a == m_current.end() || b == m_current.end())
+        return RC_NOT_FOUND;
+    std::swap(a->second, b->second);
+    m_unsyncedNames.push_back({one, a->second, other, b->second});
+    return RC_SUCCESS;
+}
+
 RcStatus CrashStorage::syncDir(const std::string&)
 {
     std::lock_guard<std::mutex> guard(m_mutex);
@@ -277,6 +313,47 @@ void CrashStorage::failCall(Call call, u64 n, RcStatus rc, bool always)
     m_faults[call] = {n, rc, always};
 }
 
+void CrashStorage::setCapacity(u64 sectors)
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_capacity = sectors;
+}
+
+u64 CrashStorage::usedSectors() const
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return usedLocked();
+}
+
+u64 CrashStorage::usedLocked() const
+{
+    std::set<const Inode*> seen;
+    u64 used = 0;
+    for (const Names* names : {&m_current, &m_durable}) {
+        for (const auto& [name, inode] : *names) {
+            if (seen.insert(inode.get()).second)
+                used += inode->m_current.m_sectors.size() + inode->m_reserved.size();
+        }
+    }
+    return used;
+}
+
+u64 CrashStorage::takeSectors(Inode& inode, u64 first, u64 count)
+{
+    if (m_capacity == ~u64{0})
+        return count;
+    const u64 used = usedLocked();
+    u64 left = m_capacity - std::min(m_capacity, used);
+    for (u64 sector = first; sector < first + count; ++sector) {
+        if (inode.m_current.m_sectors.count(sector) != 0 || inode.m_reserved.count(sector) != 0)
+            continue;
+        if (left-- == 0)
+            return sector - first;
+        inode.m_reserved.insert(sector);
+    }
+    return count;
+}
+
 void CrashStorage::noFaults()
 {
     std::lock_guard<std::mutex> guard(m_mutex);
@@ -296,8 +373,10 @@ auto inodesOf(const Names& durable, const NameChanges& changes)
     };
     for (const auto& [name, inode] : durable)
         add(inode);
-    for (const auto& change : changes)
+    for (const auto& change : changes) {
         add(change.m_inode);
+        add(change.m_otherInode);
+    }
     return inodes;
 }
 
@@ -324,6 +403,8 @@ std::unique_ptr<CrashStorage> CrashStorage::crash(const Chooser& fate) const
             names[change.m_name] = change.m_inode;
         else
             names.erase(change.m_name);
+        if (change.m_otherInode)
+            names[change.m_otherName] = change.m_otherInode;
     }
     std::map<const Inode*, InodePtr> made;
     for (const InodePtr& inode : inodesOf(m_durable, m_unsyncedNames)) {
@@ -372,7 +453,8 @@ std::unique_ptr<CrashStorage> CrashStorage::takeOver() const
     for (const auto& [name, inode] : m_durable)
         next->m_durable[name] = copyOf(inode);
     for (const NameChange& change : m_unsyncedNames)
-        next->m_unsyncedNames.push_back({change.m_name, copyOf(change.m_inode)});
+        next->m_unsyncedNames.push_back({change.m_name, copyOf(change.m_inode), change.m_otherName,
+                                         copyOf(change.m_otherInode)});
     return next;
 }
 

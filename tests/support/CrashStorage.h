@@ -5,6 +5,9 @@
 // leaves a prefix of the new bytes in the sector. As each unit is decided alone, every subset and
 // with it every order between two barriers can be had. Names are units as well.
 //
+// It can be as small as a test wants: then a sector that nothing was written to or reserved for yet
+// may find no room. Names take none.
+//
 // It can also fail the N-th call of a kind, or answer nothing any more after N changes, as a
 // machine does that lost its power.
 #pragma once
@@ -14,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -30,6 +34,7 @@ public:
         Sync, // of files and folders
         Create,
         Open, // of any file, also of one that is not there yet
+        Reserve,
     };
 
     // Kept, Lost, or the number of new bytes that a torn sector got.
@@ -54,6 +59,7 @@ public:
     RcStatus makeDir(const std::string& folder) override;
     RcStatus remove(const std::string& name) override;
     RcStatus rename(const std::string& from, const std::string& to) override;
+    RcStatus exchange(const std::string& one, const std::string& other) override;
     RcStatus syncDir(const std::string& folder) override;
 
     // Every change (write, truncate, sync, creation, removal) counts; after `changes` of them in
@@ -66,8 +72,14 @@ public:
     void failCall(Call call, u64 n, RcStatus rc, bool always = false);
     void noFaults();
 
+    // Most sectors that all files may have, those included that only a power cut would bring back;
+    // what is there already stays.
+    void setCapacity(u64 sectors);
+    u64 usedSectors() const;
+
     // What a machine finds after a power cut now. Units are numbered from 0 to unsynced() - 1.
     size_t unsynced() const;
+    size_t unsyncedNames() const { return m_unsyncedNames.size(); } // the first of them
     std::unique_ptr<CrashStorage> crash(const Chooser& fate) const;
 
     // All as it is seen now, durable, and without locks: what a restarted process finds.
@@ -114,6 +126,7 @@ private:
         Content m_current;
         Content m_durable;
         std::vector<Change> m_unsynced;
+        std::set<u64> m_reserved; // sectors without content that have room
         bool m_locked = false;
     };
     using InodePtr = std::shared_ptr<Inode>;
@@ -122,11 +135,17 @@ private:
     struct NameChange
     {
         std::string m_name;
-        InodePtr m_inode; // null: removed
+        InodePtr m_inode;          // null: removed
+        std::string m_otherName{}; // of an exchange
+        InodePtr m_otherInode{};
     };
 
     // Called at the start of each call, under the mutex; a failure is the call's.
     RcStatus begin(Call call, bool changes);
+    u64 usedLocked() const;
+
+    // How many of the sectors from there on the file has room for, or gets it now.
+    u64 takeSectors(Inode& inode, u64 first, u64 count);
 
     mutable std::mutex m_mutex;
     Names m_current;
@@ -134,6 +153,7 @@ private:
     std::vector<NameChange> m_unsyncedNames;
     u64 m_changes = 0;
     u64 m_dieAfter = ~u64{0};
+    u64 m_capacity = ~u64{0}; // sectors
     struct Fault
     {
         u64 m_n = 0; // calls until it fails; 0 for never

@@ -57,6 +57,7 @@ TEST_F(JournalFaultTest, PassingWantAtEveryCallChangesNothingAndGoesOnAfterwards
     for (const Want& want :
          {Want{Call::Write, RC_NO_SPACE, false}, Want{Call::Create, RC_NO_SPACE, false},
           Want{Call::Write, RC_NO_SPACE, true}, Want{Call::Create, RC_NO_SPACE, true},
+          Want{Call::Reserve, RC_NO_SPACE, false}, Want{Call::Reserve, RC_NO_SPACE, true},
           Want{Call::Open, RC_NO_MEMORY, false}, Want{Call::Open, RC_NO_MEMORY, true},
           Want{Call::Sync, RC_NO_MEMORY, false}, Want{Call::Sync, RC_NO_MEMORY, true}}) {
         bool failed = true;
