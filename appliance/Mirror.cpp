@@ -301,7 +301,9 @@ Result Mirror::setApplyState(const ApplyState& state)
         MutexGuard guard(m_applyMutex);
         m_applyState = state;
     }
-    return reserveApplyState(*m_storage); // for the next one
+    // For the next one, which tells when it fails for want of this.
+    const Result ignored = reserveApplyState(*m_storage);
+    return Result();
 }
 
 // Whether the point can still be had, now that nothing moves.

@@ -311,8 +311,10 @@ RcStatus JournalStore::setBegin(const JournalBegin& begin, u64 freedBlocks)
 RcStatus JournalStore::removeTrimmed(u64* removed)
 {
     const RcStatus rc = removeBeforeBegin(m_impl->m_grains, begin(), removed);
-    // Where the new beginning has used that up, there is room now.
-    return rc == RC_SUCCESS ? reserveJournalBegin(m_impl->m_storage, m_impl->m_options.folder) : rc;
+    // Where the new beginning has used that up, there is room now; the next one tells otherwise.
+    if (rc == RC_SUCCESS)
+        (void)reserveJournalBegin(m_impl->m_storage, m_impl->m_options.folder);
+    return rc;
 }
 
 RcStatus JournalStore::Impl::setBegin(const JournalBegin& begin, u64 freedBlocks)
