@@ -35,6 +35,11 @@ public:
         m_storage.delay();
         return m_below->truncate(bytes);
     }
+    RcStatus reserve(u64 offsetBytes, u64 bytes) override
+    {
+        m_storage.delay();
+        return m_below->reserve(offsetBytes, bytes);
+    }
     RcStatus zeroRange(u64 offsetBytes, u64 bytes) override
     {
         m_storage.delay();
@@ -110,6 +115,12 @@ RcStatus SlowStorage::rename(const std::string& from, const std::string& to)
 {
     delay();
     return m_below->rename(from, to);
+}
+
+RcStatus SlowStorage::exchange(const std::string& one, const std::string& other)
+{
+    delay();
+    return m_below->exchange(one, other);
 }
 
 RcStatus SlowStorage::syncDir(const std::string& folder)

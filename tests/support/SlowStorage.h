@@ -25,6 +25,7 @@ public:
     RcStatus makeDir(const std::string& folder) override;
     RcStatus remove(const std::string& name) override;
     RcStatus rename(const std::string& from, const std::string& to) override;
+    RcStatus exchange(const std::string& one, const std::string& other) override;
     RcStatus syncDir(const std::string& folder) override;
 
     // Of the storage and of its files, since the last start().
