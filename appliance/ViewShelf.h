@@ -6,9 +6,9 @@
 //   less than a scan from the journal's beginning
 //
 // The maps of what changed between two points (DiffMaps.h) take part in the budget. When it is used
-// up, views that nobody has open go, the least recently used one first; if that does not suffice the
-// one that is being built is refused, never one that is open. However small they are, no more than a
-// few dozen stay that nobody has open: each holds a file open.
+// up, views that nobody has open go, the least recently used one first; if that does not suffice
+// the one that is being built is refused, never one that is open. However small they are, no more
+// than a few dozen stay that nobody has open: each holds a file open.
 //
 // Thread safety: any thread.
 // Invariants: 1. two connections to one point have one view; points that hold the same items are

@@ -145,9 +145,10 @@ TEST_F(FullDiskTest, TheLimitIsToldFromTheDisk)
     const Image data(100 * BLOCK_BYTES);
     const Result refused = m_mirror->write(0, data.data(), 100);
     EXPECT_EQ(refused.code(), ResultCode::NoSpace);
-    EXPECT_EQ(refused.message(),
-              "cannot journal the write at block 0: the journal's limit of 19.5 KiB is reached (0 B "
-              "used); apply and trim make room, as does a higher limit");
+    EXPECT_EQ(
+        refused.message(),
+        "cannot journal the write at block 0: the journal's limit of 19.5 KiB is reached (0 B "
+        "used); apply and trim make room, as does a higher limit");
 }
 
 } // namespace
