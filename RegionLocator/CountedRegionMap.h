@@ -82,7 +82,8 @@ public:
         return node != nullptr ? at(node) : lastAtOrBefore(offsetBlocks);
     }
 
-    // The same, from what locate() has found for the block: whatever has been changed since.
+    // The same, from what locate() has found for the block: whatever has been inserted, replaced or
+    // erased since.
     const_iterator lastAtOrBefore(u64 offsetBlocks, RegionNode* located) const
     {
         if (located != nullptr && startOf(located) != NOWHERE) {
@@ -181,8 +182,9 @@ public:
 
     // Finds the last region that starts at or before each of these, or null, and brings what
     // changes over them will touch into the cache; at most MAX_LOCKSTEP. What is found serves
-    // lastAtOrBefore() until a voucher is cleared: a region that is erased leaves a mark in its
-    // node, and that node is free in a voucher or in the map again.
+    // lastAtOrBefore() until a voucher is cleared, or regions leave for another map or all at once:
+    // a region that is erased leaves a mark in its node, and that node is free in a voucher or in
+    // the map again.
     void locate(const SubRegionDescriptor* regions, u32 count, RegionNode** located) const;
     // The same for taking out, and putting back, the region at this place.
     void warmAround(const_iterator place) const;

@@ -46,11 +46,12 @@ public:
     u32 size() const { return m_count.load(std::memory_order_relaxed); }
     bool isOpen() const { return m_isOpen.load(std::memory_order_relaxed); }
 
-    // Keeps the region if it may: while this is open, not full, and for that voucher.
+    // Keeps the region if it may: while this is open, not full, for that voucher, and nobody else
+    // is at it.
     bool add(const SubRegionDescriptor& region, RegionLocatorVoucher* voucher)
     {
         if (m_latch.exchange(true, std::memory_order_acquire))
-            return false; // it is being closed
+            return false; // it is being opened or closed, or another region is added
         const u32 count = size();
         const bool may = isOpen() && count < MOST && voucher == m_voucher;
         if (may) {

@@ -12,8 +12,9 @@
 //                                           | while changes are traced or checked
 //
 // Nobody can tell the difference: a lookup shows what is locked with what is not, so it may find
-// both in one map; whatever asks what is locked asks here, too; and every other operation has the
-// nodes moved before it begins.
+// both in one map; whatever asks what is locked asks here, too; counts are over both maps; and
+// every other operation has the nodes moved before it looks at the locked map. A region of whose
+// pieces there would be something to report is moved at once.
 #pragma once
 
 #include "RegionLocator/RegionNodes.h"

@@ -1315,7 +1315,8 @@ bool RegionLocator::lockInPlace(const std::vector<SubRegionDescriptor>& a_region
     for (size_t i = 0; i < a_regions.size(); ++i) {
         if (i > 0)
             iter = m_unlockedRegions->after(iter);
-        if (!isSameRegion(*iter, a_regions[i])) {
+        // What there would be to report of a piece of it is reported where it has been moved.
+        if (!isSameRegion(*iter, a_regions[i]) || !isCutQuietly(*iter)) {
             m_lockedInPlace.shrinkTo(before);
             return false;
         }
@@ -1685,16 +1686,18 @@ u64 RegionLocator::getItemCount()
 RegionLocatorStatistics RegionLocator::getStatistics()
 {
     // What is held back is counted as if it were in already, and for that it has to be. Who has
-    // the mutex may be this very thread; whoever it is, what it leaves is a momentary view.
+    // the mutex may be this very thread, and has closed the list then; whoever it is, what is seen
+    // without the mutex is a momentary view.
     if (!m_heldBack.empty() && m_mutex.tryLock()) {
         settle();
         m_mutex.unlock();
     }
+    const u64 blocks = m_unlockedRegions->sizeLb() + m_lockedRegions->sizeLb();
     RegionLocatorStatistics statistics;
     statistics.m_numIOsInserted = m_counters.getInserts();
     statistics.m_bytesInserted = m_counters.getInsertLbs() * BLOCK_BYTES;
-    statistics.m_uniqueBytesIosCover = getTotalRegionBlocksLocked() * BLOCK_BYTES;
-    statistics.m_numRegionsCreated = getItemCountLocked();
+    statistics.m_uniqueBytesIosCover = blocks * BLOCK_BYTES;
+    statistics.m_numRegionsCreated = m_unlockedRegions->size() + m_lockedRegions->size();
     return statistics;
 }
 

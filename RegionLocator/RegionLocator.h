@@ -34,7 +34,8 @@ class RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly;
 // All lengths and offsets are in blocks; ranges are half-open: [offset, offset + length).
 //
 // Thread safety: every public operation from any thread, unless its comment says otherwise; each
-// holds the locator's mutex for its whole length. "...Locked" operations are for who holds it.
+// holds the locator's mutex for its whole length, but for a scan's insert that is only held back.
+// "...Locked" operations are for who holds it.
 //
 // Vouchers: an operation draws the map nodes that it may need from the voucher that its caller
 // passes, filled beforehand with RegionLocatorMemPool::getVoucherRequirement() tokens, and puts the
@@ -304,10 +305,11 @@ private:
     }
     bool isAnyLocked(u64 offsetBlocks, u32 lengthBlocks) const RL_REQUIRES(m_mutex)
     {
-        return (!m_lockedInPlace.empty() &&
-                m_lockedInPlace.intersects(offsetBlocks, lengthBlocks)) ||
-               (!m_lockedRegions->empty() &&
-                countIntersecting(m_lockedRegions, offsetBlocks, lengthBlocks) > 0);
+        // The map in any case, for what there is to report of the pieces.
+        const bool isMoved = !m_lockedRegions->empty() &&
+                             countIntersecting(m_lockedRegions, offsetBlocks, lengthBlocks) > 0;
+        return isMoved ||
+               (!m_lockedInPlace.empty() && m_lockedInPlace.intersects(offsetBlocks, lengthBlocks));
     }
     // Cut the blocks of each element, a piece of a stored region, out of the map. hint: where the
     // first one may lie; the map's end for anywhere.

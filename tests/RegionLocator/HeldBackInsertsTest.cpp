@@ -225,6 +225,31 @@ TEST_F(ScanTest, StatisticsAreToldUnderTheMutexToo)
     EXPECT_EQ(heldBack(), 0u);
 }
 
+// They may be asked for at any moment, and no item of the scan is lost by it.
+TEST_F(ScanTest, StatisticsBesideAScanLoseNothing)
+{
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a momentary view looks at what another thread changes, by design";
+#endif
+    constexpr u64 ITEMS = 100000;
+    std::atomic<bool> done{false};
+    std::thread asks([&] {
+        while (!done)
+            EXPECT_LE(m_locator.getStatistics().m_numIOsInserted, ITEMS + 1);
+    });
+    for (u64 i = 0; i < ITEMS; ++i) {
+        if (i % 1000 == 0) {
+            m_feeder->unPrepareToAdd();
+            ASSERT_EQ(m_feeder->prepareToAdd(1000, 0).get(), RC_SUCCESS);
+        }
+        add(2000 + 16 * i, 8, 10 * i);
+    }
+    done = true;
+    asks.join();
+    EXPECT_EQ(m_locator.getItemCount(), ITEMS + 1);
+    EXPECT_EQ(m_locator.getStatistics().m_numIOsInserted, ITEMS + 1);
+}
+
 TEST_F(ScanTest, WhatIsHeldBackIsInBeforeTheIteratorsAreOut)
 {
     add(500, 8, 500);

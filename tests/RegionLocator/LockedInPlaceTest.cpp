@@ -155,6 +155,21 @@ TEST_F(LockedInPlaceTest, ACompressedRegionWithAChecksumOfItsWholeMoves)
     unlockAndRestoreRegions(m_locator, pieces);
 }
 
+// A cut of it would have a place in its IO that the field for it cannot hold.
+TEST_F(LockedInPlaceTest, ARegionOfWhosePiecesThereIsSomethingToReportMoves)
+{
+    insertRegion(m_locator, plainRegion(2000, 16, 5000, 65530));
+    const Regions pieces = lockRange(m_locator, 2000, 16);
+    EXPECT_EQ(inPlace(), 0U);
+    m_log.clear();
+    EXPECT_FALSE(insertRegion(m_locator, plainRegion(2008, 8, 9000)));
+    // What was reported of the piece, and that the insert was refused.
+    ASSERT_EQ(m_log.records().size(), 2U);
+    EXPECT_NE(m_log.records()[0].m_text.find("offsetFromOrigIoLbs=65538"), std::string::npos)
+        << m_log.records()[0].m_text;
+    unlockAndRestoreRegions(m_locator, pieces);
+}
+
 TEST_F(LockedInPlaceTest, InsertsOverItAreRefusedAndOthersAreNot)
 {
     const Regions pieces = lockRange(m_locator, 16, 8);
