@@ -28,7 +28,9 @@ std::vector<std::string> LogLimiter::takeRest()
     MutexGuard guard(m_mutex);
     std::vector<std::string> lines;
     for (auto& [kind, known] : m_kinds) {
-        if (known.m_leftOut > 0)
+        if (known.m_leftOut == 1)
+            lines.push_back(known.m_last);
+        else if (known.m_leftOut > 1)
             lines.push_back(known.m_last + " (and " + std::to_string(known.m_leftOut - 1) +
                             " more like it before this one)");
         known.m_leftOut = 0;

@@ -144,19 +144,14 @@ void PoolBlocks::noteTaken(Block* block, u8* first, u64 bits)
     }
 }
 
-u8* PoolBlocks::takeChunk()
+u8* PoolBlocks::takeBlock()
 {
-    if (m_headerChunks == 0) {
-        FreeBlock* first = m_free;
-        m_free = first->m_next;
-        --m_freeBlocks;
-        --m_freeChunks;
-        openMemory(first, m_blockBytes);
-        return reinterpret_cast<u8*>(first);
-    }
-    u8* taken = nullptr;
-    takeChunks(1, [&taken](u8* chunk) { taken = chunk; });
-    return taken;
+    FreeBlock* first = m_free;
+    m_free = first->m_next;
+    --m_freeBlocks;
+    --m_freeChunks;
+    openMemory(first, m_blockBytes);
+    return reinterpret_cast<u8*>(first);
 }
 
 bool PoolBlocks::giveChunk(u8* chunk)

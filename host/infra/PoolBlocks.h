@@ -38,16 +38,13 @@ public:
     // Takes a wholly free block out; null when there is none.
     u8* removeFreeBlock();
 
-    // REQUIRES: freeChunks() > 0.
-    u8* takeChunk();
-
     // Takes `count` chunks and calls take(chunk) for each, a block's in the order of their
     // addresses. REQUIRES: so many are free.
     template <class Take> void takeChunks(u32 count, Take take)
     {
         if (m_headerChunks == 0) {
             for (; count > 0; --count)
-                take(takeChunk());
+                take(takeBlock());
             return;
         }
         while (count > 0) {
@@ -63,7 +60,7 @@ public:
         }
     }
 
-    // chunk: as takeChunk() returned it. True when its block is now wholly free.
+    // chunk: as takeChunks() handed it out. True when its block is now wholly free.
     bool giveChunk(u8* chunk);
 
     // The same for many. True when some block is now wholly free.
@@ -102,6 +99,8 @@ private:
 
     static constexpr u32 WORD_BITS = 64;
 
+    // Where a block is one chunk. REQUIRES: one is free.
+    u8* takeBlock();
     Block* blockOf(const u8* chunk) const;
     static u64* wordsOf(Block* block) { return reinterpret_cast<u64*>(block + 1); }
     // The first chunk of a word.
