@@ -207,9 +207,12 @@ RcStatus JournalStore::Impl::appendCheckpoint(const std::string& tag, CpId_t* id
     if (rc != RC_SUCCESS)
         return failLocked(rc, "making a metadata grain");
     checkpoint.m_itemsBefore = m_items;
+    // All memory is taken before any of it counts: an item without its entry would be given a place
+    // behind the list's end.
+    m_pending.reserve(m_pending.size() + 1);
+    m_checkpoints.push_back(checkpoint);
     m_pending.push_back(item);
     ++m_accepted;
-    m_checkpoints.push_back(checkpoint);
     m_lastCheckpoint = checkpoint.m_id;
     m_lastTimestampUs = checkpoint.m_timestampUs;
     m_room = JournalRoom::Enough;

@@ -121,8 +121,20 @@ RcStatus JournalStore::Impl::close()
         return RC_SUCCESS;
     RcStatus rc = m_failed != RC_SUCCESS ? m_failed : flushLocked();
     m_closed = true;
-    // Where there is no room for the mark the journal ends as it does after a crash, whole.
-    if (rc == RC_SUCCESS && !m_endsMarked && reservePagesLocked(m_endPage + 1) == RC_SUCCESS) {
+    if (rc == RC_SUCCESS && !m_endsMarked)
+        rc = markEndLocked();
+    m_lockFile.reset();
+    return rc;
+}
+
+RcStatus JournalStore::Impl::markEndLocked()
+{
+    RcStatus rc = RC_SUCCESS;
+    try {
+        // Where there is no room for the mark the journal ends as it does after a crash, whole.
+        rc = reservePagesLocked(m_endPage + 1);
+        if (rc != RC_SUCCESS)
+            return rc == RC_NO_SPACE ? RC_SUCCESS : rc;
         // A group of one empty page: it proves that all before it had been durable.
         m_group.m_firstPage = m_endPage;
         m_group.m_items = m_durableItems;
@@ -134,10 +146,11 @@ RcStatus JournalStore::Impl::close()
         page.m_groupDistance = 0;
         sealPage(page);
         rc = writeGroup({});
-        if (rc == RC_SUCCESS)
-            endGroupLocked();
-        m_endsMarked = rc == RC_SUCCESS;
+    } catch (const std::bad_alloc&) {
+        rc = RC_NO_MEMORY;
     }
-    m_lockFile.reset();
+    if (rc == RC_SUCCESS)
+        endGroupLocked();
+    m_endsMarked = rc == RC_SUCCESS;
     return rc;
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -146,6 +147,17 @@ private:
     bool m_stopped = false;
 };
 
+// A heap that gives nothing ends a scan, and never the process: the thread that reads would leave
+// the other one behind, and on that one nobody could catch it.
+template <class Function> RcStatus withoutThrowing(Function function)
+{
+    try {
+        return function();
+    } catch (const std::bad_alloc&) {
+        return RC_NO_MEMORY;
+    }
+}
+
 RcStatus scanInline(PageReader& reader, JournalScanSink& sink, const std::atomic<bool>& cancelled,
                     const std::function<void()>& progress, std::string* message)
 {
@@ -163,37 +175,60 @@ RcStatus scanInline(PageReader& reader, JournalScanSink& sink, const std::atomic
     return RC_SUCCESS;
 }
 
-RcStatus scanOffloaded(PageReader& reader, JournalScanSink& sink,
-                       const std::atomic<bool>& cancelled, const std::function<void()>& progress,
-                       const std::function<void(RcStatus)>& finish, std::string* message)
+// The thread that calls the container. rc: how reading went, written before the queue was closed.
+void consume(ChunkQueue& queue, JournalScanSink& sink, const std::function<void(RcStatus)>& finish,
+             const RcStatus& rc)
 {
-    ChunkQueue queue;
-    RcStatus rc = RC_SUCCESS;
-    std::thread consumer([&] {
-        while (Chunk* chunk = queue.takeFilled()) {
-            const bool more = sink.takePages(chunk->m_pages.data(), chunk->m_count);
-            queue.putEmpty();
-            if (!more) {
-                queue.stop();
-                finish(RC_SUCCESS);
-                return;
-            }
+    RcStatus taken = RC_SUCCESS;
+    while (Chunk* chunk = queue.takeFilled()) {
+        bool more = false;
+        taken = withoutThrowing([&] {
+            more = sink.takePages(chunk->m_pages.data(), chunk->m_count);
+            return RC_SUCCESS;
+        });
+        queue.putEmpty();
+        if (!more) {
+            queue.stop();
+            finish(taken);
+            return;
         }
-        finish(rc); // written before the queue was closed
-    });
+    }
+    finish(rc);
+}
+
+RcStatus readAhead(ChunkQueue& queue, PageReader& reader, const std::atomic<bool>& cancelled,
+                   const std::function<void()>& progress, std::string* message)
+{
+    RcStatus rc = RC_SUCCESS;
     while (!reader.isDone() && rc == RC_SUCCESS) {
         Chunk* chunk = queue.takeEmpty();
         if (chunk == nullptr)
             break;
-        const RcStatus read = cancelled ? RC_ABORTED : reader.read(chunk, message);
-        if (read != RC_ABORTED)
+        rc = cancelled ? RC_ABORTED : reader.read(chunk, message);
+        if (rc != RC_ABORTED)
             queue.putFilled();
-        rc = read;
         progress();
     }
+    return rc;
+}
+
+void scanOffloaded(PageReader& reader, JournalScanSink& sink, const std::atomic<bool>& cancelled,
+                   const std::function<void()>& progress,
+                   const std::function<void(RcStatus)>& finish, std::string* message)
+{
+    ChunkQueue queue;
+    RcStatus rc = RC_SUCCESS;
+    std::thread consumer;
+    try {
+        consumer = std::thread([&] { consume(queue, sink, finish, rc); });
+    } catch (const std::exception&) { // no thread to be had, or no memory for one
+        finish(withoutThrowing(
+            [&] { return scanInline(reader, sink, cancelled, progress, message); }));
+        return;
+    }
+    rc = withoutThrowing([&] { return readAhead(queue, reader, cancelled, progress, message); });
     queue.close();
     consumer.join();
-    return rc;
 }
 
 } // namespace
@@ -216,16 +251,19 @@ ScanResult JournalScanner::scan(SfsMetaDataContainer& container, const ScanOptio
 
     PageReader reader(m_store, firstPage, endPage);
     std::string message;
-    const auto progress = [&] {
+    const auto tell = [&] {
         if (options.progress)
             options.progress(reader.next(), endPage);
     };
+    const std::function<void()> progress = std::cref(tell); // takes no memory
     if (container.isAddMetaDataDesireOffload())
         scanOffloaded(
             reader, sink, m_cancelled, progress, [&](RcStatus rc) { sink.finish(rc, endPage); },
             &message);
     else
-        sink.finish(scanInline(reader, sink, m_cancelled, progress, &message), endPage);
+        sink.finish(withoutThrowing(
+                        [&] { return scanInline(reader, sink, m_cancelled, progress, &message); }),
+                    endPage);
     ScanResult& result = sink.result();
     if (result.rc != RC_SUCCESS)
         result.message = message;

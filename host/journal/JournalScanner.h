@@ -34,7 +34,8 @@ struct ScanOptions
 struct ScanResult
 {
     // RC_SUCCESS (also when the container stopped it), RC_ABORTED (cancelled), RC_DAMAGED,
-    // RC_IO_ERROR, RC_BAD_ARGUMENT (a start outside of the journal), or the container's failure.
+    // RC_IO_ERROR, RC_NO_MEMORY (the heap gave nothing; what was handed over is a part), or
+    // RC_BAD_ARGUMENT (a start outside of the journal), or the container's failure.
     RcStatus rc = RC_SUCCESS;
     std::string message;                   // for people, when rc is a failure of the journal
     u64 logicalItems = 0;                  // requests handed over of which the first piece was

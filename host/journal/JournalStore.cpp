@@ -190,10 +190,14 @@ JournalStore::~JournalStore()
 {
     if (m_impl->m_options.mode != JournalMode::Writer)
         return;
-    const RcStatus rc = close();
-    if (rc != RC_SUCCESS)
-        LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
-            << "the journal's end could not be made durable: " << rcStatusText(rc) << std::endl;
+    try {
+        const RcStatus rc = close();
+        if (rc != RC_SUCCESS)
+            LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
+                << "the journal's end could not be made durable: " << rcStatusText(rc) << std::endl;
+    } catch (const std::bad_alloc&) {
+        // Nor is there memory to tell of it; the journal ends as it does after a crash.
+    }
 }
 
 RcStatus JournalStore::append(u64 offsetBlocks, const void* data, u32 lengthBlocks)

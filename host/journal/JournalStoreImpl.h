@@ -57,6 +57,7 @@ struct JournalStore::Impl
     RcStatus flushLocked() RL_REQUIRES(m_mutex);
     void beginGroupLocked() RL_REQUIRES(m_mutex);
     void endGroupLocked() RL_REQUIRES(m_mutex);
+    RcStatus markEndLocked() RL_REQUIRES(m_mutex);
 
     // After anything but a full disk, or a file that could not be opened for want of descriptors
     // or memory, nothing more is accepted.

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "host/journal/JournalScanner.h"
 #include "tests/support/CrashStorage.h"
 #include "tests/support/FailingHeap.h"
 #include "tests/support/JournalReadback.h"
@@ -107,6 +108,85 @@ TEST_F(JournalNoMemoryTest, AFlushIsTriedAgainOrTheJournalAcceptsNothingMore)
     });
     EXPECT_GT(again, 0u);
     EXPECT_GT(failures, again);
+}
+
+TEST_F(JournalNoMemoryTest, ClosingNeverEndsTheProcessAndLosesNothingFlushed)
+{
+    const u64 failures = eachAllocation([&](u64 nth) {
+        CrashStorage storage;
+        std::unique_ptr<JournalStore> store = openJournal(storage, JournalMode::Writer);
+        const std::vector<u8> data = patternBlocks(nth, LENGTH);
+        EXPECT_EQ(store->append(0, data.data(), LENGTH), RC_SUCCESS);
+        EXPECT_EQ(store->flush(), RC_SUCCESS);
+        if (nth % 2 == 0) {
+            EXPECT_EQ(store->append(LENGTH, data.data(), LENGTH), RC_SUCCESS);
+        }
+        bool failed = false;
+        {
+            FailingHeap heap((nth + 1) / 2);
+            store.reset();
+            failed = heap.failed();
+        }
+        store = openJournal(storage, JournalMode::Writer);
+        const std::vector<JournalRequest> found = readBack(*store);
+        EXPECT_GE(found.size(), failed || nth % 2 != 0 ? 1u : 2u) << nth;
+        return failed || nth % 2 != 0;
+    });
+    EXPECT_GT(failures, 5u);
+}
+
+// Counts what it is given, on whatever thread.
+class Counter : public SfsMetaDataContainer
+{
+public:
+    explicit Counter(bool offload) : m_offload(offload) {}
+    FutureStatus prepareToAdd(int, u64) override { return makeSetFuture(RC_SUCCESS); }
+    void unPrepareToAdd() override {}
+    RcStatus metaGrainStarted(SfsDevAddr) override { return RC_SUCCESS; }
+    bool isAddMetaDataDesireOffload() override { return m_offload; }
+    RcStatus addMetaData(const SfsDiskMetaItem&, const JournalPtr&) override
+    {
+        ++m_items;
+        return RC_SUCCESS;
+    }
+    void done() override { ++m_done; }
+
+    const bool m_offload;
+    u64 m_items = 0;
+    u64 m_done = 0;
+};
+
+TEST_F(JournalNoMemoryTest, AScanEndsWithItAndTellsItsContainer)
+{
+    constexpr u64 ITEMS = 40000; // more than one chunk of pages
+    CrashStorage storage;
+    const std::unique_ptr<JournalStore> store = openJournal(storage, JournalMode::Writer);
+    for (u64 i = 0; i < ITEMS; ++i)
+        ASSERT_EQ(store->appendZeroes(i, 1), RC_SUCCESS);
+    ASSERT_EQ(store->flush(), RC_SUCCESS);
+    for (const bool offload : {false, true}) {
+        u64 ended = 0;
+        const u64 failures = eachAllocation([&](u64 nth) {
+            Counter counter(offload);
+            JournalScanner scanner(*store);
+            ScanResult result;
+            bool failed = false;
+            {
+                FailingHeap heap(nth);
+                result = scanner.scan(counter);
+                failed = heap.failed();
+            }
+            EXPECT_EQ(counter.m_done, 1u) << nth;
+            EXPECT_EQ(result.physicalItems, counter.m_items) << nth;
+            // Without a thread of its own it goes on.
+            EXPECT_TRUE(result.rc == RC_NO_MEMORY || result.rc == RC_SUCCESS) << nth;
+            EXPECT_TRUE(result.rc == RC_NO_MEMORY || counter.m_items == ITEMS) << nth;
+            ended += result.rc != RC_SUCCESS;
+            return failed;
+        });
+        EXPECT_GT(failures, 1u);
+        EXPECT_GT(ended, 0u);
+    }
 }
 
 } // namespace
