@@ -87,7 +87,8 @@ BackgroundPace::Options BackgroundApply::pace()
     options.m_activity = m_options.m_activity;
     // Clients that get no space any more are worse off than those that wait a little.
     options.m_isUrgent = [&mirror] {
-        return isNearlyFull(mirror.journal().bytesUsed(), mirror.journal().limitBytes());
+        return mirror.journal().room() == JournalRoom::DiskFull ||
+               isNearlyFull(mirror.journal().bytesUsed(), mirror.journal().limitBytes());
     };
     options.m_isUnwanted = [this] { return m_jobs.isCommandWaiting(); };
     return options;

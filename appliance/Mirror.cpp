@@ -290,9 +290,12 @@ Result Mirror::setApplyState(const ApplyState& state)
     {
         MutexGuard guard(m_settingsMutex);
         if (m_currentSettings.m_formatVersion < MirrorSettings::FORMAT_VERSION) {
-            m_currentSettings.m_formatVersion = MirrorSettings::FORMAT_VERSION;
-            if (Result result = storeSettings(*m_storage, m_currentSettings); !result.ok())
+            MirrorSettings raised = m_currentSettings;
+            raised.m_formatVersion = MirrorSettings::FORMAT_VERSION;
+            if (Result result = storeSettings(*m_storage, raised); !result.ok())
                 return result;
+            m_currentSettings = raised;
+            const Result ignored = reserveSettings(*m_storage);
         }
     }
     if (Result result = storeApplyState(*m_storage, state); !result.ok())
@@ -466,7 +469,9 @@ Result Mirror::changeSettings(std::optional<u64> keepCheckpoints, std::optional<
         return result;
     m_currentSettings = changed;
     m_journal->setLimitBytes(changed.m_journalLimitBytes);
-    return reserveSettings(*m_storage); // for the next change
+    // For the next change, which tells when it fails for want of this.
+    const Result ignored = reserveSettings(*m_storage);
+    return Result();
 }
 
 Result Mirror::checkpoint(const std::string& tag, CpId_t* id)

@@ -45,7 +45,9 @@ void removeIfLeft(const std::string& path)
         return;
     PosixFile file(fd);
     struct stat status = {};
-    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && file.lock() == RC_SUCCESS)
+    // Somebody else may have removed it meanwhile, and made another one of its name.
+    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && file.lock() == RC_SUCCESS &&
+        !isUnlinked(fd))
         unlink(path.c_str());
 }
 

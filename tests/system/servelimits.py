@@ -83,7 +83,7 @@ def an_opening_that_cannot_be_stopped():
     with Folder() as folder:
         mirror = made(folder)
         begin = os.path.join(mirror, "journal", "begin")
-        check(not os.path.exists(begin), "the journal was trimmed")
+        os.unlink(begin)
         os.mkfifo(begin)  # opening it to read waits for somebody who writes
         with subprocess.Popen([RLCTL, "serve", mirror, "--stop-timeout", "2s"],
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT) as process:
