@@ -81,8 +81,10 @@ Result Trimmer::run(const ChosenPoint& to)
     // What is journaled by now is in the indexes after this.
     m_mirror.gracePeriod().wait();
     {
-        // Nobody builds an index from another one between the new beginning and the removal. One
-        // that is built by a scan from now on has nothing that goes.
+        // Nobody copies an index between the new beginning and the removal, nor later while a
+        // removal is not done (untakenPage()). Who has copied one and is not in the list yet has
+        // a use that refuses the new beginning. One that is built by a scan from now on has nothing
+        // that goes.
         IndexTurns::Turn turn(m_mirror.indexTurns(), IndexTurns::Kind::Removal);
         if (!m_options.m_dryRun && !turn.take(m_control))
             return Result(ResultCode::Interrupted, "interrupted before anything was trimmed");

@@ -46,9 +46,15 @@ Result View::build(Mirror& mirror, const ChosenPoint& point, FlowControl& contro
 RcStatus View::copyRegions(View& from, FlowControl& control, const ViewBuildOptions& options)
 {
     // Nothing is trimmed meanwhile: what is copied here would not be found where it is removed.
+    // Later, until this index is in the mirror's list, its use refuses every other beginning: all
+    // that is copied lies behind the journal's beginning that was registered before.
     IndexTurns::Turn turn(m_mirror.indexTurns(), IndexTurns::Kind::Copy);
     if (!turn.take(control))
         return RC_ABORTED;
+    // A trim that was cut off has left items before the beginning in the other index.
+    if (m_mirror.untakenPage() != ~u64{0})
+        return RC_SUCCESS;
+    m_statistics.m_isContinued = true;
     TokenReserve reserve(m_locator);
     for (u64 block = 0; block < sizeBlocks();) {
         if (control.stopRequested() || (options.m_admits && !options.m_admits(memoryBytes())))
@@ -92,14 +98,16 @@ Result View::scan(FlowControl& control, const ViewBuildOptions& building)
         options.limitItems = m_point.m_items;
 
     if (building.m_from != nullptr) {
-        if (Result result = startAfter(m_mirror, building.m_from->point(), &options.start);
-            !result.ok())
+        JournalPtr start = JournalPtr::invalid;
+        if (Result result = startAfter(m_mirror, building.m_from->point(), &start); !result.ok())
             return result;
         const RcStatus rc = copyRegions(*building.m_from, control, building);
         if (rc == RC_ABORTED)
             return interrupted;
         if (rc != RC_SUCCESS)
             return memoryResult(rc, building.m_from->point().m_items);
+        if (m_statistics.m_isContinued)
+            options.start = start;
     }
     const ScanResult scanned = scanner.scan(*container, options);
     if (isForWantOfMemory(scanned))

@@ -29,6 +29,7 @@ struct ViewStatistics
     double m_bytesPerRegion = 0; // of index memory, as obtained from the process's pool
     u64 m_itemsScanned = 0;      // journaled items
     double m_indexSeconds = 0;   // that the scan took
+    bool m_isContinued = false;  // from another view
 };
 
 class View;
@@ -36,7 +37,8 @@ class View;
 struct ViewBuildOptions
 {
     // A view of an earlier point that stays open meanwhile: its regions are copied, and only the
-    // items between the two are scanned. Null: the scan begins where the journal does.
+    // items between the two are scanned. Null, or a trim was cut off before it had taken all its
+    // items out of that view: the scan begins where the journal does.
     View* m_from = nullptr;
 
     // Asked now and then with the memory that the index takes by then; false ends the building,
@@ -78,6 +80,7 @@ private:
     View(Mirror& mirror, const ChosenPoint& point);
 
     Result scan(FlowControl& control, const ViewBuildOptions& options);
+    // Copies nothing, and leaves m_isContinued as it is, where `from` holds trimmed items.
     RcStatus copyRegions(View& from, FlowControl& control, const ViewBuildOptions& options);
     Result memoryResult(RcStatus rc, u64 items);
 

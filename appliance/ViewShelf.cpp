@@ -171,7 +171,7 @@ Result ViewShelf::build(const ChosenPoint& point, std::shared_ptr<Shared>* built
     if (Result result = View::build(m_mirror, point, control, &view, options); !result.ok())
         return result;
     *built = std::make_shared<Shared>(std::move(view), m_sources);
-    if (from != nullptr) {
+    if ((*built)->view().statistics().m_isContinued) {
         MutexGuard guard(m_mutex);
         ++m_continued;
     }

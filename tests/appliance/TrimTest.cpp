@@ -1,6 +1,8 @@
 #include "appliance/Trim.h"
 
+#include <algorithm>
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include "appliance/Apply.h"
@@ -22,14 +24,14 @@ protected:
         return chosen;
     }
 
-    // Journals large writes, a checkpoint after every tenth.
-    void writeLarge(u32 seed, u32 count)
+    // Journals large writes behind a block, a checkpoint after every tenth.
+    void writeLarge(u32 seed, u32 count, u64 firstBlock = 0)
     {
         std::mt19937 random(seed);
         Image image = m_images.back();
         for (u32 i = 0; i < count; ++i) {
             const u32 length = LARGE - random() % 100;
-            const u64 offset = random() % (BLOCKS - length);
+            const u64 offset = firstBlock + random() % (BLOCKS - firstBlock - length);
             u8* data = image.data() + offset * BLOCK_BYTES;
             std::fill_n(data, size_t{length} * BLOCK_BYTES, static_cast<u8>(1 + random() % 255));
             ASSERT_TRUE(m_mirror->write(offset, data, length).ok());
@@ -282,6 +284,90 @@ TEST_F(TrimTest, ReadersOfOwnViewsGoOnMeanwhile)
     EXPECT_GT(removed, 10u);
     for (size_t i = 0; i < views.size(); ++i)
         EXPECT_EQ(readAll(*views[i]), m_images[points[i]]);
+}
+
+// Does something once in the middle of a scan.
+class Meanwhile : public FlowControl
+{
+public:
+    explicit Meanwhile(std::function<Result()> use) : m_use(std::move(use)) {}
+    void progress(u64, u64) override
+    {
+        if (m_calls++ == 0)
+            m_result = m_use();
+    }
+    std::function<Result()> m_use;
+    Result m_result;
+    u64 m_calls = 0;
+};
+
+// The next trim does not find, in the list, the index that is being built while it runs.
+TEST_F(TrimTest, NobodyGoesOnFromAViewThatACutOffTrimHasNotDone)
+{
+    constexpr u32 ALONE = 100; // blocks that one write alone is to
+    makeMirror();
+    writeRandomly(10, 300); // more than one step takes
+    const std::vector<u8> data(ALONE * BLOCK_BYTES, 0x5A);
+    ASSERT_TRUE(m_mirror->write(0, data.data(), ALONE).ok());
+    m_images.push_back(m_images.back());
+    std::copy(data.begin(), data.end(), m_images.back().begin());
+    writeLarge(10, 60, ALONE);
+    const u64 last = m_images.size() - 1;
+    const auto earlier = view(last - 5);
+    ASSERT_TRUE(apply(last - 5).ok());
+    class CutOff : public FlowControl
+    {
+    public:
+        explicit CutOff(JournalStore& journal) : m_journal(journal) {}
+        bool stopRequested() override { return m_journal.begin().m_page > 0; }
+        JournalStore& m_journal;
+    } cutOff(m_mirror->journal());
+    EXPECT_EQ(trimMirror(*m_mirror, m_host.getEngine(), point(last - 5), TrimOptions(), cutOff,
+                         &m_statistics)
+                  .code(),
+              ResultCode::Interrupted);
+    ASSERT_NE(m_mirror->untakenPage(), ~u64{0});
+    ASSERT_FALSE(earlier->pieces(0, ALONE).empty()) << "what the next trim is to take";
+
+    Meanwhile meanwhile([&] { return trim(last - 5); });
+    ViewBuildOptions options;
+    options.m_from = earlier.get();
+    std::unique_ptr<View> later;
+    const Result built = View::build(*m_mirror, point(last), meanwhile, &later, options);
+    ASSERT_TRUE(built.ok()) << built.message();
+    ASSERT_GT(meanwhile.m_calls, 0u);
+    EXPECT_TRUE(meanwhile.m_result.ok()) << meanwhile.m_result.message();
+    EXPECT_EQ(m_mirror->untakenPage(), ~u64{0});
+    EXPECT_FALSE(later->statistics().m_isContinued);
+    EXPECT_TRUE(later->pieces(0, ALONE).empty());
+    EXPECT_EQ(readAll(*later), m_images[last]);
+    EXPECT_EQ(readAll(*earlier), m_images[last - 5]);
+    FlowControl control;
+    ASSERT_TRUE(View::build(*m_mirror, point(last), control, &later, options).ok());
+    EXPECT_TRUE(later->statistics().m_isContinued) << "nothing is left to take out of it";
+    EXPECT_EQ(readAll(*later), m_images[last]);
+}
+
+// It is told by its use, as it is not in the list yet.
+TEST_F(TrimTest, WaitsForWhoHasCopiedAViewAndScansOn)
+{
+    makeMirror();
+    writeLarge(11, 60);
+    const auto earlier = view(50);
+    ASSERT_TRUE(apply(50).ok());
+    Meanwhile meanwhile([&] { return trim(50); });
+    ViewBuildOptions options;
+    options.m_from = earlier.get();
+    std::unique_ptr<View> later;
+    ASSERT_TRUE(View::build(*m_mirror, point(60), meanwhile, &later, options).ok());
+    EXPECT_TRUE(later->statistics().m_isContinued);
+    ASSERT_GT(meanwhile.m_calls, 0u);
+    EXPECT_EQ(meanwhile.m_result.code(), ResultCode::InUse);
+    EXPECT_EQ(m_mirror->untakenPage(), ~u64{0}) << "nothing was begun";
+    ASSERT_TRUE(trim(50).ok());
+    EXPECT_GT(m_statistics.m_dataGrains, 0u);
+    EXPECT_EQ(readAll(*later), m_images[60]);
+    EXPECT_EQ(readAll(*earlier), m_images[50]);
 }
 
 TEST_F(TrimTest, MakesRoomUnderTheLimit)
