@@ -162,9 +162,19 @@ Result ViewShelf::build(const ChosenPoint& point, std::shared_ptr<Shared>* built
 {
     if (m_stopped)
         return Result(ResultCode::Interrupted, "the server is stopping");
-    const std::shared_ptr<Shared> from = nearest(point);
+    Lease from = nearest(point);
+    Result result = buildFrom(point, from ? &from->view() : nullptr, built);
+    if (result.code() != ResultCode::Interrupted || m_stopped || !isLastLease(from))
+        return result;
+    // There may be room for it where the other one has been.
+    from = Lease();
+    return buildFrom(point, nullptr, built);
+}
+
+Result ViewShelf::buildFrom(const ChosenPoint& point, View* from, std::shared_ptr<Shared>* built)
+{
     ViewBuildOptions options;
-    options.m_from = from != nullptr ? &from->view() : nullptr;
+    options.m_from = from;
     options.m_admits = [&](u64 bytes) { return admits(point.m_items, bytes); };
     FlagControl control(m_stopped);
     std::unique_ptr<View> view;
@@ -179,25 +189,34 @@ Result ViewShelf::build(const ChosenPoint& point, std::shared_ptr<Shared>* built
 }
 
 // The latest view before the point, where going on from it is cheaper than from the beginning: a
-// region that is copied costs about as much as an item that is scanned.
-std::shared_ptr<ViewShelf::Shared> ViewShelf::nearest(const ChosenPoint& point)
+// region that is copied costs about as much as an item that is scanned. Leased, as it takes memory
+// until it is copied, whoever else lets it go.
+ViewShelf::Lease ViewShelf::nearest(const ChosenPoint& point)
 {
     const u64 begin = m_mirror.journal().begin().m_items;
+    Lease lease;
     MutexGuard guard(m_mutex);
-    std::shared_ptr<Shared> best;
+    auto best = m_slots.end();
     u64 bestCost = point.m_items - std::min(begin, point.m_items);
-    for (auto& [items, slot] : m_slots) {
-        if (items >= point.m_items)
-            break;
-        if (slot.m_shared == nullptr)
+    for (auto at = m_slots.begin(); at != m_slots.end() && at->first < point.m_items; ++at) {
+        if (at->second.m_shared == nullptr)
             continue;
-        const u64 cost = slot.m_shared->view().locator().getItemCount() + (point.m_items - items);
+        const u64 cost =
+            at->second.m_shared->view().locator().getItemCount() + (point.m_items - at->first);
         if (cost < bestCost) {
-            best = slot.m_shared;
+            best = at;
             bestCost = cost;
         }
     }
-    return best;
+    if (best != m_slots.end())
+        leaseLocked(best->first, best->second, &lease);
+    return lease;
+}
+
+bool ViewShelf::isLastLease(const Lease& lease)
+{
+    MutexGuard guard(m_mutex);
+    return lease && m_slots[lease.m_items].m_leases == 1;
 }
 
 bool ViewShelf::admits(u64 items, u64 bytes)

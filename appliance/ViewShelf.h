@@ -7,8 +7,10 @@
 //
 // The maps of what changed between two points (DiffMaps.h) take part in the budget. When it is used
 // up, views that nobody has open go, the least recently used one first; if that does not suffice
-// the one that is being built is refused, never one that is open. However small they are, no more
-// than a few dozen stay that nobody has open: each holds a file open.
+// the one that is being built is refused, never one that is open. A view that another one goes on
+// from counts as open meanwhile; where there is no room for both, the new one is built by a scan.
+// However small they are, no more than a few dozen stay that nobody has open: each holds a file
+// open.
 //
 // Thread safety: any thread.
 // Invariants: 1. two connections to one point have one view; points that hold the same items are
@@ -142,7 +144,9 @@ private:
     Result buildAndShelve(const ChosenPoint& point, Lease* lease);
     void endBuild(u64 items, bool isBuilt);
     Result build(const ChosenPoint& point, std::shared_ptr<Shared>* built);
-    std::shared_ptr<Shared> nearest(const ChosenPoint& point);
+    Result buildFrom(const ChosenPoint& point, View* from, std::shared_ptr<Shared>* built);
+    Lease nearest(const ChosenPoint& point);
+    bool isLastLease(const Lease& lease);
     bool admits(u64 items, u64 bytes);
     bool admitsAlone(u64 bytes);
     Result takeAlone(FlowControl& control);
