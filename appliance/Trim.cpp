@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "appliance/MemoryPatience.h"
 #include "appliance/View.h"
 #include "appliance/ZeroesTrim.h"
 #include "host/infra/Clock.h"
@@ -10,7 +11,6 @@
 
 namespace {
 
-constexpr u64 MEMORY_TIMEOUT_MS = 5000;
 // Items between two looks at the outside.
 constexpr u64 LOOK_EVERY = 256;
 
@@ -33,6 +33,7 @@ private:
     Result begin(const Indexes& indexes);
     Result removeFrom(u64 oldPage);
     RcStatus removeItems(const std::vector<SfsDiskMetaItem>& items);
+    RcStatus removeItem(const Indexes& indexes, const SfsDiskMetaItem& item);
 
     Mirror& m_mirror;
     JournalStore& m_journal;
@@ -188,20 +189,41 @@ Result Trimmer::removeFrom(u64 oldPage)
 
 RcStatus Trimmer::removeItems(const std::vector<SfsDiskMetaItem>& items)
 {
-    RcStatus rc = RC_SUCCESS;
-    m_mirror.withIndexes([&](const Indexes& indexes) {
-        for (const SfsDiskMetaItem& item : items) {
-            for (size_t i = 0; i < indexes.size() && rc == RC_SUCCESS; ++i) {
-                bool removed = false;
-                if (item.is_io_type_with_ud())
-                    rc = removeIoFromIndex(*indexes[i], m_engine, item, &removed);
-                else if (item.getType() == SfsMetaType::ZEROS && indexes[i]->isLive())
-                    noteTrimmedZeroes(m_mirror, *indexes[i], item);
-                m_statistics.m_removedIos += removed;
+    MemoryPatience patience(m_control);
+    size_t done = 0;
+    for (;;) {
+        RcStatus rc = RC_SUCCESS;
+        m_mirror.withIndexes([&](const Indexes& indexes) {
+            while (done < items.size() && rc == RC_SUCCESS) {
+                rc = removeItem(indexes, items[done]);
+                done += rc == RC_SUCCESS;
             }
+        });
+        if (rc != RC_NO_MEMORY)
+            return rc;
+        // Without the list: an index that closes gives its memory back, but not before it has left
+        // the list.
+        if (rc = patience.wait(done); rc != RC_SUCCESS)
+            return rc;
+    }
+}
+
+// Where it fails it can be tried again: the indexes that are done have nothing of the item any
+// more.
+RcStatus Trimmer::removeItem(const Indexes& indexes, const SfsDiskMetaItem& item)
+{
+    for (JournalIndex* index : indexes) {
+        bool removed = false;
+        if (item.is_io_type_with_ud()) {
+            if (const RcStatus rc = removeIoFromIndex(*index, m_engine, item, &removed);
+                rc != RC_SUCCESS)
+                return rc;
+        } else if (item.getType() == SfsMetaType::ZEROS && index->isLive()) {
+            noteTrimmedZeroes(m_mirror, *index, item);
         }
-    });
-    return rc;
+        m_statistics.m_removedIos += removed;
+    }
+    return RC_SUCCESS;
 }
 
 } // namespace
@@ -226,7 +248,7 @@ RcStatus removeIoFromIndex(JournalIndex& index, TaskEngine& engine, const SfsDis
         rc = pool->fillVoucher(voucher,
                                RegionLocatorMemPool::getVoucherRequirement(
                                    RegionLocatorMemPool::LOCK_AND_REMOVE, 1),
-                               Clock::instance()->nowMs() + MEMORY_TIMEOUT_MS, &ticket)
+                               0, &ticket)
                  .get();
     if (rc == RC_SUCCESS)
         rc = runAndWait(engine,

@@ -43,6 +43,6 @@ Result trimMirror(Mirror& mirror, TaskEngine& engine, const ChosenPoint& to,
                   const TrimOptions& options, FlowControl& control, TrimStatistics* statistics);
 
 // Takes one IO out of an index, waiting for those who hold its pieces locked. *removed: whether the
-// index had any. RC_NO_MEMORY, RC_TIMED_OUT: no memory for it.
+// index had any. RC_NO_MEMORY: no memory for it at once, nothing was removed.
 RcStatus removeIoFromIndex(JournalIndex& index, TaskEngine& engine, const SfsDiskMetaItem& item,
                            bool* removed);

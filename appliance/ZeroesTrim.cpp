@@ -3,13 +3,12 @@
 #include <algorithm>
 #include <new>
 
+#include "appliance/MemoryPatience.h"
 #include "common/infra/LogItem.h"
-#include "host/infra/Clock.h"
 #include "host/journal/JournalTrim.h"
 
 namespace {
 
-constexpr u64 MEMORY_TIMEOUT_MS = 5000;
 // Looked up at a time: at most as many pieces, 2 MiB.
 constexpr u32 WINDOW_BLOCKS = 1 << 16;
 // Removed at a time, while writers wait.
@@ -156,11 +155,17 @@ RcStatus ZeroesTrimmer::remove()
     u64 offset = 0;
     u64 end = 0;
     RcStatus rc = RC_SUCCESS;
+    MemoryPatience patience(m_control);
     for (u64 block = 0; rc == RC_SUCCESS && m_zeroes.next(block, &offset, &end); block = end) {
         end = std::min(end, offset + REMOVE_BLOCKS);
         withLive(m_mirror, [&](JournalIndex& live) { rc = removeFrom(live, offset, &end); });
-        if (rc == RC_SUCCESS)
+        if (rc == RC_NO_MEMORY) {
+            // Without the list, which keeps views from closing. The same once more.
+            rc = patience.wait(block);
+            end = block;
+        } else if (rc == RC_SUCCESS) {
             rc = look();
+        }
     }
     return rc;
 }
@@ -172,9 +177,7 @@ RcStatus ZeroesTrimmer::removeFrom(JournalIndex& live, u64 offset, u64* end)
     RegionLocatorVoucher* voucher = pool->createVoucher();
     const int tokens = RegionLocatorMemPool::getVoucherRequirement(RegionLocatorMemPool::REMOVE, 1);
     // Beforehand: writers wait for who holds the candidates.
-    const RcStatus rc =
-        pool->fillVoucher(voucher, tokens, Clock::instance()->nowMs() + MEMORY_TIMEOUT_MS, &live)
-            .get();
+    const RcStatus rc = pool->fillVoucher(voucher, tokens, 0, &live).get();
     if (rc == RC_SUCCESS)
         *end = m_zeroes.visitFirst(offset, *end, [&](u64 first, u64 behind) {
             live.locator().remove(first, static_cast<u32>(behind - first), voucher);

@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <functional>
+#include <limits>
 #include <thread>
 
 #include "appliance/Apply.h"
+#include "appliance/LiveVolume.h"
 #include "host/journal/JournalVerifier.h"
 #include "tests/appliance/MirrorFixture.h"
 
@@ -368,6 +371,119 @@ TEST_F(TrimTest, WaitsForWhoHasCopiedAViewAndScansOn)
     EXPECT_GT(m_statistics.m_dataGrains, 0u);
     EXPECT_EQ(readAll(*later), m_images[60]);
     EXPECT_EQ(readAll(*earlier), m_images[50]);
+}
+
+// The process-wide pool with a limit; no memory is in use when it comes and goes.
+class LimitedPool
+{
+public:
+    LimitedPool() { setLimit(16 << 20); }
+    ~LimitedPool() { setLimit(std::numeric_limits<u64>::max()); }
+    LimitedPool(const LimitedPool&) = delete;
+    LimitedPool& operator=(const LimitedPool&) = delete;
+
+private:
+    static void setLimit(u64 bytes)
+    {
+        MemoryPoolImpl* pool = Singleton<MemoryPoolImpl, MemoryPoolImpl>::instance();
+        pool->init(pool->getChunkSize(), 0, bytes);
+    }
+};
+
+// Takes all memory that a locator could get.
+class Hog
+{
+public:
+    explicit Hog(RegionLocator& locator) : m_pool(*locator.getMemPool())
+    {
+        for (int count = 1 << 18; count > 0;) {
+            RegionLocatorVoucher* voucher = m_pool.createVoucher();
+            m_vouchers.push_back(voucher);
+            if (m_pool.fillVoucher(voucher, count, 0, this).get() != RC_SUCCESS)
+                count /= 2;
+        }
+    }
+    ~Hog()
+    {
+        for (RegionLocatorVoucher* voucher : m_vouchers)
+            m_pool.destroyVoucher(voucher);
+    }
+    Hog(const Hog&) = delete;
+    Hog& operator=(const Hog&) = delete;
+
+private:
+    RegionLocatorMemPool& m_pool;
+    std::vector<RegionLocatorVoucher*> m_vouchers;
+};
+
+class TrimMemoryTest : public TrimTest
+{
+private:
+    LimitedPool m_pool;
+};
+
+// It waits for memory without the list that a view has to leave to give its own back.
+TEST_F(TrimMemoryTest, ViewsCloseWhileItWaitsForMemory)
+{
+    makeMirror();
+    writeLarge(8, 40);
+    ASSERT_TRUE(apply(30).ok());
+    const auto kept = view(30);
+    auto closing = view(30);
+    auto hog = std::make_unique<Hog>(kept->locator());
+    Result trimmed;
+    std::thread trimmer([&] { trimmed = trim(30); });
+    for (int i = 0; i < 10000 && m_mirror->untakenPage() == ~u64{0}; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_NE(m_mirror->untakenPage(), ~u64{0}) << "it waits";
+    const auto before = std::chrono::steady_clock::now();
+    closing.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
+    trimmer.join();
+    EXPECT_TRUE(trimmed.ok()) << trimmed.message();
+    EXPECT_GT(m_statistics.m_removedIos, 0u);
+    hog.reset();
+    EXPECT_EQ(readAll(*kept), m_images[30]);
+    checkPoints(30, "after it");
+}
+
+TEST_F(TrimMemoryTest, ViewsCloseWhileItWaitsForMemoryToRemoveZeroes)
+{
+    constexpr u32 ZEROES = 50;
+    makeMirror();
+    FlowControl control;
+    std::unique_ptr<LiveVolume> live;
+    ASSERT_TRUE(LiveVolume::open(*m_mirror, control, &live).ok());
+    ASSERT_EQ(live->writeZeroes(0, ZEROES), RC_SUCCESS);
+    // Each overrides the one before, so that of these the live index has the last one alone, which
+    // stays.
+    const std::vector<u8> data(LARGE * BLOCK_BYTES, 0x33);
+    for (int i = 0; i < 60; ++i)
+        ASSERT_EQ(live->write(ZEROES, data.data(), LARGE), RC_SUCCESS);
+    ASSERT_EQ(live->flush(), RC_SUCCESS);
+    ASSERT_TRUE(apply(61).ok());
+    auto closing = view(61);
+    ASSERT_FALSE(live->pieces(0, ZEROES).empty());
+    auto hog = std::make_unique<Hog>(live->locator());
+    Result trimmed;
+    std::atomic<bool> done{false};
+    std::thread trimmer([&] {
+        trimmed = trim(60);
+        done = true;
+    });
+    for (int i = 0; i < 10000 && m_mirror->journal().begin().m_page == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_FALSE(done) << "it waits";
+    const auto before = std::chrono::steady_clock::now();
+    closing.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
+    trimmer.join();
+    EXPECT_TRUE(trimmed.ok()) << trimmed.message();
+    EXPECT_FALSE(m_mirror->trimmedZeroes().hasNoted());
+    EXPECT_TRUE(live->pieces(0, ZEROES).empty());
+    hog.reset();
 }
 
 TEST_F(TrimTest, MakesRoomUnderTheLimit)
