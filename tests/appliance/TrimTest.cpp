@@ -437,9 +437,7 @@ TEST_F(TrimMemoryTest, ViewsCloseWhileItWaitsForMemory)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_NE(m_mirror->untakenPage(), ~u64{0}) << "it waits";
-    const auto before = std::chrono::steady_clock::now();
-    closing.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
+    closing.reset(); // the trim fails if this has to wait for it
     trimmer.join();
     EXPECT_TRUE(trimmed.ok()) << trimmed.message();
     EXPECT_GT(m_statistics.m_removedIos, 0u);
@@ -476,9 +474,7 @@ TEST_F(TrimMemoryTest, ViewsCloseWhileItWaitsForMemoryToRemoveZeroes)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_FALSE(done) << "it waits";
-    const auto before = std::chrono::steady_clock::now();
-    closing.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
+    closing.reset(); // the trim fails if this has to wait for it
     trimmer.join();
     EXPECT_TRUE(trimmed.ok()) << trimmed.message();
     EXPECT_FALSE(m_mirror->trimmedZeroes().hasNoted());
