@@ -22,7 +22,7 @@ RcStatus replaceFile(Storage& storage, const std::string& folder, const std::str
                      const void* content, size_t bytes);
 
 // Takes the room for the next replaceFile() with at most so many bytes. RC_SUCCESS also where there
-// is none to be had now: a later call may find some. Durable when it returns.
+// is none to be had now: a later call may find some. A crash may take it away again.
 RcStatus reserveReplacement(Storage& storage, const std::string& folder, const std::string& name,
                             size_t bytes);
 
