@@ -83,12 +83,14 @@ Result View::scan(FlowControl& control, const ViewBuildOptions& building)
     const u64 startedUs = Clock::instance()->nowUs();
     Result interrupted(ResultCode::Interrupted, "interrupted while building the index");
     JournalScanner scanner(m_mirror.journal());
+    bool isRefused = false; // also where the scan has ended before it could be cancelled
     ScanOptions options;
     options.prepareTimeoutMs = MEMORY_TIMEOUT_MS;
     options.nowMs = [] { return Clock::instance()->nowMs(); };
     options.progress = [&](u64 donePages, u64 allPages) {
         control.progress(donePages, allPages);
-        if (control.stopRequested() || (building.m_admits && !building.m_admits(memoryBytes())))
+        isRefused = isRefused || (building.m_admits && !building.m_admits(memoryBytes()));
+        if (control.stopRequested() || isRefused)
             scanner.cancel();
     };
     RegionLocatorMetaDataContainer_Insert* container = m_locator.getInsertContainer();
@@ -112,7 +114,7 @@ Result View::scan(FlowControl& control, const ViewBuildOptions& building)
     const ScanResult scanned = scanner.scan(*container, options);
     if (isForWantOfMemory(scanned))
         return memoryResult(scanned.rc, scanned.logicalItems);
-    if (scanned.rc == RC_ABORTED)
+    if (scanned.rc == RC_ABORTED || (scanned.rc == RC_SUCCESS && isRefused))
         return interrupted;
     if (scanned.rc != RC_SUCCESS)
         return Result(Result::fromStatus(scanned.rc, "").code(),
