@@ -9,9 +9,7 @@ import os
 import random
 import subprocess
 
-import nbd
-
-from nbdsupport import Server, connect, find_tool, need_nbd, run_tool, skip
+from nbdsupport import Server, connect, find_tool, need_nbd, refused, run_tool, skip
 from replay import Image
 from support import (BLOCK, RLCTL, Expectation, Folder, check, compare_image, read_trace, rlctl,
                      rlctl_json, run)
@@ -80,14 +78,6 @@ def on_each_disk(test):
             continue
         with Folder() as folder, Disk(folder, kind) as disk:
             test(folder, disk)
-
-
-def refused(call, *arguments):
-    try:
-        call(*arguments)
-    except nbd.Error as error:
-        return error.errnum
-    return 0
 
 
 def write_until_full(handle, image, chance, refusals=30):

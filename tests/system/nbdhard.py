@@ -15,7 +15,7 @@ from journalreader import Journal
 from nbdfleet import Fleet
 from nbdpeers import Others, RawClient, memory_kib
 from nbdproxy import FLUSH, READ, TRIM, WRITE, ZERO
-from nbdsupport import Server, checkpoint, connect, need_nbd, run_tool
+from nbdsupport import Server, checkpoint, connect, need_nbd, refused, run_tool
 from replay import Image, Order
 from support import Failure, Folder, check, rlctl, rlctl_json, run
 
@@ -23,15 +23,6 @@ BLOCK = 512
 LARGEST = 32 << 20
 # nbdkit up to 1.32 may abort when a client vanishes whose requests several threads are serving.
 SAFE = ("--threads=1",)
-
-
-def refused(call, *arguments):
-    """The errno with which a call fails; 0 when it does not."""
-    try:
-        call(*arguments)
-    except nbd.Error as error:
-        return error.errnum
-    return 0
 
 
 def new_mirror(folder, size, *options):

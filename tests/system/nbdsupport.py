@@ -157,6 +157,17 @@ def connect(server, export="live", socket=None):
     return handle
 
 
+def refused(call, *arguments):
+    """The errno with which a call of libnbd's fails; 0 when it does not."""
+    import nbd  # pylint: disable=import-outside-toplevel
+
+    try:
+        call(*arguments)
+    except nbd.Error as error:
+        return error.errnum
+    return 0
+
+
 def checkpoint(mirror, tag=None):
     """Sets one, and returns its name as an export and the items before it."""
     told = rlctl_json("checkpoint", mirror, *(("--tag", tag) if tag else ()))
