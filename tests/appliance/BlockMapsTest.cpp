@@ -341,6 +341,7 @@ TEST_F(BlockMapsTest, NeverCallDataAHoleBesideWritesApplyAndTrim)
     std::atomic<u32> wrong{0};
     std::atomic<u64> checkedLive{0};
     std::atomic<u64> checkedViews{0};
+    std::atomic<u64> turns{0}; // applies tried
 
     std::thread writer([&] {
         std::mt19937 random(11);
@@ -381,8 +382,11 @@ TEST_F(BlockMapsTest, NeverCallDataAHoleBesideWritesApplyAndTrim)
     const auto readPoints = [&](u32 seed) {
         std::mt19937 random(seed);
         while (!stop) {
-            // With nothing open, so that the target can be brought on.
-            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 10));
+            // With nothing open, every other time for the whole of an apply, so that the target is
+            // brought on however slow the machine.
+            const u64 turn = turns + 1 + random() % 2;
+            while (turns < turn && !stop)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
             const u64 items = mirror().journal().itemCount();
             const u64 first = mirror().applyState().firstItems();
             if (items < first + 2)
@@ -437,6 +441,7 @@ TEST_F(BlockMapsTest, NeverCallDataAHoleBesideWritesApplyAndTrim)
             trim(mirror().applyState().m_items);
         if (HasFatalFailure())
             break;
+        ++turns;
         std::this_thread::sleep_for(std::chrono::milliseconds(random() % 10));
     }
     stop = true;

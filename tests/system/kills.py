@@ -97,7 +97,8 @@ class Pace:
         return chance.random() * longest * self.factor[plan.kind]
 
     def learn(self, kind, hit):
-        self.factor[kind] *= 1.03 if hit else 0.9
+        # Quickly, as there are few kills of a kind; they settle where three of four hit.
+        self.factor[kind] *= 1.1 if hit else 0.75
 
 
 class Plan:
@@ -304,12 +305,21 @@ def test_kill_at_random_moments():
     done = dict.fromkeys(KINDS, 0)
     hits = dict.fromkeys(KINDS, 0)
     mirrors = 0
-    while sum(done.values()) < kills:
+
+    def hit_enough():
+        return 2 * sum(hits.values()) >= kills and all(
+            4 * hits[kind] >= done[kind] or done[kind] < 8 for kind in KINDS)
+
+    def goes_on():
+        # On a machine that is busy with other things it takes more of them, but not without end.
+        return sum(done.values()) < (kills if hit_enough() else 3 * kills)
+
+    while goes_on():
         with Folder() as folder:
             mirror = Mirror(folder, chance, pace)
             mirrors += 1
             stuck = False
-            while not stuck and sum(done.values()) < kills:
+            while not stuck and goes_on():
                 # The kind that had the fewest kills, so that each gets its part.
                 fewest = min(done.values())
                 kind = chance.choice([kind for kind in KINDS if done[kind] == fewest])
@@ -322,9 +332,7 @@ def test_kill_at_random_moments():
     print("     %d mirrors, %.1f s; killed while running: %s" % (
         mirrors, time.monotonic() - started,
         ", ".join("%s %d of %d" % (kind, hits[kind], done[kind]) for kind in KINDS)))
-    check(2 * sum(hits.values()) >= kills, "fewer than half of the kills hit a running command")
-    for kind in KINDS:
-        check(4 * hits[kind] >= done[kind] or done[kind] < 8, "too few kills hit " + kind)
+    check(hit_enough(), "too few kills hit a running command")
 
 
 run(test_kill_at_random_moments)
