@@ -56,6 +56,6 @@ function(rl_tests NAME FOLDER)
   add_executable(${NAME} ${sources})
   target_link_libraries(${NAME} PRIVATE ${ARGN} rl_test_support GTest::gmock GTest::gtest_main)
   rl_compile_quickly(${NAME})
-  gtest_discover_tests(${NAME} TEST_PREFIX "${FOLDER}/" PROPERTIES TIMEOUT 600
-    DISCOVERY_TIMEOUT 60)
+  gtest_discover_tests(${NAME} TEST_PREFIX "${FOLDER}/" PROPERTIES TIMEOUT 1500
+    DISCOVERY_TIMEOUT 300)
 endfunction()

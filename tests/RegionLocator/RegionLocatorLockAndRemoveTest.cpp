@@ -1,8 +1,8 @@
 #include <atomic>
-#include <chrono>
 #include <thread>
 
 #include "tests/RegionLocator/DrainFixture.h"
+#include "tests/support/ComesTrue.h"
 #include "tests/support/Tokens.h"
 
 namespace {
@@ -197,9 +197,7 @@ TEST_F(LockAndRemoveTest, LooksAtItsArgumentBeforeItWaitsForTheLocator)
             m_locator.lockAndRemove(&m_task, zeroesRegion(0, 10), voucher);
             done = true;
         });
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        while (log.records().size() < 2 && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        EXPECT_TRUE(comesTrue([&] { return log.records().size() >= 2; }));
         const std::vector<LogRecord> records = log.records();
         EXPECT_EQ(records.size(), 2U) << testing::PrintToString(records);
         EXPECT_FALSE(done);

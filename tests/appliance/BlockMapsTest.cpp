@@ -13,6 +13,7 @@
 #include "appliance/ServedExport.h"
 #include "appliance/Trim.h"
 #include "tests/appliance/ServedFixture.h"
+#include "tests/support/ComesTrue.h"
 
 namespace {
 
@@ -427,23 +428,20 @@ TEST_F(BlockMapsTest, NeverCallDataAHoleBesideWritesApplyAndTrim)
     std::thread pointReader([&] { readPoints(13); });
 
     // Until there was enough of everything, however slow the machine.
-    const u64 endMs = Clock::instance()->nowMs() + 90000;
     std::mt19937 random(14);
     const auto isEnough = [&] {
         return m_applies >= 20 && m_trimmed >= 200 && checkedViews >= 12 &&
                checkedLive > 10 * VOLUME_BLOCKS;
     };
-    while (!isEnough() && Clock::instance()->nowMs() < endMs) {
+    atLeastFor(std::chrono::milliseconds(0), isEnough, [&] {
         const u64 items = mirror().journal().durableItemCount();
         const u64 applied = mirror().applyState().m_items;
         apply(std::max(applied, items - std::min<u64>(items, 20)));
         if (!HasFatalFailure())
             trim(mirror().applyState().m_items);
-        if (HasFatalFailure())
-            break;
         ++turns;
         std::this_thread::sleep_for(std::chrono::milliseconds(random() % 10));
-    }
+    });
     stop = true;
     writer.join();
     liveReader.join();

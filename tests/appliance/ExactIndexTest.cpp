@@ -8,6 +8,7 @@
 #include "appliance/LiveVolume.h"
 #include "appliance/Trim.h"
 #include "tests/appliance/MirrorFixture.h"
+#include "tests/support/ComesTrue.h"
 #include "tests/support/Regions.h"
 
 namespace {
@@ -163,6 +164,9 @@ TEST_F(ExactIndexTest, BesideWritersAppliesAndTrims)
 
             std::vector<std::thread> writers = startWriters(seed * 100 + round, 120);
             for (int job = 0; job < 4; ++job) {
+                // In the middle of what the writers do, however slow they are.
+                ASSERT_TRUE(comesTrue(
+                    [&] { return m_mirror->journal().itemCount() >= viewItems + 60 * (job + 1); }));
                 ASSERT_EQ(m_live->flush(), RC_SUCCESS);
                 const u64 applied = m_mirror->applyState().m_items;
                 const u64 last =

@@ -8,11 +8,14 @@
 #include "appliance/Apply.h"
 #include "appliance/Trim.h"
 #include "tests/appliance/MirrorFixture.h"
+#include "tests/support/ComesTrue.h"
 #include "tests/support/LimitedMemory.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Regions.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 class LiveVolumeTest : public MirrorFixture
 {
@@ -346,6 +349,7 @@ TEST_F(LiveVolumeTest, ApplyAndTrimBesideReadersAndWriters)
     constexpr u32 PLACES = 512; // many, so that some are what they were when a trim comes
     std::atomic<bool> stop{false};
     std::atomic<u32> failures{0};
+    std::atomic<u64> requests{0};
     std::vector<std::thread> threads;
     std::vector<std::vector<u8>> last(THREADS, std::vector<u8>(PLACES, 0));
     for (u32 id = 0; id < THREADS; ++id) {
@@ -368,29 +372,34 @@ TEST_F(LiveVolumeTest, ApplyAndTrimBesideReadersAndWriters)
                 failures += m_live->read(offset, LENGTH, read.data()) != RC_SUCCESS;
                 std::fill(data.begin(), data.end(), last[id][place]);
                 failures += read != data;
+                ++requests;
             }
         });
     }
     u64 removed = 0;
-    const u64 endMs = Clock::instance()->nowMs() + 3000;
-    while (Clock::instance()->nowMs() < endMs) {
-        ChosenPoint to;
-        to.m_items = m_mirror->journal().itemCount();
-        ASSERT_EQ(m_live->flush(), RC_SUCCESS);
-        FlowControl control;
-        ApplyStatistics applied;
-        TrimStatistics trimmed;
-        ASSERT_TRUE(
-            applyMirror(*m_mirror, m_host.getEngine(), to, ApplyOptions(), control, &applied).ok());
-        ASSERT_TRUE(
-            trimMirror(*m_mirror, m_host.getEngine(), to, TrimOptions(), control, &trimmed).ok());
-        removed += trimmed.m_removedIos;
-    }
+    atLeastFor(
+        3s, [&] { return removed > 0 && requests >= 1000; },
+        [&] {
+            ChosenPoint to;
+            to.m_items = m_mirror->journal().itemCount();
+            ASSERT_EQ(m_live->flush(), RC_SUCCESS);
+            FlowControl control;
+            ApplyStatistics applied;
+            TrimStatistics trimmed;
+            ASSERT_TRUE(
+                applyMirror(*m_mirror, m_host.getEngine(), to, ApplyOptions(), control, &applied)
+                    .ok());
+            ASSERT_TRUE(
+                trimMirror(*m_mirror, m_host.getEngine(), to, TrimOptions(), control, &trimmed)
+                    .ok());
+            removed += trimmed.m_removedIos;
+        });
     stop = true;
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(failures, 0u);
     EXPECT_GT(removed, 0u);
+    EXPECT_GE(requests, 1000u);
     for (u32 id = 0; id < THREADS; ++id) {
         for (u32 place = 0; place < PLACES; ++place) {
             std::vector<u8> read(LENGTH * BLOCK_BYTES, 0xAA);
@@ -467,9 +476,9 @@ TEST_F(LiveVolumeTest, TheIndexIsExactAlsoWhereWritersGoOnBesideTrims)
         });
     }
     u64 trimmed = 0;
-    const u64 endMs = Clock::instance()->nowMs() + 2500;
-    while (Clock::instance()->nowMs() < endMs)
-        trimmed += applyAndTrim(m_mirror->journal().itemCount());
+    atLeastFor(
+        2500ms, [&] { return trimmed > 1000; },
+        [&] { trimmed += applyAndTrim(m_mirror->journal().itemCount()); });
     stop = true;
     for (std::thread& thread : threads)
         thread.join();

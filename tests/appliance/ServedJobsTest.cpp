@@ -7,6 +7,7 @@
 #include "appliance/BackgroundApply.h"
 #include "appliance/CheckpointTimer.h"
 #include "tests/appliance/ServedFixture.h"
+#include "tests/support/ComesTrue.h"
 
 namespace {
 
@@ -75,9 +76,7 @@ protected:
 
     template <class Condition> static void waitFor(Condition condition)
     {
-        for (int i = 0; i < 20000 && !condition(); ++i)
-            std::this_thread::sleep_for(1ms);
-        EXPECT_TRUE(condition());
+        EXPECT_TRUE(comesTrue(condition));
     }
 
     void someRequests()

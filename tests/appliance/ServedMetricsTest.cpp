@@ -270,16 +270,17 @@ TEST_F(ServedMetricsTest, OverHttp)
         EXPECT_EQ(http.start("127.0.0.1:0", nullptr).code(), ResultCode::Failed);
         return;
     }
-    // A port that is free now.
+    // A port that is free, and kept for the server: others who want any get another one.
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
     auto* generic = reinterpret_cast<sockaddr*>(&address);
     const int probe = socket(AF_INET, SOCK_STREAM, 0);
+    const int shared = 1;
+    ASSERT_EQ(setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &shared, sizeof shared), 0);
     ASSERT_EQ(bind(probe, generic, size), 0);
     ASSERT_EQ(getsockname(probe, generic, &size), 0);
-    close(probe);
     const std::string where = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
     makeMirror();
     serve([&](ServedOptions& options) { options.m_metricsHttp = where; });
@@ -319,8 +320,10 @@ TEST_F(ServedMetricsTest, OverHttp)
     EXPECT_EQ(second.start(where, nullptr).code(), ResultCode::Failed);
     const auto started = std::chrono::steady_clock::now();
     stopServing();
-    EXPECT_LT(std::chrono::steady_clock::now() - started, 15s);
+    // The silent one is given five seconds; by the library alone it were thirty.
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 25s);
     close(silent);
+    close(probe);
 }
 
 } // namespace

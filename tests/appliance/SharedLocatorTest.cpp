@@ -2,7 +2,6 @@
 // out and one who fills it again. Nobody may starve, and no order of them may reach a check that
 // stops the process.
 #include <atomic>
-#include <chrono>
 #include <gtest/gtest.h>
 #include <random>
 #include <thread>
@@ -12,6 +11,7 @@
 #include "host/Host.h"
 #include "host/infra/Clock.h"
 #include "host/tasks/BlockingTask.h"
+#include "tests/support/ComesTrue.h"
 
 namespace {
 
@@ -169,9 +169,7 @@ TEST_F(SharedLocatorTest, NobodyStarvesBesideManyReaders)
             all = all && count >= ROUNDS;
         return all;
     };
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-    while (!enough() && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_TRUE(comesTrue(enough));
     stop = true;
     for (std::thread& thread : threads)
         thread.join();

@@ -11,6 +11,7 @@
 #include "appliance/LiveVolume.h"
 #include "host/journal/JournalVerifier.h"
 #include "tests/appliance/MirrorFixture.h"
+#include "tests/support/ComesTrue.h"
 
 namespace {
 
@@ -433,8 +434,7 @@ TEST_F(TrimMemoryTest, ViewsCloseWhileItWaitsForMemory)
     auto hog = std::make_unique<Hog>(kept->locator());
     Result trimmed;
     std::thread trimmer([&] { trimmed = trim(30); });
-    for (int i = 0; i < 10000 && m_mirror->untakenPage() == ~u64{0}; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_TRUE(comesTrue([&] { return m_mirror->untakenPage() != ~u64{0}; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_NE(m_mirror->untakenPage(), ~u64{0}) << "it waits";
     closing.reset(); // the trim fails if this has to wait for it
@@ -470,8 +470,7 @@ TEST_F(TrimMemoryTest, ViewsCloseWhileItWaitsForMemoryToRemoveZeroes)
         trimmed = trim(60);
         done = true;
     });
-    for (int i = 0; i < 10000 && m_mirror->journal().begin().m_page == 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_TRUE(comesTrue([&] { return m_mirror->journal().begin().m_page != 0; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_FALSE(done) << "it waits";
     closing.reset(); // the trim fails if this has to wait for it

@@ -1,13 +1,13 @@
 #include "appliance/ViewShelf.h"
 
 #include <atomic>
-#include <chrono>
 #include <thread>
 
 #include "appliance/Apply.h"
 #include "appliance/DiffMaps.h"
 #include "appliance/Trim.h"
 #include "tests/appliance/MirrorFixture.h"
+#include "tests/support/ComesTrue.h"
 #include "tests/support/Regions.h"
 
 namespace {
@@ -192,8 +192,7 @@ TEST_F(ViewShelfTest, AViewThatAnotherGoesOnFromIsNotDropped)
         IndexTurns::Turn turn(m_mirror->indexTurns(), IndexTurns::Kind::Removal);
         ASSERT_TRUE(turn.take(control));
         opener = std::thread([&] { open(100); });
-        for (int i = 0; i < 5000 && m_shelf->report().m_open == 0; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        EXPECT_TRUE(comesTrue([&] { return m_shelf->report().m_open != 0; }));
         EXPECT_EQ(m_shelf->report().m_open, 1u);
         dropped = m_shelf->dropUnused(~u64{0});
     }
@@ -315,15 +314,15 @@ TEST_F(ViewShelfTest, ViewsStayTrueWhileTheJournalIsTrimmedAndOthersGoOnFromThem
             applyMirror(*m_mirror, m_host.getEngine(), point(to), ApplyOptions(), control, &applied)
                 .ok());
         // While a view is built the trim is refused.
-        for (int tries = 0; tries < 200; ++tries) {
+        Result result;
+        const bool came = comesTrue([&] {
             TrimStatistics trimmed;
-            const Result result = trimMirror(*m_mirror, m_host.getEngine(), point(to),
-                                             TrimOptions(), control, &trimmed);
+            result = trimMirror(*m_mirror, m_host.getEngine(), point(to), TrimOptions(), control,
+                                &trimmed);
             removed += trimmed.m_removedIos;
-            if (result.ok())
-                break;
-            ASSERT_EQ(result.code(), ResultCode::InUse) << result.message();
-        }
+            return result.code() != ResultCode::InUse;
+        });
+        EXPECT_TRUE(came && result.ok()) << result.message();
     }
     stop = true;
     reader.join();

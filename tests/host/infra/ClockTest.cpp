@@ -121,7 +121,7 @@ TEST(SystemClockTest, AnEarlierTimerOvertakesTheOneThatIsSleptFor)
     Semaphore called;
     clock.schedule(clock.nowMs() + 3'600'000, [] {});
     clock.schedule(clock.nowMs() + 1, [&] { called.post(); });
-    EXPECT_TRUE(called.waitFor(10'000));
+    called.wait();
 }
 
 TEST(SystemClockTest, TimersSurviveAShutdownAndAreServedAfterTheNextSchedule)
@@ -133,7 +133,7 @@ TEST(SystemClockTest, TimersSurviveAShutdownAndAreServedAfterTheNextSchedule)
     clock.shutdown();
     EXPECT_TRUE(clock.cancel(far));
     clock.schedule(0, [&] { called.post(); });
-    EXPECT_TRUE(called.waitFor(10'000));
+    called.wait();
 }
 
 TEST(SystemClockTest, EveryTimerIsEitherCalledOrCancelledWithManyThreads)
