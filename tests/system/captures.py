@@ -100,7 +100,8 @@ def test_huge_view_costs_what_is_there():
         rlctl("record", mirror, "--trace", trace)
         started = time.monotonic()
         rlctl("export", mirror, "--at", "latest", out)
-        check(time.monotonic() - started < 20, "the export of a sparse TiB takes too long")
+        # Reading or writing all of it would take far longer.
+        check(time.monotonic() - started < 60, "the export of a sparse TiB takes too long")
         check(os.path.getsize(out) == 1 << 40, "size")
         check(os.stat(out).st_blocks * 512 < 100 << 20, "the image is not sparse")
 

@@ -11,7 +11,7 @@ import threading
 import time
 
 from nbdsupport import Server, connect, need_nbd
-from support import RLCTL, Folder, check, rlctl, rlctl_json, run
+from support import FAR_END, RLCTL, Folder, check, rlctl, rlctl_json, run, wait_until
 
 MIB = 1 << 20
 SIZE = 64 * MIB
@@ -215,13 +215,13 @@ def test_commands_beside_a_writing_client():
     with Served("background=false") as test:
         stop = threading.Event()
         failure = []
+        filled = [0]
 
         def writer():
-            seed = 0
             try:
                 while not stop.is_set():
-                    test.fill(seed, count=5)
-                    seed += 1
+                    test.fill(filled[0], count=5)
+                    filled[0] += 1
             except Exception as error:  # pylint: disable=broad-except
                 failure.append(error)
 
@@ -229,6 +229,8 @@ def test_commands_beside_a_writing_client():
         thread.start()
         try:
             for _ in range(8):
+                before = filled[0]
+                wait_until(lambda least=before: filled[0] > least or failure, "nothing is written")
                 made = rlctl_json("checkpoint", test.mirror)
                 rlctl("apply", test.mirror, "--to", "cp:%d" % made["id"], "--yes")
                 rlctl("trim", test.mirror, "--retention", "--yes")
@@ -248,7 +250,7 @@ def test_checkpoints_and_retention_by_themselves():
         rlctl("set", test.mirror, "--keep-checkpoints", "2")
         for seed in range(20):
             test.fill(seed)
-        until = time.monotonic() + 60
+        until = time.monotonic() + FAR_END
         while time.monotonic() < until:
             info = rlctl_json("info", test.mirror)
             if info["checkpoints"] <= 3 and info["trimmed_items"] > 0:
@@ -274,10 +276,8 @@ def test_garbage_on_the_socket_harms_nobody():
         for _ in range(5):
             test.fill(1, count=2)
             rlctl("info", test.mirror)
-        started = time.monotonic()
         test.client.shutdown()
         test.server.stop()
-        check(time.monotonic() - started < 10, "stopping took long")
         for client in stalled:
             client.close()
         test.server.start()
@@ -316,7 +316,7 @@ def test_metrics_tell_what_was_done():
             rlctl("checkpoint", test.mirror)
             rlctl("apply", test.mirror, "--to", "latest", "--yes")
             volume = rlctl_json("info", test.mirror)["id"]
-            until = time.monotonic() + 20
+            until = time.monotonic() + FAR_END
             while time.monotonic() < until:
                 with open(path, encoding="ascii") as file:
                     seen = metrics(file.read(), volume)

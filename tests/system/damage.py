@@ -1,13 +1,17 @@
 """Damage and sudden ends: a flipped byte is found, and a killed recording leaves a prefix."""
 
+import array
+import fcntl
 import os
 import random
+import shutil
 import signal
 import subprocess
+import termios
 import time
 
-from support import (RLCTL, Expectation, Failure, Folder, check, compare_image, generated_trace, read_trace,
-                     rlctl, rlctl_json, run)
+from support import (RLCTL, Expectation, Folder, check, compare_image, generated_trace, read_trace,
+                     rlctl, rlctl_json, run, wait_until)
 
 SIZE = 2 << 30
 
@@ -73,12 +77,14 @@ def test_killed_recording_is_a_prefix_and_goes_on():
         rlctl("create", mirror, "--size", SIZE)
         resume = ()
         interrupted = 0
-        for number in range(8):
+        # The longest delay halves as long as the recording is over before it: then it begins anew.
+        longest = 0.2
+        for number in range(16):
             command = [RLCTL, "record", mirror, "--trace", trace, "--checkpoint-every", "500",
                        *resume]
             with subprocess.Popen(command, stderr=subprocess.DEVNULL,
                                   stdout=subprocess.DEVNULL) as process:
-                time.sleep(chance.uniform(0.02, 0.2))
+                time.sleep(chance.uniform(0.1 * longest, longest))
                 process.send_signal(signal.SIGKILL if number % 2 == 0 else signal.SIGTERM)
                 code = process.wait()
             check(code in (-9, 130, 0, -15), "exit code %d" % code)
@@ -96,7 +102,12 @@ def test_killed_recording_is_a_prefix_and_goes_on():
             compare_image(image, SIZE, expectation)
             if os.path.exists(os.path.join(mirror, "recording")):
                 resume = ("--resume",)
-            if code == 0:
+            if code == 0 and interrupted == 0:
+                longest /= 2
+                shutil.rmtree(mirror)
+                rlctl("create", mirror, "--size", SIZE)
+                resume = ()
+            elif code == 0 or interrupted == 8:
                 break
         check(interrupted > 0, "no recording was interrupted")
         # On a slow machine each of them may have come before the recording had begun.
@@ -113,19 +124,11 @@ def test_killed_recording_is_a_prefix_and_goes_on():
         check(rlctl_json("verify", mirror)["ok"], "verify")
 
 
-def wait_for_open(pid, path):
-    """Waits until a process has the file open, and a moment more for it to lock it."""
-    folder = "/proc/%d/fd" % pid
-    for _ in range(500):
-        for name in os.listdir(folder):
-            try:
-                if os.readlink(os.path.join(folder, name)) == os.path.realpath(path):
-                    time.sleep(0.2)
-                    return
-            except FileNotFoundError:
-                pass
-        time.sleep(0.02)
-    raise Failure("the writer never opened " + path)
+def bytes_in(pipe):
+    """How many nobody has read yet."""
+    count = array.array("i", [0])
+    fcntl.ioctl(pipe.fileno(), termios.FIONREAD, count)
+    return count[0]
 
 
 def test_writer_in_use_is_11_and_readers_go_on():
@@ -134,13 +137,16 @@ def test_writer_in_use_is_11_and_readers_go_on():
         # A writer that waits for its trace on a pipe.
         with subprocess.Popen([RLCTL, "record", mirror, "--trace", "-"],
                               stdin=subprocess.PIPE) as writer:
-            wait_for_open(writer.pid, os.path.join(mirror, "journal", "lock"))
+            writer.stdin.write(b"time_us,op,offset_blocks,length_blocks\n")
+            writer.stdin.flush()
+            # It reads when it has the mirror.
+            wait_until(lambda: bytes_in(writer.stdin) == 0, "the writer never reads its trace")
+            check(writer.poll() is None, "the writer ended")
             done = subprocess.run([RLCTL, "checkpoint", mirror], stderr=subprocess.PIPE,
                                   stdout=subprocess.PIPE, check=False)
             check(done.returncode == 11, "exit code %d" % done.returncode)
             check(b"in use" in done.stderr, done.stderr.decode())
             rlctl("stats", mirror)
-            writer.stdin.write(b"time_us,op,offset_blocks,length_blocks\n")
             writer.stdin.close()
             check(writer.wait() == 0, "the writer failed")
 

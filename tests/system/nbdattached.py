@@ -71,7 +71,7 @@ class Attached:
                 self.detach()
 
     def detach(self):
-        for _ in range(100):  # the loop device lets go of the file a moment later
+        for _ in range(1000):  # the loop device lets go of the file a moment later
             if subprocess.run(["fusermount3", "-u", self.folder], stderr=subprocess.DEVNULL,
                               check=False).returncode == 0:
                 break

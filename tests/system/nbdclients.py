@@ -347,7 +347,7 @@ def test_fio_beside_checkpoints():
         with Meanwhile(served.mirror, proxy) as meanwhile:
             ios = rounds = 0
             # On a fast machine one round is over before anything was taken beside it.
-            while rounds < 1 or (len(meanwhile.taken) < 4 and rounds < 20
+            while rounds < 1 or (len(meanwhile.taken) < 4 and rounds < 30
                                  and not meanwhile.failure):
                 rounds += 1
                 ios += fio(served, "nbd+unix:///live?socket=" + proxy.path, rounds)
@@ -373,7 +373,7 @@ def test_fio_beside_apply_and_trim():
     with Served(96 * MIB, "--compress", "lz4") as served:
         ios = rounds = 0
         with Meanwhile(served.mirror, moves=True) as meanwhile:
-            while rounds < 2 or (meanwhile.trims < 4 and rounds < 20 and not meanwhile.failure):
+            while rounds < 2 or (meanwhile.trims < 4 and rounds < 200 and not meanwhile.failure):
                 rounds += 1
                 ios += fio(served, served.server.uri(), rounds, "--refill_buffers",
                            "--buffer_compress_percentage=30")

@@ -8,7 +8,7 @@ import nbd
 
 from nbdproxy import FLUSH, WRITE, ZERO, Request
 from nbdsupport import connect
-from support import Failure
+from support import FAR_END, Failure
 
 # The connection went, or the server refused as it was ending: no answer to the request itself.
 NO_ANSWER = (errno.ENOTCONN, errno.ESHUTDOWN)
@@ -58,7 +58,7 @@ class Fleet:
             handle.aio_trim(length, offset, done, flags)
         return request
 
-    def step(self, timeout=10):
+    def step(self, timeout=FAR_END):
         """Waits until something has happened; nbd.Error when the server has gone."""
         poll = select.poll()
         handles = {}

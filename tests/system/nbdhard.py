@@ -17,7 +17,7 @@ from nbdpeers import Others, RawClient, memory_kib
 from nbdproxy import FLUSH, READ, TRIM, WRITE, ZERO
 from nbdsupport import Server, checkpoint, connect, need_nbd, refused, run_tool
 from replay import Image, Order
-from support import Failure, Folder, check, rlctl, rlctl_json, run
+from support import FAR_END, Failure, Folder, check, rlctl, rlctl_json, run, wait_until
 
 BLOCK = 512
 LARGEST = 32 << 20
@@ -127,10 +127,9 @@ def test_clients_that_vanish():
                             client.request(READ, 0, BLOCK, magic=0x12345678))[i % 4]
                     client.socket.sendall(what)
                     client.close()
-                until = time.monotonic() + 10
-                while sockets(server.process) > before + 1:  # and that of the one that behaves
-                    check(time.monotonic() < until, "connections that have gone are kept")
-                    time.sleep(0.05)
+                # One more is that of the one that behaves.
+                wait_until(lambda: sockets(server.process) <= before + 1,
+                           "connections that have gone are kept")
             keeper.flush()
             with Journal(mirror) as journal:
                 check(all(one.length == 4096 for one in journal.items),
@@ -158,10 +157,8 @@ def test_clients_that_stall_and_flood():
                     for cookie in range(50):
                         client.socket.sendall(client.request(READ, LARGEST, 4096, cookie))
                 seen = others.rounds
-                until = time.monotonic() + 20
-                while others.rounds < seen + 50 and others.failure is None:
-                    check(time.monotonic() < until, "the others are not served")
-                    time.sleep(0.05)
+                wait_until(lambda: others.rounds >= seen + 50 or others.failure is not None,
+                           "the others are not served")
                 peak = memory_kib(server.process, "VmRSS")
                 for client in flood:
                     client.close()
@@ -173,7 +170,7 @@ def test_clients_that_stall_and_flood():
                 peak >> 10, others.slowest))
             # The stalled ones are still there: ending does not wait for them.
             started = time.monotonic()
-            server.stop(within=25)
+            server.stop()
             print("     ended in %.1f s with stalled clients" % (time.monotonic() - started))
             for client in stalled:
                 client.close()
@@ -308,16 +305,20 @@ def test_end_under_load_loses_nothing_answered():
     size = 16 << 20
     with Folder() as folder:
         mirror = new_mirror(folder, size)
-        server = Server(folder, mirror, "stop-timeout=5s").start()
+        server = Server(folder, mirror).start()
         try:
             fleet = Fleet(server, connections=6)
             ended = []
 
             def end():
                 time.sleep(0.4)
+                while sum(1 for one in list(fleet.requests) if one.answered) < 200:
+                    if server.process.poll() is not None:
+                        break
+                    time.sleep(0.05)
                 started = time.monotonic()
                 try:
-                    server.stop(within=20)
+                    server.stop()
                     ended.append(time.monotonic() - started)
                 except Failure as failure:
                     ended.append(failure)
@@ -358,13 +359,13 @@ def test_end_with_idle_clients():
     with Folder() as folder:
         mirror = new_mirror(folder, 8 << 20)
         data = random.Random(9).randbytes(1 << 20)
-        server = Server(folder, mirror, "stop-timeout=2s").start()
+        server = Server(folder, mirror).start()
         try:
             idle = connect(server)
             for offset in range(0, len(data), 4096):
                 idle.pwrite(data[offset:offset + 4096], offset)  # answered, and not flushed
             started = time.monotonic()
-            server.stop(within=10)
+            server.stop()
             print("     ended in %.1f s" % (time.monotonic() - started))
         finally:
             server.kill()
@@ -391,7 +392,7 @@ def test_one_owner():
             # Where it leaves the terminal, it has to say so before it does.
             background = subprocess.run([one for one in second.command if one != "-f"], check=False,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                        stderr=subprocess.PIPE, timeout=30)
+                                        stderr=subprocess.PIPE, timeout=FAR_END)
             text = background.stderr.decode(errors="replace")
             check(background.returncode == 1 and mirror + " is in use by another process" in text,
                   "in the background: %d, %s" % (background.returncode, text))

@@ -18,7 +18,7 @@ from nbdfleet import Fleet
 from nbdproxy import FLUSH, TRIM, WRITE, ZERO, Proxy
 from nbdsupport import Server, checkpoint, connect, find_tool, need_nbd
 from replay import Image, Order
-from support import Failure, Folder, check, rlctl, rlctl_json, run
+from support import FAR_END, Failure, Folder, check, rlctl, rlctl_json, run, wait_until
 
 BLOCKS = 1 << 15
 BLOCK = 512
@@ -32,7 +32,7 @@ ioengine=nbd
 uri=%(uri)s
 thread
 time_based
-runtime=60
+runtime=900
 size=%(size)d
 blockalign=512
 randseed=%(seed)d
@@ -72,14 +72,19 @@ fsync=30
 
 
 class Killer(threading.Thread):
-    """Ends the server after a while."""
+    """Ends the server after a while, and not before so many requests were sent."""
 
-    def __init__(self, server, delay):
+    def __init__(self, server, chance, requests):
         super().__init__()
-        self.server, self.delay = server, delay
+        self.server, self.requests = server, requests
+        self.delay = chance.uniform(0.01, 0.25)
+        self.least = chance.randrange(80)
 
     def run(self):
         time.sleep(self.delay)
+        until = time.monotonic() + FAR_END
+        while len(self.requests) < self.least and time.monotonic() < until:
+            time.sleep(0.001)
         self.server.process.kill()
 
 
@@ -149,16 +154,14 @@ class Fio:
             return file.read().decode(errors="replace")[-2000:]
 
     def wait_for_writes(self):
-        until = time.monotonic() + 30
-        while not self.proxy.requests:
-            check(self.process.poll() is None, "fio ended at once:\n" + self.log())
-            check(time.monotonic() < until, "fio writes nothing:\n" + self.log())
-            time.sleep(0.002)
+        wait_until(lambda: self.proxy.requests or self.process.poll() is not None,
+                   lambda: "fio writes nothing:\n" + self.log())
+        check(self.process.poll() is None, "fio ended at once:\n" + self.log())
 
     def wait_for_end(self):
         """What it sent. REQUIRES: the server was killed."""
         try:
-            code = self.process.wait(30)
+            code = self.process.wait(FAR_END)
         except subprocess.TimeoutExpired:
             raise Failure("fio does not notice that the server has gone") from None
         check(code != 0, "fio ended before the server did")
@@ -199,7 +202,7 @@ class Volume:
 
     def kill_under_fleet(self, checkpoints):
         fleet = Fleet(self.server, first_tick=self.clock)
-        killer = Killer(self.server, self.chance.uniform(0.01, 0.25))
+        killer = Killer(self.server, self.chance, fleet.requests)
         killer.start()
         checkpoints.start()
         write_until_killed(fleet, self.chance, self.used)
@@ -212,7 +215,7 @@ class Volume:
         try:
             fio.wait_for_writes()
             checkpoints.start()
-            killer = Killer(self.server, self.chance.uniform(0.01, 0.25))
+            killer = Killer(self.server, self.chance, fio.proxy.requests)
             killer.start()
             killer.join()
             sent = fio.wait_for_end()

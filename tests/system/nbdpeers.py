@@ -9,7 +9,7 @@ import time
 
 from nbdproxy import REQUEST_MAGIC
 from nbdsupport import connect
-from support import Failure, check
+from support import FAR_END, Failure, check
 
 
 def memory_kib(process, what):
@@ -25,7 +25,7 @@ class RawClient:
 
     def __init__(self, path, export="live"):
         self.socket = socket.socket(socket.AF_UNIX)
-        self.socket.settimeout(10)
+        self.socket.settimeout(FAR_END)
         self.socket.connect(path)
         self.export = export.encode()
 
@@ -95,5 +95,5 @@ class Others(threading.Thread):
         if kind is None:
             check(self.failure is None, "another client: %s" % self.failure)
             check(self.rounds > 0, "another client was not served at all")
-            check(self.slowest < 10, "another client waited %.1f s" % self.slowest)
+            check(self.slowest < 60, "another client waited %.1f s" % self.slowest)
             self.handle.shutdown()

@@ -14,7 +14,7 @@ import sys
 import time
 import urllib.parse
 
-from support import Failure, check, rlctl_json
+from support import FAR_END, Failure, check, rlctl_json
 
 PLUGIN = os.environ.get("RL_NBD_PLUGIN", "")
 PRELOAD = os.environ.get("RL_NBD_PRELOAD", "")
@@ -43,7 +43,7 @@ def find_tool(tool):
     return shutil.which(tool, path=os.environ.get("PATH", "") + ":/usr/sbin:/sbin")
 
 
-def run_tool(*command, code=0, timeout=120):
+def run_tool(*command, code=0, timeout=2 * FAR_END):
     """Runs a program and returns its standard output as text; any other exit code is a failure."""
     command = [str(one) for one in command]
     command[0] = find_tool(command[0]) or command[0]
@@ -68,13 +68,16 @@ class Server:
         self.socket = os.path.join(folder, name + ".sock")
         self.pid_file = os.path.join(folder, name + ".pid")
         self.log_file = os.path.join(folder, name + ".log")
+        # Slow disks and busy machines have their time: what is not durable then is a failure.
+        if not any(one.startswith("stop-timeout=") for one in parameters):
+            parameters = (*parameters, "stop-timeout=120s")
         # What a served plugin says of its own end is part of what is tested: no --exit-with-parent.
         self.command = ["nbdkit", "-f", "-U", self.socket, "-P", self.pid_file, *options,
                         *("--filter=" + one for one in filters), PLUGIN, "mirror=" + mirror,
                         *parameters]
         self.process = None
 
-    def start(self, timeout=60):
+    def start(self):
         for path in (self.socket, self.pid_file):
             if os.path.exists(path):
                 os.unlink(path)
@@ -85,7 +88,7 @@ class Server:
         with open(self.log_file, "ab") as log:
             self.process = subprocess.Popen(self.command, env=environment, stdin=subprocess.DEVNULL,
                                             stdout=log, stderr=log)
-        until = time.monotonic() + timeout
+        until = time.monotonic() + FAR_END
         # nbdkit listens, and writes its process's number, before the plugin opens the mirror.
         while not self.greets():
             check(self.process.poll() is None, "the server ended at once:\n" + self.log())
@@ -95,7 +98,7 @@ class Server:
 
     def greets(self):
         client = socket.socket(socket.AF_UNIX)
-        client.settimeout(1)
+        client.settimeout(10)
         try:
             client.connect(self.socket)
             return client.recv(8) == b"NBDMAGIC"
@@ -112,8 +115,9 @@ class Server:
         return "nbd+unix:///%s?socket=%s" % (
             urllib.parse.quote(export, safe=":."), urllib.parse.quote(self.socket, safe="/"))
 
-    def stop(self, within=30):
-        """Ends it as a service manager would; it has to end well and in time."""
+    def stop(self, within=60):
+        """Ends it as a service manager would; it has to end well, and by itself: before the time is
+        over that it gives itself."""
         if self.process is None:
             return
         process, self.process = self.process, None

@@ -36,7 +36,7 @@ def check_points(mirror, server, lines, points, folder):
     image = os.path.join(folder, "image")
     for name, items in points:
         expectation.advance(items)
-        run_tool("nbdcopy", server.uri(name), image, timeout=600)
+        run_tool("nbdcopy", server.uri(name), image)
         compare_image(image, SIZE, expectation)
         os.unlink(image)
     live = rlctl_json("stats", mirror, "--at", "latest")

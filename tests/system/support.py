@@ -14,9 +14,15 @@ import struct
 import subprocess
 import sys
 import tempfile
+import time
 
 BLOCK = 512
 RLCTL = sys.argv[1]
+
+
+# What has no time limit of its own is waited for as long as it takes, however slow the machine: this
+# far end is there only so that a test which waits in vain ends, and says where.
+FAR_END = 300
 
 
 class Failure(Exception):
@@ -26,6 +32,33 @@ class Failure(Exception):
 def check(condition, text):
     if not condition:
         raise Failure(text)
+
+
+def wait_until(condition, text):
+    """Waits for what comes true by itself. text: what is wrong when it does not; may be a function."""
+    until = time.monotonic() + FAR_END
+    while not condition():
+        if time.monotonic() > until:
+            raise Failure(text() if callable(text) else text)
+        time.sleep(0.005)
+
+
+def handles(process, *signals):
+    """Whether it has handlers for these signals already; until then one ends it as any program."""
+    try:
+        with open("/proc/%d/status" % process.pid, encoding="ascii") as file:
+            caught = next((int(line.split()[1], 16) for line in file if line.startswith("SigCgt:")), 0)
+    except OSError:
+        return False
+    return all(caught >> (number - 1) & 1 for number in signals)
+
+
+def listens(process, *signals):
+    """Waits until it has handlers for these signals; False: it ended before."""
+    until = time.monotonic() + FAR_END
+    while process.poll() is None and not handles(process, *signals):  # at once, so without a pause
+        check(time.monotonic() < until, "the process gets no handlers")
+    return process.poll() is None
 
 
 def rlctl(*arguments, code=0, stdin=None):

@@ -8,7 +8,7 @@ import sys
 import time
 
 from nbdsupport import need_nbd, skip
-from support import RLCTL, Failure, Folder, check, run
+from support import FAR_END, RLCTL, Failure, Folder, check, run
 
 PAGE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "docs", "tutorial.md")
 LETTER = "files/letters/ada.txt"
@@ -41,7 +41,7 @@ class Shell:
         with open(self.log_file, "rb") as file:
             return file.read().decode(errors="replace")
 
-    def until(self, condition, what, seconds=60):
+    def until(self, condition, what, seconds=FAR_END):
         end = time.monotonic() + seconds
         while not condition():
             check(self.process.poll() is None, "the shell ended:\n" + self.log())
@@ -100,7 +100,7 @@ def test_tutorial():
             for command in afterwards:
                 shell.type(command)
             shell.process.stdin.close()
-            check(shell.process.wait(30) == 0, "the shell's end:\n" + shell.log())
+            check(shell.process.wait(FAR_END) == 0, "the shell's end:\n" + shell.log())
             check(not os.path.exists(shell.path("disk.mirror/nbd")), "the socket is left behind")
         except (Failure, subprocess.TimeoutExpired) as failure:
             raise Failure("%s\n%s" % (failure, shell.log())) from None
