@@ -60,6 +60,19 @@ def run_tool(*command, code=0, timeout=2 * FAR_END):
     return text
 
 
+def greets(path):
+    """Whether a server answers there; its socket is there before that."""
+    client = socket.socket(socket.AF_UNIX)
+    client.settimeout(10)
+    try:
+        client.connect(path)
+        return client.recv(8) == b"NBDMAGIC"
+    except OSError:
+        return False
+    finally:
+        client.close()
+
+
 class Server:
     """nbdkit with the plugin, on a Unix socket in a folder of the test's."""
 
@@ -90,22 +103,11 @@ class Server:
                                             stdout=log, stderr=log)
         until = time.monotonic() + FAR_END
         # nbdkit listens, and writes its process's number, before the plugin opens the mirror.
-        while not self.greets():
+        while not greets(self.socket):
             check(self.process.poll() is None, "the server ended at once:\n" + self.log())
             check(time.monotonic() < until, "the server does not come up:\n" + self.log())
             time.sleep(0.005)
         return self
-
-    def greets(self):
-        client = socket.socket(socket.AF_UNIX)
-        client.settimeout(10)
-        try:
-            client.connect(self.socket)
-            return client.recv(8) == b"NBDMAGIC"
-        except OSError:
-            return False
-        finally:
-            client.close()
 
     def log(self):
         with open(self.log_file, "rb") as file:

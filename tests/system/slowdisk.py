@@ -17,7 +17,7 @@ import nbd
 from nbdattached import Attached, need_devices
 from nbdfleet import Fleet
 from nbdproxy import FLUSH, TRIM, WRITE, ZERO
-from nbdsupport import find_tool, run_tool, skip
+from nbdsupport import find_tool, greets, run_tool, skip
 from replay import Image, Order
 from serve import Served
 from support import (FAR_END, RLCTL, Failure, Folder, check, listens, rlctl, rlctl_json, run,
@@ -52,9 +52,9 @@ class SlowDisk:
                 ["nbdkit", "-f", "-U", self.socket, "--filter=delay", "--filter=rate", "file",
                  self.image, "wdelay=3ms", "rdelay=1ms", "rate-file=" + self.rate_file],
                 stdin=subprocess.DEVNULL, stdout=log, stderr=log)
-        while not os.path.exists(self.socket):
-            check(self.process.poll() is None, "nbdkit ended at once")
-            time.sleep(0.01)
+        wait_until(lambda: greets(self.socket) or self.process.poll() is not None,
+                   "nbdkit does not come up")
+        check(self.process.poll() is None, "nbdkit ended at once")
         self.attached = Attached(self.folder, "slow", "nbd+unix:///?socket=" + self.socket)
         self.attached.__enter__()
         run_tool("mkfs.ext4", "-q", self.attached.loop)

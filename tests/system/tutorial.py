@@ -108,7 +108,7 @@ def test_tutorial():
             shell.clean_up()
 
 
-need_nbd("nbdfuse", "fusermount3", "mkfs.ext4", "losetup", "mount", "pkill")
+need_nbd("nbdfuse", "nbdinfo", "fusermount3", "mkfs.ext4", "losetup", "mount", "pkill")
 if os.geteuid() != 0:
     skip("only root can mount")
 for device in ("/dev/fuse", "/dev/loop-control"):
