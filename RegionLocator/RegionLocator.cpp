@@ -497,27 +497,36 @@ void CountedRegionMap::setDirectoryBounds()
 RegionLocator::RegionLocator(u64 id, RegionLocatorMmiType mmiType)
     : MemWatchedContainer("RegionLocator", 40, 12), m_tweaks(*DynamicTweaks::instance()),
       m_immutable(false), m_memPool(id, mmiType), m_memAllocator(&m_memPool),
+      m_unlockedRegions(nullptr), m_lockedRegions(nullptr), m_lockWaiter(nullptr),
       t_holdBackScans(false), t_lockInPlace(false),
       t_combineRegionsDuringRestore(
-          Tweaks::uintVal("t_XelCombineRegionLocatorRegionsDuringRestore", 1) == 1)
+          Tweaks::uintVal("t_XelCombineRegionLocatorRegionsDuringRestore", 1) == 1),
+      m_insertContainer(nullptr), m_insertAllButRemoveMdOnlyContainer(nullptr)
 {
-    m_unlockedRegions = SHIELD_NEW(CountedRegionMap, m_memAllocator);
-    m_lockedRegions = SHIELD_NEW(CountedRegionMap, m_memAllocator);
-    m_insertContainer = SHIELD_NEW(RegionLocatorMetaDataContainer_Insert, this);
-    m_insertAllButRemoveMdOnlyContainer =
-        SHIELD_NEW(RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly, this);
-    m_lockWaiter = nullptr;
-    const u64 accelerators = Tweaks::uintVal("t_RlAccelerators", ACCELERATE_ALL);
-    t_holdBackScans = (accelerators & ACCELERATE_SCANS) != 0;
-    t_lockInPlace = (accelerators & ACCELERATE_LOCKS) != 0;
-    const u64 fromRegions = Tweaks::uintVal("t_RlAcceleratorsFromRegions", LARGE_MAP_REGIONS);
-    m_unlockedRegions->accelerate({(accelerators & ACCELERATE_DESCENT) != 0,
-                                   (accelerators & ACCELERATE_DIRECTORY) != 0,
-                                   (accelerators & ACCELERATE_FINGER) != 0, fromRegions,
-                                   std::min(fromRegions, BATCHES_FROM_REGIONS)});
-    m_memPool.setUpkeepListener(this);
-    // Last: from here on the watcher may ask for the item count.
-    MemWatchedContainerDatabase::instance()->registerContainer(this);
+    try {
+        m_unlockedRegions = SHIELD_NEW(CountedRegionMap, m_memAllocator);
+        m_lockedRegions = SHIELD_NEW(CountedRegionMap, m_memAllocator);
+        m_insertContainer = SHIELD_NEW(RegionLocatorMetaDataContainer_Insert, this);
+        m_insertAllButRemoveMdOnlyContainer =
+            SHIELD_NEW(RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly, this);
+        const u64 accelerators = Tweaks::uintVal("t_RlAccelerators", ACCELERATE_ALL);
+        t_holdBackScans = (accelerators & ACCELERATE_SCANS) != 0;
+        t_lockInPlace = (accelerators & ACCELERATE_LOCKS) != 0;
+        const u64 fromRegions = Tweaks::uintVal("t_RlAcceleratorsFromRegions", LARGE_MAP_REGIONS);
+        m_unlockedRegions->accelerate({(accelerators & ACCELERATE_DESCENT) != 0,
+                                       (accelerators & ACCELERATE_DIRECTORY) != 0,
+                                       (accelerators & ACCELERATE_FINGER) != 0, fromRegions,
+                                       std::min(fromRegions, BATCHES_FROM_REGIONS)});
+        m_memPool.setUpkeepListener(this);
+        // Last: from here on the watcher may ask for the item count.
+        MemWatchedContainerDatabase::instance()->registerContainer(this);
+    } catch (...) { // no memory for all of it: what is there already goes with it
+        SHIELD_DELETE(m_insertContainer);
+        SHIELD_DELETE(m_insertAllButRemoveMdOnlyContainer);
+        SHIELD_DELETE(m_lockedRegions);
+        SHIELD_DELETE(m_unlockedRegions);
+        throw;
+    }
 }
 
 RegionLocator::~RegionLocator()

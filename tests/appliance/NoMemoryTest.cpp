@@ -9,6 +9,7 @@
 #include "appliance/ViewShelf.h"
 #include "tests/appliance/MirrorFixture.h"
 #include "tests/support/FailingHeap.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/Regions.h"
 
 namespace {
@@ -132,6 +133,7 @@ TEST_F(NoMemoryTest, OpenersOfAViewDoNotWaitForOneThatCouldNotBeBuilt)
     writeRandomly(1, 60);
     ChosenPoint point;
     point.m_items = 50;
+    const LogCapture log;
     const u64 allocations = allocationsOfAnOpening(point);
     ASSERT_GT(allocations, 10u);
     u32 failures = 0;
@@ -168,6 +170,7 @@ TEST_F(NoMemoryTest, OpenersOfAViewDoNotWaitForOneThatCouldNotBeBuilt)
         ASSERT_EQ(shelf.report().m_views, 1u);
     }
     EXPECT_GT(failures, 0u);
+    EXPECT_TRUE(log.softChecks().empty()) << testing::PrintToString(log.texts());
     RecordProperty("failures", static_cast<int>(failures));
 }
 
