@@ -58,7 +58,7 @@ GracePeriod::Block* GracePeriod::blockAfter(Block& block)
     return next;
 }
 
-bool GracePeriod::wait(u64 deadlineMs)
+template <class IsOver> bool GracePeriod::waitUnless(IsOver isOver)
 {
     const u64 next = m_period.fetch_add(1) + 1;
     for (Block* block = &m_first; block != nullptr; block = block->m_next.load()) {
@@ -66,11 +66,23 @@ bool GracePeriod::wait(u64 deadlineMs)
             // A reader that comes later may be taken for an early one, which only costs time.
             for (u64 period = slot.m_period.load(); period != 0 && period < next;
                  period = slot.m_period.load()) {
-                if (deadlineMs != Clock::NEVER && Clock::instance()->nowMs() >= deadlineMs)
+                if (isOver())
                     return false;
                 std::this_thread::sleep_for(std::chrono::microseconds(100));
             }
         }
     }
     return true;
+}
+
+bool GracePeriod::wait(u64 deadlineMs)
+{
+    return waitUnless([deadlineMs] {
+        return deadlineMs != Clock::NEVER && Clock::instance()->nowMs() >= deadlineMs;
+    });
+}
+
+bool GracePeriod::wait(FlowControl& control)
+{
+    return waitUnless([&control] { return control.stopRequested(); });
 }

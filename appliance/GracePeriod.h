@@ -14,6 +14,7 @@
 #include <array>
 #include <atomic>
 
+#include "appliance/FlowControl.h"
 #include "common/infra/Types.h"
 #include "host/infra/Clock.h"
 
@@ -43,6 +44,9 @@ public:
     // monotonic milliseconds); returns whether they have. Not by a reader.
     bool wait(u64 deadlineMs = Clock::NEVER);
 
+    // The same until control says to stop: a reader may be waiting for a disk that does not answer.
+    bool wait(FlowControl& control);
+
 private:
     static constexpr u32 SLOTS = 128; // of a block
 
@@ -57,6 +61,7 @@ private:
         std::atomic<Block*> m_next{nullptr}; // set once
     };
 
+    template <class IsOver> bool waitUnless(IsOver isOver);
     std::atomic<u64>& takeSlot();
     std::atomic<u64>* takeSlotOf(Block& block, u32& usual);
     static Block* blockAfter(Block& block);

@@ -80,7 +80,8 @@ Result Trimmer::run(const ChosenPoint& to)
             return Result::fromStatus(rc, "cannot make the journal durable");
     }
     // What is journaled by now is in the indexes after this.
-    m_mirror.gracePeriod().wait();
+    if (!m_mirror.gracePeriod().wait(m_control))
+        return Result(ResultCode::Interrupted, "interrupted before anything was trimmed");
     {
         // Nobody copies an index between the new beginning and the removal, nor later while a
         // removal is not done (untakenPage()). Who has copied one and is not in the list yet has
@@ -97,9 +98,11 @@ Result Trimmer::run(const ChosenPoint& to)
         m_mirror.setUntakenPage(from);
         if (result = removeFrom(from); !result.ok())
             return result;
-        m_mirror.setUntakenPage(~u64{0});
     }
-    m_mirror.gracePeriod().wait();
+    // Where a reader keeps them, the grains are left to the next trim, as if not all were taken.
+    if (!m_mirror.gracePeriod().wait(m_control))
+        return Result(ResultCode::Interrupted, "interrupted; the next trim goes on");
+    m_mirror.setUntakenPage(~u64{0});
     u64 removed = 0;
     if (const RcStatus rc = m_journal.removeTrimmed(&removed); rc != RC_SUCCESS)
         return Result::fromStatus(rc, "cannot remove the journal's grains");

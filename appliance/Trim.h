@@ -37,8 +37,8 @@ struct TrimStatistics
 // not hold the point, or another process reads what would go, nothing was changed. Damaged;
 // NoSpace, Failed: the new beginning may hold already, and the grains are removed when the mirror
 // is opened for writing next. Thread safety: a plain thread; one apply or trim at a time. Writes,
-// views and reads of the mirror may go on beside it. Waits for readers of what goes; closing a
-// view may wait for a step of that.
+// views and reads of the mirror may go on beside it. Waits for readers of what goes, unless control
+// says to stop; closing a view may wait for a step of that.
 Result trimMirror(Mirror& mirror, TaskEngine& engine, const ChosenPoint& to,
                   const TrimOptions& options, FlowControl& control, TrimStatistics* statistics);
 

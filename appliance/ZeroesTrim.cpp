@@ -97,7 +97,8 @@ RcStatus ZeroesTrimmer::pass()
         return rc;
     // Who was writing while candidates were gathered may have been heard before there were any;
     // but what they write is in the journal after this, where the scan finds it.
-    m_mirror.gracePeriod().wait();
+    if (!m_mirror.gracePeriod().wait(m_control))
+        return RC_ABORTED;
     if (const RcStatus rc = m_mirror.journal().flush(); rc != RC_SUCCESS)
         return rc;
     if (const RcStatus rc = subtractJournal(); rc != RC_SUCCESS)

@@ -1,8 +1,11 @@
 #include "appliance/GracePeriod.h"
 
 #include <gtest/gtest.h>
+#include <memory>
 #include <thread>
 #include <vector>
+
+#include "appliance/FlagControl.h"
 
 namespace {
 
@@ -35,6 +38,19 @@ TEST(GracePeriodTest, AllReadAtOnceHoweverManyAndAreWaitedFor)
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_TRUE(period.wait(0)) << "slots are given back";
+}
+
+TEST(GracePeriodTest, AReaderThatStaysIsNotWaitedForAfterAStop)
+{
+    GracePeriod period;
+    std::atomic<bool> stop{false};
+    FlagControl control(stop);
+    auto reader = std::make_unique<GracePeriod::Reader>(period);
+    std::thread stopper([&] { stop = true; });
+    EXPECT_FALSE(period.wait(control));
+    stopper.join();
+    reader.reset();
+    EXPECT_TRUE(period.wait(control)) << "there is nobody to wait for";
 }
 
 // What a remover overwrites after its wait, without a lock, is what readers read: a race between

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <thread>
 
 #include "appliance/Apply.h"
@@ -496,6 +497,66 @@ TEST_F(TrimTest, MakesRoomUnderTheLimit)
     ASSERT_TRUE(apply(items).ok());
     ASSERT_TRUE(trim(items).ok());
     EXPECT_TRUE(m_mirror->write(0, data.data(), LARGE).ok());
+}
+
+// Says to stop when it was asked often enough, so that a wait has begun by then.
+class LateStop : public FlowControl
+{
+public:
+    bool stopRequested() override { return ++m_asked > 500; }
+    void progress(u64, u64) override
+    {
+        if (m_onProgress)
+            m_onProgress();
+    }
+    std::function<void()> m_onProgress;
+
+private:
+    u64 m_asked = 0;
+};
+
+TEST_F(TrimTest, AReaderThatStaysDoesNotKeepItFromStopping)
+{
+    makeMirror();
+    writeLarge(1, 40, 8);
+    constexpr u64 ZEROES = 600; // so many that there is a step which tells of its progress
+    for (u64 i = 0; i < ZEROES; ++i)
+        ASSERT_TRUE(m_mirror->writeZeroes(i % 8, 1).ok());
+    ASSERT_TRUE(m_mirror->flush().ok());
+    const u64 items = 40 + ZEROES;
+    ASSERT_TRUE(apply(items).ok());
+    FlowControl open;
+    std::unique_ptr<LiveVolume> live;
+    ASSERT_TRUE(LiveVolume::open(*m_mirror, open, &live).ok());
+    const u64 bytesBefore = bytesOnDisk();
+    std::unique_ptr<GracePeriod::Reader> reader;
+    const auto trimUntilStopped = [&](LateStop& control) {
+        m_statistics = TrimStatistics();
+        const Result result = trimMirror(*m_mirror, m_host.getEngine(), point(items), TrimOptions(),
+                                         control, &m_statistics);
+        reader.reset();
+        EXPECT_EQ(result.code(), ResultCode::Interrupted) << result.message();
+    };
+
+    LateStop before;
+    reader = std::make_unique<GracePeriod::Reader>(m_mirror->gracePeriod());
+    trimUntilStopped(before);
+    EXPECT_EQ(m_mirror->journal().begin().m_page, 0u);
+
+    LateStop behind;
+    behind.m_onProgress = [&] {
+        if (!reader)
+            reader = std::make_unique<GracePeriod::Reader>(m_mirror->gracePeriod());
+    };
+    trimUntilStopped(behind);
+    EXPECT_GT(m_mirror->journal().begin().m_page, 0u);
+    EXPECT_EQ(bytesOnDisk(), bytesBefore) << "what the reader found is there";
+
+    ASSERT_TRUE(trim(items).ok()) << "there is nothing more to trim, but what was left";
+    EXPECT_LT(bytesOnDisk(), bytesBefore);
+    Image image(BLOCKS * BLOCK_BYTES, 0xAA);
+    ASSERT_EQ(live->read(0, BLOCKS, image.data()), RC_SUCCESS);
+    EXPECT_EQ(image, m_images.back());
 }
 
 } // namespace
