@@ -40,8 +40,8 @@ Result ServedMirror::start()
     }
     // Only the owner of the mirror can see to it that a view which nobody has open is in nobody's
     // way.
-    m_views =
-        std::make_unique<ViewShelf>(*m_mirror, m_options.m_viewsBudgetBytes, !m_options.m_readOnly);
+    m_views = std::make_unique<ViewShelf>(*m_mirror, m_options.m_viewsBudgetBytes,
+                                          !m_options.m_readOnly, m_options.m_files);
     // Views can be built anew, requests that are refused cannot.
     if (m_live != nullptr)
         m_live->onNoMemory([views = m_views.get()] { return views->dropUnused(~u64{0}) > 0; });

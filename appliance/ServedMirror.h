@@ -25,6 +25,8 @@ struct ServedOptions
     bool m_readOnly = false; // no live volume; takes no lock on the folder
     JournalRecovery m_recovery = JournalRecovery::Tail;
     u64 m_viewsBudgetBytes = u64{1} << 30;
+    // Of the files that views and connections hold open, as ViewShelf takes it.
+    FileBudget* m_files = nullptr;
     CheckpointTimer::Options m_checkpoints; // neither: clients and commands alone set them
 
     // Of a mirror that is served for writing:

@@ -9,6 +9,9 @@ namespace {
 
 // Each holds a file open that tells other processes of it, of which a process may not have many.
 constexpr u64 MOST_UNUSED = 32;
+// That a view has open while it is built, and for good.
+constexpr u64 BUILD_FILES = 3;
+constexpr u64 VIEW_FILES = 1;
 // Between two looks at whether the one that waits is to stop.
 constexpr auto LOOK_EVERY = std::chrono::milliseconds(50);
 
@@ -21,8 +24,8 @@ ViewShelf::Lease::~Lease()
         m_shelf->giveBack(m_items);
 }
 
-ViewShelf::ViewShelf(Mirror& mirror, u64 budgetBytes, bool keepsUnused)
-    : m_mirror(mirror), m_budgetBytes(budgetBytes), m_keepsUnused(keepsUnused)
+ViewShelf::ViewShelf(Mirror& mirror, u64 budgetBytes, bool keepsUnused, FileBudget* files)
+    : m_mirror(mirror), m_budgetBytes(budgetBytes), m_keepsUnused(keepsUnused), m_files(files)
 {}
 
 ViewShelf::~ViewShelf()
@@ -57,27 +60,58 @@ void ViewShelf::setBeside(std::function<u64()> bytes)
     m_beside = std::move(bytes);
 }
 
-// Lets unused views go until the rest fits; what goes is destroyed without the lock.
+// The least recently used view that nobody has open, or the end; *unused: how many there are.
+ViewShelf::Slots::iterator ViewShelf::oldestUnusedLocked(u64* unused)
+{
+    *unused = 0;
+    auto oldest = m_slots.end();
+    for (auto at = m_slots.begin(); at != m_slots.end(); ++at) {
+        if (at->second.m_leases != 0 || at->second.m_shared == nullptr)
+            continue;
+        ++*unused;
+        if (oldest == m_slots.end() || at->second.m_lastUse < oldest->second.m_lastUse)
+            oldest = at;
+    }
+    return oldest;
+}
+
+// What goes is destroyed without the lock.
+void ViewShelf::dropLocked(Slots::iterator slot, Gone* gone)
+{
+    gone->push_back(std::move(slot->second.m_shared));
+    m_slots.erase(slot);
+    ++m_dropped;
+}
+
+// Lets unused views go until the rest fits.
 bool ViewShelf::makeRoomLocked(Gone* gone)
 {
     for (;;) {
         u64 unused = 0;
-        auto oldest = m_slots.end();
-        for (auto at = m_slots.begin(); at != m_slots.end(); ++at) {
-            if (at->second.m_leases != 0 || at->second.m_shared == nullptr)
-                continue;
-            ++unused;
-            if (oldest == m_slots.end() || at->second.m_lastUse < oldest->second.m_lastUse)
-                oldest = at;
-        }
+        const auto oldest = oldestUnusedLocked(&unused);
         if (unused <= MOST_UNUSED && fitsLocked())
             return true;
         if (unused == 0)
             return false;
-        gone->push_back(std::move(oldest->second.m_shared));
-        m_slots.erase(oldest);
-        ++m_dropped;
+        dropLocked(oldest, gone);
     }
+}
+
+// Views that nobody has open give theirs.
+Result ViewShelf::takeFiles(const ChosenPoint& point, FileBudget::Share* files)
+{
+    while (!files->take(m_files, BUILD_FILES)) {
+        Gone gone;
+        MutexGuard guard(m_mutex);
+        u64 unused = 0;
+        const auto oldest = oldestUnusedLocked(&unused);
+        if (unused == 0)
+            return Result(ResultCode::NoSpace,
+                          "no room for a view of " + point.name() +
+                              ": connections and open views use up the files that may be open");
+        dropLocked(oldest, &gone);
+    }
+    return Result();
 }
 
 void ViewShelf::leaseLocked(u64 items, Slot& slot, Lease* lease)
@@ -162,13 +196,21 @@ Result ViewShelf::build(const ChosenPoint& point, std::shared_ptr<Shared>* built
 {
     if (m_stopped)
         return Result(ResultCode::Interrupted, "the server is stopping");
+    auto files = std::make_unique<FileBudget::Share>();
+    if (Result result = takeFiles(point, files.get()); !result.ok())
+        return result;
     Lease from = nearest(point);
     Result result = buildFrom(point, from ? &from->view() : nullptr, built);
-    if (result.code() != ResultCode::Interrupted || m_stopped || !isLastLease(from))
-        return result;
-    // There may be room for it where the other one has been.
-    from = Lease();
-    return buildFrom(point, nullptr, built);
+    if (result.code() == ResultCode::Interrupted && !m_stopped && isLastLease(from)) {
+        // There may be room for it where the other one has been.
+        from = Lease();
+        result = buildFrom(point, nullptr, built);
+    }
+    if (result.ok()) {
+        files->keep(VIEW_FILES);
+        (*built)->m_files = std::move(files);
+    }
+    return result;
 }
 
 Result ViewShelf::buildFrom(const ChosenPoint& point, View* from, std::shared_ptr<Shared>* built)
@@ -268,6 +310,9 @@ Result ViewShelf::useAlone(const ChosenPoint& point, FlowControl& control,
         ~AtEnd() { m_shelf.endAlone(); }
         ViewShelf& m_shelf;
     } const atEnd{*this};
+    FileBudget::Share files;
+    if (Result result = takeFiles(point, &files); !result.ok())
+        return result;
     bool isRefused = false;
     ViewBuildOptions options;
     options.m_admits = [&](u64 bytes) {
@@ -304,13 +349,9 @@ u64 ViewShelf::dropUnused(u64 beforeItems)
     Gone gone;
     MutexGuard guard(m_mutex);
     for (auto at = m_slots.begin(); at != m_slots.end() && at->first < beforeItems;) {
-        if (at->second.m_leases == 0 && at->second.m_shared != nullptr) {
-            gone.push_back(std::move(at->second.m_shared));
-            at = m_slots.erase(at);
-            ++m_dropped;
-        } else {
-            ++at;
-        }
+        const auto slot = at++;
+        if (slot->second.m_leases == 0 && slot->second.m_shared != nullptr)
+            dropLocked(slot, &gone);
     }
     return gone.size();
 }

@@ -10,7 +10,8 @@
 // the one that is being built is refused, never one that is open. A view that another one goes on
 // from counts as open meanwhile; where there is no room for both, the new one is built by a scan.
 // However small they are, no more than a few dozen stay that nobody has open: each holds a file
-// open.
+// open. These files have a budget of their own, which connections share (FileBudget.h); where it is
+// used up unused views go too, and then the one that is being built is refused.
 //
 // Thread safety: any thread.
 // Invariants: 1. two connections to one point have one view; points that hold the same items are
@@ -28,6 +29,7 @@
 #include <memory>
 
 #include "appliance/DirectReader.h"
+#include "appliance/FileBudget.h"
 #include "appliance/View.h"
 
 struct ViewShelfReport
@@ -56,6 +58,8 @@ public:
         DirectReader& reader() { return m_reader; }
 
     private:
+        friend class ViewShelf;
+        std::unique_ptr<FileBudget::Share> m_files; // of the view, so they go after it
         std::unique_ptr<View> m_view;
         DirectReader m_reader;
     };
@@ -93,17 +97,18 @@ public:
     };
 
     // keepsUnused: whether a view that nobody has open any more stays for the next one; it keeps
-    // its point from being passed meanwhile (dropUnused()). mirror: outlives the shelf.
-    ViewShelf(Mirror& mirror, u64 budgetBytes, bool keepsUnused);
+    // its point from being passed meanwhile (dropUnused()). files: of the files that views hold
+    // open; null: no limit. mirror and files: outlive the shelf.
+    ViewShelf(Mirror& mirror, u64 budgetBytes, bool keepsUnused, FileBudget* files = nullptr);
     // REQUIRES: no lease is left.
     ~ViewShelf();
     ViewShelf(const ViewShelf&) = delete;
     ViewShelf& operator=(const ViewShelf&) = delete;
 
-    // NoSpace: the budget is used up by views that are open; Interrupted: stopped; else as
-    // View::build(). What a writer has journaled before the call is part of what is found. Throws
-    // what the build throws (std::bad_alloc); as after a failure, others that wait for the point
-    // then build it themselves.
+    // NoSpace: a budget is used up by views that are open, or by connections; Interrupted: stopped;
+    // else as View::build(). What a writer has journaled before the call is part of what is found.
+    // Throws what the build throws (std::bad_alloc); as after a failure, others that wait for the
+    // point then build it themselves.
     Result open(const ChosenPoint& point, Lease* lease);
 
     // Builds a view of its own, that nobody shares and the caller destroys, within the budget while
@@ -152,6 +157,9 @@ private:
     Result takeAlone(FlowControl& control);
     void endAlone();
     Result noRoom(const ChosenPoint& point) const;
+    Result takeFiles(const ChosenPoint& point, FileBudget::Share* files);
+    Slots::iterator oldestUnusedLocked(u64* unused) RL_REQUIRES(m_mutex);
+    void dropLocked(Slots::iterator slot, Gone* gone) RL_REQUIRES(m_mutex);
     bool makeRoomLocked(Gone* gone) RL_REQUIRES(m_mutex);
     u64 bytesLocked() const RL_REQUIRES(m_mutex);
     bool fitsLocked() const RL_REQUIRES(m_mutex);
@@ -161,6 +169,7 @@ private:
     Mirror& m_mirror;
     const u64 m_budgetBytes;
     const bool m_keepsUnused;
+    FileBudget* const m_files;
     ReadSources m_sources;
     std::atomic<bool> m_stopped{false};
 

@@ -187,7 +187,7 @@ void cleanup()
 int takeConnection(int /*readonly*/)
 {
     return guarded(-1, [] {
-        if (hasRoomForConnections())
+        if (takeConnectionFile())
             return 0;
         logRefusal("connection",
                    "too many connections for the files that may be open: one is refused");

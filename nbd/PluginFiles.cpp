@@ -3,17 +3,15 @@
 #include <algorithm>
 #include <string>
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 namespace {
 
 constexpr u64 LEAST_FILES = 40;
 // What serving takes beside the journal's files: standard streams, locks, sockets that listen,
-// rings, and what is open for a moment only.
-constexpr u64 OWN_FILES = 24;
+// rings, commands and whoever asks for metrics, and what is open for a moment only.
+constexpr u64 LEAST_OWN_FILES = 24;
+constexpr u64 MOST_OWN_FILES = 64;
 constexpr u64 MOST_JOURNAL_FILES = 128;
-// Whatever the limit is, no more connections than that, so that counting them stays cheap.
-constexpr u64 MOST_COUNTED = 12000;
 
 u64 fileLimit()
 {
@@ -22,10 +20,12 @@ u64 fileLimit()
 }
 
 // The journal keeps a quarter of the limit open, up to a number of its own.
-u64 mostSockets()
+u64 mostClientFiles()
 {
-    const u64 limit = std::min(fileLimit(), MOST_COUNTED);
-    return limit - std::min(limit, std::min(limit / 4, MOST_JOURNAL_FILES) + OWN_FILES);
+    const u64 limit = fileLimit();
+    const u64 journal = std::min(limit / 4, MOST_JOURNAL_FILES);
+    const u64 own = std::clamp(limit / 8, LEAST_OWN_FILES, MOST_OWN_FILES);
+    return limit - std::min(limit, journal + own);
 }
 
 } // namespace
@@ -33,10 +33,11 @@ u64 mostSockets()
 Result raiseFileLimit()
 {
     rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return Result();
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    clientFiles().setMost(mostClientFiles());
     const u64 files = fileLimit();
     if (files >= LEAST_FILES)
         return Result();
@@ -45,16 +46,16 @@ Result raiseFileLimit()
                           std::to_string(LEAST_FILES) + ", and some more for each connection");
 }
 
-bool hasRoomForConnections()
+FileBudget& clientFiles()
 {
-    // Looked at one by one, as listing them takes one that there may not be. Numbers are given from
-    // the lowest on.
-    const u64 limit = std::min(fileLimit(), MOST_COUNTED);
-    u64 sockets = 0;
-    for (u64 fd = 0; fd < limit; ++fd) {
-        struct stat status = {};
-        if (fstat(static_cast<int>(fd), &status) == 0 && S_ISSOCK(status.st_mode))
-            ++sockets;
-    }
-    return sockets <= mostSockets();
+    // Never destroyed: threads of connections may end later than all else.
+    static FileBudget* const files = new FileBudget(0);
+    return *files;
+}
+
+bool takeConnectionFile()
+{
+    thread_local FileBudget::Share socket;
+    socket.keep(0);
+    return socket.take(&clientFiles(), 1);
 }

@@ -2,6 +2,7 @@
 
 #include "host/infra/TweaksLoader.h"
 #include "host/volume/AsyncFileIo.h"
+#include "nbd/PluginFiles.h"
 
 Result PluginServer::prepare(const PluginConfig& config)
 {
@@ -16,7 +17,9 @@ Result PluginServer::prepare(const PluginConfig& config)
         done = setTweak(config.m_tweaks[i]);
     if (!done.ok())
         return Result::fromStatus(done.m_rc, done.m_message);
-    m_served = std::make_unique<ServedMirror>(m_host.getEngine(), config.m_served);
+    ServedOptions served = config.m_served;
+    served.m_files = &clientFiles();
+    m_served = std::make_unique<ServedMirror>(m_host.getEngine(), std::move(served));
     return Result();
 }
 

@@ -218,6 +218,44 @@ TEST_F(ViewShelfTest, FewStayThatNobodyHasOpenHoweverSmall)
     EXPECT_EQ(m_shelf->report().m_views, 32u);
 }
 
+TEST_F(ViewShelfTest, FilesAreABudgetTooThatConnectionsShare)
+{
+    makeMirror();
+    writeRandomly(3, 12);
+    FileBudget files(8);
+    m_shelf = std::make_unique<ViewShelf>(*m_mirror, PLENTY, true, &files);
+    FileBudget::Share connections;
+    ASSERT_TRUE(connections.take(&files, 3));
+    std::vector<ViewShelf::Lease> leases;
+    for (u64 items = 1; items <= 3; ++items)
+        leases.push_back(open(items));
+    EXPECT_EQ(files.taken(), 6u) << "a view keeps one when it is built";
+    ViewShelf::Lease refused;
+    const Result result = m_shelf->open(point(4), &refused);
+    EXPECT_EQ(result.code(), ResultCode::NoSpace);
+    EXPECT_NE(result.message().find("the files that may be open"), std::string::npos)
+        << result.message();
+    EXPECT_EQ(files.taken(), 6u);
+    EXPECT_EQ(read(open(2)), m_images[2]) << "what is open takes none";
+
+    // One that nobody has open any more gives its own for another.
+    leases.pop_back();
+    EXPECT_EQ(read(open(4)), m_images[4]);
+    EXPECT_EQ(m_shelf->report().m_dropped, 1u);
+    FlowControl control;
+    EXPECT_TRUE(m_shelf->useAlone(point(5), control, [](View&) { return Result(); }).ok());
+    EXPECT_EQ(m_shelf->report().m_dropped, 2u);
+    EXPECT_EQ(files.taken(), 5u);
+
+    FileBudget::Share late;
+    EXPECT_TRUE(late.take(&files, 3));
+    EXPECT_FALSE(FileBudget::Share().take(&files, 1)) << "a connection has none left either";
+    leases.clear();
+    m_shelf.reset();
+    connections.keep(1);
+    EXPECT_EQ(files.taken(), 4u);
+}
+
 TEST_F(ViewShelfTest, UnusedViewsStepOutOfApplysWay)
 {
     makeMirror();
