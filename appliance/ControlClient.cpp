@@ -31,6 +31,16 @@ ResultCode codeOf(u64 number)
     return ResultCode::Failed;
 }
 
+// Whether it arrives as what it is: a line has no other bytes than those of UTF-8.
+bool isText(const JsonValue& value)
+{
+    try {
+        return !value.dump().empty();
+    } catch (const JsonValue::type_error&) {
+        return false;
+    }
+}
+
 } // namespace
 
 Result ControlClient::connect(const std::string& folder, std::unique_ptr<ControlClient>* client)
@@ -119,6 +129,8 @@ Result ControlClient::run(const std::string& command, const JsonValue& arguments
 {
     const auto started = std::chrono::steady_clock::now();
     m_accepted = false;
+    if (!isText(arguments))
+        return Result::usage("what a served mirror is told has to be UTF-8");
     if (Result sent = send(controlLine(JsonValue{{"command", command}, {"arguments", arguments}}));
         !sent.ok()) {
         // Why may have been told before the connection was closed.

@@ -22,7 +22,8 @@ public:
     ControlClient& operator=(const ControlClient&) = delete;
 
     // Gives a command and waits for its end; as MirrorCommands::run(). Passes on what the server
-    // tells meanwhile, and, when control says so, that the command is to stop. Failed: the server
+    // tells meanwhile, and, when control says so, that the command is to stop. WrongUsage also: the
+    // arguments are no UTF-8, nothing was sent. Failed: the server
     // does not answer, or is gone; what became of the command is not known then, and this client
     // is of no more use.
     Result run(const std::string& command, const JsonValue& arguments, CommandControl& control,

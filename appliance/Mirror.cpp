@@ -328,6 +328,9 @@ Result Mirror::checkPointLatched(u64 items)
 
 Result Mirror::hold(Hold* hold, std::string (*freeName)(const std::vector<Hold>&))
 {
+    // After a crash there would be another past, or none, where the hold says.
+    if (Result result = flushUpTo(hold->m_items); !result.ok())
+        return result;
     PinLatch latch;
     if (Result result = latch.take(*m_storage); !result.ok())
         return result;
@@ -477,7 +480,7 @@ Result Mirror::changeSettings(std::optional<u64> keepCheckpoints, std::optional<
 Result Mirror::checkpoint(const std::string& tag, CpId_t* id)
 {
     if (!JournalTags::isValid(tag))
-        return Result::usage("a tag has at most 255 bytes and no control characters");
+        return Result::usage("a tag is UTF-8 of at most 255 bytes without control characters");
     return journaled(m_journal->appendCheckpoint(tag, id), "cannot set the checkpoint");
 }
 

@@ -91,8 +91,9 @@ public:
     // needs no registration: *use stays null.
     Result usePoint(u64 items, const std::string& what, std::unique_ptr<PointUse>* use);
 
-    // Holds a point until it is released. name: a free one is chosen where it is empty. NotFound:
-    // the point has been passed meanwhile; else as addHold().
+    // Holds a point until it is released, and makes it durable first. name: a free one is chosen
+    // where it is empty. NotFound: the point has been passed meanwhile; else as flush() and
+    // addHold().
     Result hold(Hold* hold, std::string (*freeName)(const std::vector<Hold>&));
     Result release(const std::string& name);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 
 #include "host/journal/Crc32c.h"
 #include "host/journal/JournalFormat.h"
@@ -38,13 +39,25 @@ bool parseLine(const std::string& line, CpId_t* id, std::string* tag)
     return true;
 }
 
+// As whoever writes it into JSON judges.
+bool isUtf8(const std::string& text)
+{
+    try {
+        return !nlohmann::json(text).dump().empty();
+    } catch (const nlohmann::json::type_error&) {
+        return false;
+    }
+}
+
 } // namespace
 
 bool JournalTags::isValid(const std::string& tag)
 {
-    return tag.size() <= MAX_TAG_BYTES && std::all_of(tag.begin(), tag.end(), [](char c) {
-               return static_cast<unsigned char>(c) >= ' ' && c != '\x7f';
-           });
+    return tag.size() <= MAX_TAG_BYTES &&
+           std::all_of(
+               tag.begin(), tag.end(),
+               [](char c) { return static_cast<unsigned char>(c) >= ' ' && c != '\x7f'; }) &&
+           isUtf8(tag);
 }
 
 RcStatus JournalTags::load(Storage& storage, const std::string& folder)

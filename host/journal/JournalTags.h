@@ -29,7 +29,9 @@ public:
     // The tag of a checkpoint whose item has that mark; null when it is not there.
     const std::string* find(CpId_t id, u32 mark) const;
 
-    // At most 255 bytes, none below the blank.
+    // UTF-8 of at most 255 bytes, none below the blank: a name goes through JSON and to NBD
+    // clients, and what is no text would come out of that as another name. Only what is added is
+    // judged.
     static bool isValid(const std::string& tag);
 
 private:

@@ -84,4 +84,22 @@ TEST_F(ApplyCrashTest, FaultsOfTheTargetAreToldAndApplyGoesOn)
     }
 }
 
+TEST_F(ApplyCrashTest, WhatIsHeldIsThereAfterACrash)
+{
+    ASSERT_TRUE(open(emptyMirror(), MirrorAccess::Writer).ok());
+    const std::vector<u8> data(BLOCK_BYTES, 7);
+    for (u64 block = 0; block < 5; ++block)
+        ASSERT_TRUE(m_mirror->write(block, data.data(), 1).ok());
+    ASSERT_LT(m_mirror->journal().durableItemCount(), 5u) << "nothing is to show otherwise";
+    Hold hold{"kept", 5, "item:5"};
+    ASSERT_TRUE(m_mirror->hold(&hold, nullptr).ok());
+    ASSERT_TRUE(open(m_storage->crash(fate(0)), MirrorAccess::Writer).ok());
+    EXPECT_EQ(m_mirror->window().m_items, 5u);
+    std::vector<Hold> holds;
+    std::vector<UseInfo> uses;
+    ASSERT_TRUE(m_mirror->pins(&holds, &uses).ok());
+    ASSERT_EQ(holds.size(), 1u);
+    EXPECT_EQ(holds[0].m_items, 5u);
+}
+
 } // namespace

@@ -252,6 +252,21 @@ TEST_F(JournalStoreTest, CheckpointsHaveIdsTagsTimesAndItems)
     expectContent();
 }
 
+TEST_F(JournalStoreTest, TagsAreTextOfBoundedLength)
+{
+    open();
+    for (const std::string& tag :
+         {std::string("\xff"), std::string("caf\xe9"), std::string("cut \xc3"), std::string("a\nb"),
+          std::string("\x7f"), std::string(256, 'a')})
+        EXPECT_EQ(m_store->appendCheckpoint(tag, nullptr), RC_BAD_ARGUMENT) << tag;
+    EXPECT_TRUE(m_store->checkpoints().empty());
+    EXPECT_EQ(m_store->appendCheckpoint("caf\xc3\xa9", nullptr), RC_SUCCESS);
+    EXPECT_EQ(m_store->appendCheckpoint(std::string(255, 'a'), nullptr), RC_SUCCESS);
+    reopen();
+    ASSERT_EQ(m_store->checkpoints().size(), 2u);
+    EXPECT_EQ(m_store->checkpoints()[0].m_tag, "caf\xc3\xa9");
+}
+
 TEST_F(JournalStoreTest, CheckpointIsDurableWhenItReturns)
 {
     open();
