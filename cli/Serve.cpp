@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "appliance/CheckpointTimer.h"
@@ -66,6 +67,14 @@ Result addressOf(const Arguments& arguments, ServeAddress* address)
                                                     : fs::path(arguments.m_socket))
                 .lexically_normal()
                 .string();
+        // A longer one could be listened on by a detour, but clients would have to know that too.
+        constexpr size_t MOST_BYTES = sizeof(sockaddr_un::sun_path) - 1;
+        if (address->m_socket.size() > MOST_BYTES)
+            return Result::usage("the socket's path has " +
+                                 std::to_string(address->m_socket.size()) +
+                                 " bytes, and clients can take " + std::to_string(MOST_BYTES) +
+                                 ": " + address->m_socket +
+                                 "; give a shorter one with --socket PATH, or --tcp ADDRESS:PORT");
         return Result();
     }
     const size_t colon = arguments.m_tcp.rfind(':');

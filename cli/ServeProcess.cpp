@@ -71,6 +71,23 @@ int connectTo(const ServeAddress& address)
     return connected;
 }
 
+// Whether what there is to read on a connection is a server's greeting. The connection alone says
+// little: it is taken before the server is ready. The negotiation is given up in order, so that the
+// server has nothing to complain of.
+bool isGreeted(int fd)
+{
+    constexpr char GIVE_UP[] = "\0\0\0\3" // fixed newstyle, no zeroes
+                               "IHAVEOPT\0\0\0\2\0\0\0\0";
+    const timeval patience{1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    char greeting[18] = {};
+    const bool greeted = recv(fd, greeting, sizeof(greeting), MSG_WAITALL) == sizeof(greeting) &&
+                         std::memcmp(greeting, "NBDMAGIC", 8) == 0;
+    if (greeted && send(fd, GIVE_UP, sizeof(GIVE_UP) - 1, MSG_NOSIGNAL) > 0)
+        recv(fd, greeting, sizeof(greeting), MSG_WAITALL);
+    return greeted;
+}
+
 } // namespace
 
 std::string ServeAddress::uri() const
@@ -79,26 +96,6 @@ std::string ServeAddress::uri() const
     if (m_socket.empty())
         return "nbd://" + (isIpv6 ? "[" + m_host + "]" : m_host) + ":" + m_port + "/";
     return "nbd+unix:///?socket=" + m_socket;
-}
-
-// The connection alone says little: it is taken before the server is ready, and a greeting is not.
-// The negotiation is given up in order, so that the server has nothing to complain of.
-bool ServeAddress::answers() const
-{
-    constexpr char GIVE_UP[] = "\0\0\0\3" // fixed newstyle, no zeroes
-                               "IHAVEOPT\0\0\0\2\0\0\0\0";
-    const int fd = connectTo(*this);
-    if (fd < 0)
-        return false;
-    const timeval patience{1, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-    char greeting[18] = {};
-    const bool greeted = recv(fd, greeting, sizeof(greeting), MSG_WAITALL) == sizeof(greeting) &&
-                         std::memcmp(greeting, "NBDMAGIC", 8) == 0;
-    if (greeted && send(fd, GIVE_UP, sizeof(GIVE_UP) - 1, MSG_NOSIGNAL) > 0)
-        recv(fd, greeting, sizeof(greeting), MSG_WAITALL);
-    close(fd);
-    return greeted;
 }
 
 Result ServeAddress::clear() const
@@ -186,13 +183,29 @@ bool ServeProcess::waitFor(u64 milliseconds)
 Result ServeProcess::waitUntilAnswers(const ServeAddress& address, bool* answers)
 {
     *answers = false;
+    Result result;
+    // One connection is kept however long the start takes: those that are given up before they are
+    // greeted the server would complain of.
+    int fd = -1;
     // A server that was told to end may never answer; its end is waited for with a limit.
     while (!stopPassedOn && !*answers) {
-        *answers = address.answers();
-        if (!*answers && waitFor(50))
-            return stopPassedOn ? Result() : waitForEnd(0);
+        if (fd < 0)
+            fd = connectTo(address);
+        pollfd readable = {fd, POLLIN, 0};
+        if (fd >= 0 && poll(&readable, 1, 20) > 0) {
+            *answers = isGreeted(fd);
+            close(fd);
+            fd = -1;
+        }
+        if (!*answers && waitFor(20)) {
+            if (!stopPassedOn)
+                result = waitForEnd(0);
+            break;
+        }
     }
-    return Result();
+    if (fd >= 0)
+        close(fd);
+    return result;
 }
 
 Result ServeProcess::waitForEnd(u64 stopSeconds)

@@ -18,9 +18,6 @@ struct ServeAddress
 
     std::string uri() const;
 
-    // Whether a server greets there within a moment.
-    bool answers() const;
-
     // Takes away a socket that a server left behind; InUse: one serves there; Failed: something
     // else is there.
     Result clear() const;

@@ -70,6 +70,30 @@ def an_end_before_it_serves():
             served.end()
 
 
+def a_start_that_takes_long():
+    """Whoever looks whether it serves already gives the server nothing to complain of."""
+    with Folder() as folder:
+        mirror = of_many_items(folder)
+        process = subprocess.Popen([RLCTL, "serve", mirror], stdout=subprocess.PIPE,
+                                   stderr=subprocess.STDOUT)
+        while not os.path.exists(os.path.join(mirror, "nbd")):
+            check(process.poll() is None, "the server ended")
+            time.sleep(0.002)
+        with open("/proc/%d/task/%d/children" % (process.pid, process.pid), encoding="ascii") as file:
+            child = int(file.read().split()[0])
+        os.kill(child, signal.SIGSTOP)
+        time.sleep(2.5)
+        os.kill(child, signal.SIGCONT)
+        log = b""
+        while b"serving " not in log:
+            line = process.stdout.readline()
+            check(line, "it ended before it served: %r" % log)
+            log += line
+        process.send_signal(signal.SIGTERM)
+        log += process.communicate(timeout=30)[0]
+        check(process.returncode == 0 and b"error" not in log, "%d: %r" % (process.returncode, log))
+
+
 def an_opening_that_cannot_be_stopped():
     """Where a file does not even open, there is no safe point to come to: the process ends all the
     same when its time is over, and says so."""
@@ -207,6 +231,87 @@ def tls_with_keys():
             served.end()
 
 
+class Authority:
+    """Issues certificates: a folder for each bearer, named as nbdkit and libnbd look for them."""
+
+    def __init__(self, folder, name):
+        self.folder = os.path.join(folder, name)
+        os.mkdir(self.folder)
+        self.run("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                 "-subj", "/CN=" + name, "-days", "2", "-keyout", "ca-key.pem", "-out", "ca-cert.pem",
+                 "-addext", "keyUsage=critical,keyCertSign")
+
+    def run(self, *arguments):
+        done = subprocess.run(["openssl", *arguments], cwd=self.folder, stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+        check(done.returncode == 0, "openssl %s: %s" % (arguments, done.stdout.decode()))
+
+    def issue(self, bearer, kind, trusts=None):
+        folder = os.path.join(self.folder, bearer)
+        os.mkdir(folder)
+        with open(os.path.join(self.folder, "extensions"), "w", encoding="ascii") as file:
+            file.write("subjectAltName=DNS:localhost,IP:127.0.0.1\n")
+        self.run("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj",
+                 "/CN=" + bearer, "-keyout", "%s/%s-key.pem" % (bearer, kind), "-out", "request")
+        self.run("x509", "-req", "-in", "request", "-CA", "ca-cert.pem", "-CAkey", "ca-key.pem",
+                 "-CAcreateserial", "-days", "2", "-extfile", "extensions", "-out",
+                 "%s/%s-cert.pem" % (bearer, kind))
+        shutil.copy(os.path.join((trusts or self).folder, "ca-cert.pem"), folder)
+        return folder
+
+
+def free_port():
+    with socket.socket() as free:
+        free.bind(("127.0.0.1", 0))
+        return free.getsockname()[1]
+
+
+def tls_with_certificates():
+    """Over TCP, each side having one that the other checks."""
+    if not nbd.NBD().supports_tls() or shutil.which("openssl") is None:
+        print("     left out: there is no openssl, or libnbd was built without TLS", flush=True)
+        return
+    with Folder() as folder:
+        ours, others = Authority(folder, "ours"), Authority(folder, "others")
+        server = ours.issue("server", "server")
+        known = ours.issue("known", "client")
+        stranger = others.issue("stranger", "client", trusts=ours)
+        doubter = ours.issue("doubter", "client", trusts=others)
+        mirror = made(folder)
+        data = secrets.token_bytes(MIB)
+        port = str(free_port())
+
+        def client_of(certificates):
+            client = nbd.NBD()
+            client.set_tls(nbd.TLS_REQUIRE if certificates else nbd.TLS_DISABLE)
+            if certificates:
+                client.set_tls_certificates(certificates)
+            client.set_export_name("live")
+            client.connect_tcp("localhost", port)
+            # With the newest TLS a server judges the client's certificate after the handshake.
+            client.pread(512, 0)
+            return client
+
+        with Served(mirror, "--tcp", "127.0.0.1:" + port, "--", "--tls=require", "--tls-verify-peer",
+                    "--tls-certificates=" + server) as served:
+            client = client_of(known)
+            check(client.get_tls_negotiated(), "the connection is not encrypted")
+            client.pwrite(data, MIB)
+            client.flush()
+            check(client.pread(MIB, MIB) == data, "what is read back")
+            for who, certificates in (("nobody", None), ("a stranger", stranger),
+                                      ("who trusts others", doubter)):
+                try:
+                    client_of(certificates)
+                except nbd.Error:
+                    continue
+                check(False, who + " gets in")
+            check(client.pread(4096, MIB) == data[:4096], "after the others were refused")
+            client.shutdown()
+            served.end()
+        check(rlctl("read", mirror, "--at", "latest", "--offset", MIB, "--length", MIB) == data,
+              "what was written with TLS")
+
 
 def a_server_that_takes_no_commands():
     """Its socket is there and it does not accept: the mirror is not opened beside it."""
@@ -269,5 +374,5 @@ if __name__ == "__main__":
     if nbd is None or shutil.which("nbdkit") is None:
         print("skipped: nbdkit or python3-libnbd is not installed")
         sys.exit(77)
-    run(an_end_before_it_serves, an_opening_that_cannot_be_stopped, a_flood_of_connections, tls_with_keys,
-        a_server_that_takes_no_commands, an_answer_that_is_not_yes)
+    run(an_end_before_it_serves, a_start_that_takes_long, an_opening_that_cannot_be_stopped, a_flood_of_connections, tls_with_keys,
+        tls_with_certificates, a_server_that_takes_no_commands, an_answer_that_is_not_yes)
