@@ -11,6 +11,7 @@
 #include "host/journal/JournalVerifier.h"
 #include "host/volume/AsyncFileIo.h"
 #include "tests/support/JournalReadback.h"
+#include "tests/support/OwnPath.h"
 
 namespace {
 
@@ -41,9 +42,7 @@ private:
 class JournalDescriptorsTest : public testing::Test
 {
 protected:
-    JournalDescriptorsTest()
-        : m_root(std::filesystem::temp_directory_path() /
-                 ("rl-descriptors-" + std::to_string(::getpid())))
+    JournalDescriptorsTest() : m_root(ownPath("descriptors"))
     {
         std::filesystem::create_directory(m_root);
         m_storage = std::make_unique<FileStorage>(m_root.string());
