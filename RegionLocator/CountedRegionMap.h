@@ -224,6 +224,14 @@ public:
     bool isDirectoryDue() const { return size() - m_directoryLeast > m_directorySpan; }
     // Takes over the memory of that many slots, and gives the memory before in its place.
     void installDirectory(RegionDirectoryMemory& memory);
+    // It stays as it is: not due until the map's size asks for another number of slots.
+    void keepDirectory() { setDirectoryBounds(); }
+    // There is no memory for it: not due until the map's size has changed by an eighth.
+    void postponeDirectory()
+    {
+        m_directoryLeast = size() - size() / 8;
+        m_directorySpan = size() / 4;
+    }
     u64 directorySlots() const { return m_directory.slots(); }
     u64 directoryBytes() const { return m_directory.bytes(); }
 

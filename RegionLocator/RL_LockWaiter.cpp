@@ -1,5 +1,7 @@
 #include "RegionLocator/RL_LockWaiter.h"
 
+#include <new>
+
 #include "RegionLocator/RegionLocator.h"
 #include "common/headers/AsyncTaskControl.h"
 #include "common/infra/DynamicTweaks.h"
@@ -20,10 +22,14 @@ void RL_LockWaiter::prepareVoucher()
 
 void RL_LockWaiter::cleanup()
 {
+    end(RC_SUCCESS);
+}
+
+void RL_LockWaiter::end(RcStatus rc)
+{
     m_regionLocator->getMemPool()->setActiveVoucher(nullptr);
     AsyncTaskControlPriority::getControl(AsyncTaskPriority::Normal)
-        ->enqueueToReadyQueue(m_pAsyncTask, AsyncTaskQueue::ASYNC_TASK_Q_ID__RDY_CONTROL,
-                              RC_SUCCESS);
+        ->enqueueToReadyQueue(m_pAsyncTask, AsyncTaskQueue::ASYNC_TASK_Q_ID__RDY_CONTROL, rc);
 }
 
 RL_LockWaiter_lookup::RL_LockWaiter_lookup(RegionLocator* a_regionLocator, u64 a_viewOffsetBlocks,
@@ -38,7 +44,12 @@ void RL_LockWaiter_lookup::resume()
 {
     m_regionLocator->m_mutex.assertHeld();
     prepareVoucher();
-    *m_subRegionsResult = m_regionLocator->resumeLookup(m_viewOffsetBlocks, m_lengthBlocks);
+    try {
+        *m_subRegionsResult = m_regionLocator->resumeLookup(m_viewOffsetBlocks, m_lengthBlocks);
+    } catch (const std::bad_alloc&) {
+        end(RC_NO_MEMORY); // the list comes before the locks, so nothing is locked
+        return;
+    }
     cleanup();
 }
 
@@ -56,7 +67,12 @@ void RL_LockWaiter_getFirst::resume()
     m_regionLocator->m_mutex.assertHeld();
     prepareVoucher();
     bool bHasMore = false;
-    *m_subRegionsResult = m_regionLocator->resumeGetFirst(m_maxBlocks, m_maxRegions, bHasMore);
+    try {
+        *m_subRegionsResult = m_regionLocator->resumeGetFirst(m_maxBlocks, m_maxRegions, bHasMore);
+    } catch (const std::bad_alloc&) {
+        end(RC_NO_MEMORY);
+        return;
+    }
     m_pAsyncTask->setResult(bHasMore ? 1 : 0);
     cleanup();
 }

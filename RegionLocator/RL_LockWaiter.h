@@ -26,7 +26,8 @@ public:
     RL_LockWaiter(const RL_LockWaiter&) = delete;
     RL_LockWaiter& operator=(const RL_LockWaiter&) = delete;
 
-    // Runs the second half of the request and wakes its task. REQUIRES: the locator's mutex is held
+    // Runs the second half of the request and wakes its task, with RC_NO_MEMORY and nothing locked
+    // where the heap has no room for the answer. REQUIRES: the locator's mutex is held
     // and nothing is locked. Nothing that it calls may take that mutex.
     virtual void resume() = 0;
 
@@ -37,6 +38,8 @@ protected:
     // Takes the voucher off and enqueues the task, always at Normal priority: it holds up whoever
     // comes next to these regions, whatever its own priority is.
     void cleanup();
+    // The same with the outcome that the task is told.
+    void end(RcStatus rc);
 
     RegionLocator* m_regionLocator;
     AsyncTask* m_pAsyncTask;

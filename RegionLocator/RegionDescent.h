@@ -23,9 +23,7 @@ public:
     // ones to be in the cache still when the last ones are done.
     static constexpr u32 MAX_LOCKSTEP = 32;
 
-    explicit RegionDescent(const RegionMap& map)
-        : m_header(map.end()._M_node), m_root(m_header->_M_parent)
-    {}
+    explicit RegionDescent(const RegionMap& map) : m_root(map.end()._M_node->_M_parent) {}
 
     // The last region that starts at or before the block; null when none does.
     RegionNode* lastAtOrBefore(u64 offsetBlocks) const
@@ -83,6 +81,5 @@ private:
                                              ((reinterpret_cast<uintptr_t>(a) ^ other) & mask));
     }
 
-    RegionNode* m_header;
     RegionNode* m_root;
 };

@@ -26,6 +26,7 @@ bool RegionDirectoryMemory::obtain(RegionLocatorMemPool& pool, u64 slots)
     const u64 pieceBytes = std::min(std::bit_floor(chunkBytes), bytes);
     const u64 pieces = pieceBytes < sizeof(RegionNode*) ? 0 : bytes / pieceBytes;
     const u64 fillBytes = pieces == 1 ? bytes : pieces * chunkBytes;
+    m_pieces.reserve(pieces);
     if (pieces == 0 || !pool.obtainAcceleratorMemory(&m_buf, fillBytes))
         return false;
     m_pieceShift = static_cast<u32>(std::countr_zero(pieceBytes / sizeof(RegionNode*)));

@@ -5,9 +5,9 @@
 // first step of a search is so one look into the table and one at the node, instead of twenty steps
 // down the tree:
 //
-//   slot     | offset >> shift picks it; what lies further apart than the table is long shares
-//   slots empty    | nothing is known: the slots before it are tried, then the tree a node   | one
-//   of this map; where it starts tells whether it is near
+// A slot is picked by offset >> shift; places further apart than the table is long share slots. An
+// empty one knows nothing: the slots before it are tried, then the tree. Where a noted node starts
+// tells whether it is near.
 //
 // It is an accelerator and never the truth: it may be empty, forget anything, and be thrown away at
 // any time. What it does hold is a node of the map, always: whoever takes a node out of the map, or
@@ -40,6 +40,7 @@ public:
     bool obtain(RegionLocatorMemPool& pool, u64 slots);
 
     u64 slots() const { return m_slots; }
+    // The rest of a piece of the pool of which a small table takes a part does not count.
     u64 bytes() const { return m_buf.getSize(); }
     void swap(RegionDirectoryMemory& other);
 

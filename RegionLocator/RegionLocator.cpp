@@ -548,8 +548,12 @@ void RegionLocator::upkeep()
     {
         MutexGuard lock(m_mutex);
         slots = m_unlockedRegions->wantedDirectorySlots();
-        if (slots == m_unlockedRegions->directorySlots())
+        if (slots == m_unlockedRegions->directorySlots()) {
+            m_unlockedRegions->keepDirectory();
             return;
+        }
+        // Until it has come: asking is dear, and in vain again and again where memory is short.
+        m_unlockedRegions->postponeDirectory();
     }
     // Got before and given back after the mutex is held, so that nobody waits for that.
     RegionDirectoryMemory memory;
@@ -558,6 +562,17 @@ void RegionLocator::upkeep()
     MutexGuard lock(m_mutex);
     if (slots == m_unlockedRegions->wantedDirectorySlots())
         m_unlockedRegions->installDirectory(memory);
+}
+
+bool RegionLocator::giveWay()
+{
+    RegionDirectoryMemory memory; // given back when the mutex is free again
+    MutexGuard lock(m_mutex);
+    if (m_unlockedRegions->directorySlots() == 0)
+        return false;
+    m_unlockedRegions->installDirectory(memory);
+    m_unlockedRegions->postponeDirectory();
+    return true;
 }
 
 void RegionLocator::clearMap(CountedRegionMap* map)
@@ -1247,11 +1262,10 @@ RcStatus RegionLocator::lookup(AsyncTask* pAsyncTask, u64 a_viewOffsetBlocks, u3
     SOFT_CHECK(!m_immutable);
     RL_TRACE(<< " a_viewOffsetBlocks=" << a_viewOffsetBlocks << " "
              << " a_lengthBlocks=" << a_lengthBlocks << " ");
-    m_memPool.setActiveVoucher(voucher);
+    const OperationVoucher active(m_memPool, voucher);
 
     if (a_lock) {
         if (isAnyLocked(a_viewOffsetBlocks, a_lengthBlocks)) {
-            m_memPool.setActiveVoucher(nullptr);
             HARD_CHECK(m_lockWaiter == NULL);
             m_lockWaiter = SHIELD_NEW(RL_LockWaiter_lookup, this, a_viewOffsetBlocks,
                                       a_lengthBlocks, pAsyncTask, a_subRegionsResult, voucher);
@@ -1264,7 +1278,6 @@ RcStatus RegionLocator::lookup(AsyncTask* pAsyncTask, u64 a_viewOffsetBlocks, u3
             m_unlockedRegions->warmAround(first);
         if (!lockInPlace(*a_subRegionsResult, first))
             lockRegions(*a_subRegionsResult, first);
-        m_memPool.setActiveVoucher(nullptr);
         return RC_SUCCESS;
     }
 
@@ -1282,7 +1295,6 @@ RcStatus RegionLocator::lookup(AsyncTask* pAsyncTask, u64 a_viewOffsetBlocks, u3
         std::merge(locked.begin(), locked.end(), unlocked.begin(), unlocked.end(),
                    a_subRegionsResult->begin());
     }
-    m_memPool.setActiveVoucher(nullptr);
     return RC_SUCCESS;
 }
 
@@ -1487,7 +1499,7 @@ RegionLocator::getFirstAndLockInternal(AsyncTask* pAsyncTask, u32 a_maxBlocks, u
     if (m_unlockedRegions->empty() && m_lockedRegions->empty())
         return RC_SUCCESS;
 
-    m_memPool.setActiveVoucher(a_voucher);
+    const OperationVoucher active(m_memPool, a_voucher);
     u32 numBlocks = 0;
     RegionMap::const_iterator iter = m_unlockedRegions->cbegin();
     RegionMap::const_iterator lockedNext = m_lockedRegions->cend();
@@ -1503,7 +1515,6 @@ RegionLocator::getFirstAndLockInternal(AsyncTask* pAsyncTask, u32 a_maxBlocks, u
             SOFT_CHECK(numBlocks > 0, << " a_maxBlocks=" << a_maxBlocks << " "
                                       << " curRegion=" << curRegion << " ");
             HARD_CHECK(a_subRegionsResult->size() > 0);
-            m_memPool.setActiveVoucher(nullptr);
             return RC_SUCCESS;
         }
         a_subRegionsResult->push_back(curRegion);
@@ -1516,7 +1527,6 @@ RegionLocator::getFirstAndLockInternal(AsyncTask* pAsyncTask, u32 a_maxBlocks, u
         numBlocks += curRegion.m_lengthBlocks;
     }
 
-    m_memPool.setActiveVoucher(nullptr);
     if (numBlocks == 0) {
         // Everything there is, somebody holds.
         HARD_CHECK(m_lockWaiter == NULL);
@@ -1537,7 +1547,6 @@ std::vector<SubRegionDescriptor> RegionLocator::resumeGetFirst(u32 a_maxBlocks, 
         a_resHasMore = false;
         return res;
     }
-    std::vector<SubRegionDescriptor> regionsToLock;
     u32 numBlocks = 0;
     for (const SubRegionDescriptor& curRegion : *m_unlockedRegions) {
         if (numBlocks + curRegion.m_lengthBlocks > a_maxBlocks || res.size() + 1 > a_maxRegions) {
@@ -1546,10 +1555,9 @@ std::vector<SubRegionDescriptor> RegionLocator::resumeGetFirst(u32 a_maxBlocks, 
             break;
         }
         res.push_back(curRegion);
-        regionsToLock.push_back(curRegion);
         numBlocks += curRegion.m_lengthBlocks;
     }
-    for (const SubRegionDescriptor& region : regionsToLock) {
+    for (const SubRegionDescriptor& region : res) {
         RL_TRACE(<< "erase from unlocked " << region);
         const size_t nErased = m_unlockedRegions->erase(region);
         SOFT_CHECK(nErased == 1, << "bad region locator set"

@@ -398,6 +398,7 @@ private:
 
     // Sees to the memory of the directory.
     void upkeep() override RL_EXCLUDES(m_mutex);
+    bool giveWay() override RL_EXCLUDES(m_mutex);
     void noteSize() RL_REQUIRES(m_mutex)
     {
         m_isHoldingBack.store(t_holdBackScans && m_unlockedRegions->isWorthBatches(),

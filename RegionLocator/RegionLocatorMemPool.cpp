@@ -1,6 +1,7 @@
 #include "RegionLocator/RegionLocatorMemPool.h"
 
 #include <limits>
+#include <new>
 #include <string>
 
 #include "common/infra/MemShield.h"
@@ -135,9 +136,15 @@ u32 RegionLocatorMemPool::getAcceleratorChunkSize() const
 
 void RegionLocatorMemPool::keepUp()
 {
-    if (m_upkeepDue.load(std::memory_order_relaxed) && m_upkeepListener != nullptr &&
-        m_upkeepDue.exchange(false, std::memory_order_relaxed))
+    if (!m_upkeepDue.load(std::memory_order_relaxed) || m_upkeepListener == nullptr ||
+        !m_upkeepDue.exchange(false, std::memory_order_relaxed))
+        return;
+    try {
         m_upkeepListener->upkeep();
+    } catch (const std::bad_alloc&) {
+        // Nobody who reserves tokens or gives them back is to fail for what can be done without;
+        // it falls due again as the map changes.
+    }
 }
 
 // ---- vouchers ----
@@ -169,18 +176,33 @@ FutureStatus RegionLocatorMemPool::fillVoucher(RegionLocatorVoucher* voucher, in
     if (count == 0)
         return makeSetFuture(RC_SUCCESS);
     keepUp();
+    // First, as what takes the tokens in later has nobody to tell that the heap gives nothing.
+    voucher->makeRoomFor(static_cast<u32>(count));
     auto* observer = SHIELD_NEW(FillVoucherObserver, voucher);
     const u32 sizeBytes = static_cast<u32>(count) * getChunkSize();
     FutureStatus filled;
-    if (timeout != 0)
-        filled =
-            fillBufFutureWithTimeout(m_id, &observer->m_buf, sizeBytes, m_dummyMmi, timeout, token);
-    else
-        filled.set(fillBufNoWait(&observer->m_buf, sizeBytes, m_dummyMmi));
+    try {
+        if (timeout != 0)
+            filled = fillBufFutureWithTimeout(m_id, &observer->m_buf, sizeBytes, m_dummyMmi,
+                                              timeout, token);
+        else
+            filled.set(fillNow(&observer->m_buf, sizeBytes));
+    } catch (const std::bad_alloc&) {
+        SHIELD_DELETE(observer);
+        throw;
+    }
     // Copied before the observer is attached: it may run at once, and deletes itself.
     FutureStatus result = observer->m_fs;
     filled.attach(observer);
     return result;
+}
+
+RcStatus RegionLocatorMemPool::fillNow(ScatteredBuf* buf, u32 sizeBytes)
+{
+    const RcStatus rc = fillBufNoWait(buf, sizeBytes, m_dummyMmi);
+    if (rc == RC_SUCCESS || m_upkeepListener == nullptr || !m_upkeepListener->giveWay())
+        return rc;
+    return fillBufNoWait(buf, sizeBytes, m_dummyMmi);
 }
 
 void RegionLocatorMemPool::cancelVoucherFill(void* token)

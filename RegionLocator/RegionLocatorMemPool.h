@@ -123,8 +123,11 @@ public:
     {
     public:
         virtual ~UpkeepListener() = default;
-        // Called without the locator's mutex.
+        // Both without the locator's mutex. What upkeep() cannot do for want of memory, it leaves.
         virtual void upkeep() = 0;
+        // There is no memory for tokens: gives back what can be done without. False: there was
+        // nothing.
+        virtual bool giveWay() = 0;
     };
     // Before the first fill. Not owned; null for none.
     void setUpkeepListener(UpkeepListener* listener) { m_upkeepListener = listener; }
@@ -140,6 +143,7 @@ private:
     void reportNoVoucher(const char* signature);
 
     void keepUp();
+    RcStatus fillNow(ScatteredBuf* buf, u32 sizeBytes);
 
     u64 m_id;
     ModuleMemoryInformation* m_mmi;      // the kind's group in the process-wide pool, shared
@@ -148,6 +152,23 @@ private:
     UpkeepListener* m_upkeepListener = nullptr;
     std::atomic<bool> m_upkeepDue{false};
     std::atomic<s32> m_activeVouchersCountForDebug;
+};
+
+// Names the voucher of an operation for as long as it lives, also where the operation ends for want
+// of heap.
+class OperationVoucher
+{
+public:
+    OperationVoucher(RegionLocatorMemPool& pool, RegionLocatorVoucher* voucher) : m_pool(pool)
+    {
+        m_pool.setActiveVoucher(voucher);
+    }
+    ~OperationVoucher() { m_pool.setActiveVoucher(nullptr); }
+    OperationVoucher(const OperationVoucher&) = delete;
+    OperationVoucher& operator=(const OperationVoucher&) = delete;
+
+private:
+    RegionLocatorMemPool& m_pool;
 };
 
 // Gives a set of regions its nodes from a locator's pool. For every type other than the set's node

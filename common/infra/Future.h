@@ -4,6 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "common/infra/Assert.h"
@@ -97,7 +98,11 @@ private:
         void attach(FutureObserver<T>* observer)
         {
             std::unique_lock<std::mutex> lock(m_mutex);
-            m_observers.push_back(observer);
+            // Most futures have one, and attaching that cannot fail for want of heap.
+            if (m_first == nullptr && m_observers.empty())
+                m_first = observer;
+            else
+                m_observers.push_back(observer);
             // While another call drains, it takes this observer too, in its turn.
             if (m_isSet && !m_draining)
                 drain(lock);
@@ -128,15 +133,20 @@ private:
         void drain(std::unique_lock<std::mutex>& lock)
         {
             m_draining = true;
-            for (size_t next = 0; next < m_observers.size(); ++next) {
-                FutureObserver<T>* observer = m_observers[next];
-                const T value = m_value;
-                lock.unlock();
-                observer->update(value);
-                lock.lock();
-            }
+            // Those that are called may attach others.
+            for (size_t next = 0; m_first != nullptr || next < m_observers.size();)
+                call(m_first != nullptr ? std::exchange(m_first, nullptr) : m_observers[next++],
+                     lock);
             m_observers.clear();
             m_draining = false;
+        }
+
+        void call(FutureObserver<T>* observer, std::unique_lock<std::mutex>& lock)
+        {
+            const T value = m_value;
+            lock.unlock();
+            observer->update(value);
+            lock.lock();
         }
 
         std::mutex m_mutex;
@@ -145,7 +155,8 @@ private:
         bool m_isSet = false;
         bool m_draining = false;
         T m_value{};
-        std::vector<FutureObserver<T>*> m_observers;
+        FutureObserver<T>* m_first = nullptr;
+        std::vector<FutureObserver<T>*> m_observers; // those behind the first
     };
 
     State* m_state;

@@ -16,8 +16,33 @@
 
 #include <bit>
 #include <cstddef>
+#include <cstring>
 
 #include "common/infra/Types.h"
+
+// Blocks on their way out of a pool, linked through their first bytes, so that noting one takes
+// nothing from the heap.
+class PoolBlockList
+{
+public:
+    void push(u8* block)
+    {
+        std::memcpy(block, &m_first, sizeof(m_first));
+        m_first = block;
+    }
+    // The last one noted; null when there is none.
+    u8* pop()
+    {
+        u8* const block = m_first;
+        if (block != nullptr)
+            std::memcpy(&m_first, block, sizeof(m_first));
+        return block;
+    }
+    bool empty() const { return m_first == nullptr; }
+
+private:
+    u8* m_first = nullptr;
+};
 
 class PoolBlocks
 {

@@ -1,6 +1,7 @@
 #include "host/infra/PoolCore.h"
 
 #include <algorithm>
+#include <new>
 
 #include "common/infra/Assert.h"
 #include "host/infra/PoolBlockRequest.h"
@@ -41,12 +42,11 @@ void PoolCore::destroy()
         }
         actions.m_blockBytes = m_blocks.blockBytes();
         while (u8* block = m_blocks.removeFreeBlock())
-            actions.m_free.push_back(block);
+            actions.m_free.push(block);
         m_blocks.forgetUsedBlocks();
         m_usedBytesNet = 0;
     }
-    for (u8* block : actions.m_free)
-        m_hooks.freeBlock(block, actions.m_blockBytes);
+    freeBlocks(actions);
 }
 
 u32 PoolCore::chunksOf(u32 sizeBytes) const
@@ -144,7 +144,7 @@ FutureStatus PoolCore::fill(const PoolFill& request)
             rc = RC_NO_MEMORY;
         } else {
             number = m_nextWaiter++;
-            m_waiters.emplace(number, Waiter{request, chunks, future});
+            m_waiters.emplace(number, PoolWaiter{request, chunks, future});
             m_waiterCount.fetch_add(1, std::memory_order_relaxed);
             request.m_mmi->addPending(1);
             pump(actions);
@@ -175,17 +175,29 @@ void PoolCore::waitOrTimeOut(u64 number, PoolActions& actions)
             waiter->second.m_request.m_mmi->addWait();
         if (deadlineMs == Clock::NEVER)
             return;
-        if (waits) {
-            waiter->second.m_clock = Clock::instance();
-            waiter->second.m_timer = waiter->second.m_clock->schedule(
-                deadlineMs, [self = shared_from_this(), number] { self->deadlineCame(number); });
+        if (waits && setTimer(waiter, deadlineMs))
             return;
-        }
-        end(waiter, RC_TIMED_OUT, actions);
+        end(waiter, waits ? RC_NO_MEMORY : RC_TIMED_OUT, actions);
         pump(actions);
         beginHooks(actions);
     }
     runHooks(actions);
+}
+
+// False where the heap has no place for a timer.
+bool PoolCore::setTimer(PoolWaiters::iterator waiter, u64 deadlineMs)
+{
+    try {
+        Clock* const clock = Clock::instance();
+        waiter->second.m_timer =
+            clock->schedule(deadlineMs, [self = shared_from_this(), number = waiter->first] {
+                self->deadlineCame(number);
+            });
+        waiter->second.m_clock = clock;
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 void PoolCore::deadlineCame(u64 number)
@@ -333,12 +345,11 @@ void PoolCore::cancel(void* token)
 }
 
 // Takes a fill out of the queue; its future is set when the lock is free.
-void PoolCore::end(Waiters::iterator waiter, RcStatus rc, PoolActions& actions)
+void PoolCore::end(PoolWaiters::iterator waiter, RcStatus rc, PoolActions& actions)
 {
-    const Waiter& ending = waiter->second;
-    ending.m_request.m_mmi->addPending(~u32{0});
-    actions.m_done.push_back({ending.m_future, rc, ending.m_clock, ending.m_timer});
-    m_waiters.erase(waiter);
+    waiter->second.m_request.m_mmi->addPending(~u32{0});
+    waiter->second.m_rc = rc;
+    actions.m_done.insert(m_waiters.extract(waiter));
     m_waiterCount.fetch_sub(1, std::memory_order_relaxed);
 }
 
@@ -378,7 +389,7 @@ void PoolCore::releaseExcess(PoolActions& actions)
     if (m_blocks.usedChunks() > 0 && !isWanted)
         keepBlocks = std::max<u64>(keepBlocks, 1);
     while (m_blocks.freeBlocks() > keepBlocks)
-        actions.m_free.push_back(m_blocks.removeFreeBlock());
+        actions.m_free.push(m_blocks.removeFreeBlock());
 }
 
 void PoolCore::setParent(PoolCore* parent)

@@ -20,7 +20,6 @@
 #include <condition_variable>
 #include <map>
 #include <memory>
-#include <vector>
 
 #include "common/infra/Future.h"
 #include "common/infra/MemoryPoolImpl.h"
@@ -51,21 +50,26 @@ struct PoolFill
     void* m_token;
 };
 
-// What an operation still has to do without the lock.
+// A fill that waits, or has waited and has its outcome.
+struct PoolWaiter
+{
+    PoolFill m_request;
+    u32 m_chunks;
+    FutureStatus m_future;
+    RcStatus m_rc = RC_WAIT;
+    Clock* m_clock = nullptr;
+    Clock::TimerId m_timer = Clock::NO_TIMER;
+};
+using PoolWaiters = std::map<u64, PoolWaiter>; // by number, which is the order of asking
+
+// What an operation still has to do without the lock. Noting it takes nothing from the heap, so
+// that memory can be given back when the heap gives none.
 struct PoolActions
 {
-    struct Done
-    {
-        FutureStatus m_future;
-        RcStatus m_rc;
-        Clock* m_clock;
-        Clock::TimerId m_timer;
-    };
-
     bool hasHooks() const { return m_allocate || m_cancel || !m_free.empty(); }
 
-    std::vector<Done> m_done;
-    std::vector<u8*> m_free;
+    PoolWaiters m_done; // taken out of the queue with their nodes
+    PoolBlockList m_free;
     u32 m_blockBytes = 0;
     bool m_cancel = false;
     bool m_allocate = false; // the request is counted already
@@ -102,34 +106,28 @@ public:
 private:
     class BlockRequest;
 
-    struct Waiter
-    {
-        PoolFill m_request;
-        u32 m_chunks;
-        FutureStatus m_future;
-        Clock* m_clock = nullptr;
-        Clock::TimerId m_timer = Clock::NO_TIMER;
-    };
-    using Waiters = std::map<u64, Waiter>; // by number, which is the order of asking
-
     u32 chunksOf(u32 sizeBytes) const;
     void configure(u32 blockBytes) RL_REQUIRES(m_mutex);
     bool isBeyondReach(u32 chunks) RL_EXCLUDES(m_mutex);
     u64 mostChunksLocked() RL_REQUIRES(m_mutex);
     bool hasRoomForBlock() const RL_REQUIRES(m_mutex);
     void take(const PoolFill& request, u32 chunks) RL_REQUIRES(m_mutex);
-    void end(Waiters::iterator waiter, RcStatus rc, PoolActions& actions) RL_REQUIRES(m_mutex);
+    void end(PoolWaiters::iterator waiter, RcStatus rc, PoolActions& actions) RL_REQUIRES(m_mutex);
     void pump(PoolActions& actions) RL_REQUIRES(m_mutex);
     void releaseExcess(PoolActions& actions) RL_REQUIRES(m_mutex);
     void blockArrived(const BlockRequest& request, PoolActions& actions) RL_REQUIRES(m_mutex);
+    void requestEnded() RL_REQUIRES(m_mutex);
+    void failFirst(RcStatus rc, PoolActions& actions) RL_REQUIRES(m_mutex);
     void beginHooks(const PoolActions& actions) RL_REQUIRES(m_mutex);
     void endHooks() RL_REQUIRES(m_mutex);
 
+    void freeBlocks(PoolActions& actions);
     std::unique_ptr<BlockRequest> issue(std::unique_ptr<BlockRequest> request, u32 blockBytes);
     void runHooks(PoolActions& actions);
     static void settle(PoolActions& actions);
     void requestCompleted(BlockRequest* request);
     void waitOrTimeOut(u64 number, PoolActions& actions);
+    bool setTimer(PoolWaiters::iterator waiter, u64 deadlineMs) RL_REQUIRES(m_mutex);
     void deadlineCame(u64 number);
 
     PoolHooks& m_hooks;
@@ -142,7 +140,7 @@ private:
     u64 m_usedBytesNet RL_GUARDED_BY(m_mutex) = 0;
     PoolCore* m_parent RL_GUARDED_BY(m_mutex) = nullptr;
 
-    Waiters m_waiters RL_GUARDED_BY(m_mutex);
+    PoolWaiters m_waiters RL_GUARDED_BY(m_mutex);
     u64 m_nextWaiter RL_GUARDED_BY(m_mutex) = 1;
     std::atomic<u32> m_waiterCount{0}; // for readers without the lock
 

@@ -273,8 +273,35 @@ TEST(LocatorDirectoryTest, IsDoneWithoutWhereThePoolHasNoMemoryForIt)
     for (u64 i = 0; i < 500; ++i)
         insertRegion(locator, plainRegion(8 * i, 8, 8 * i));
     EXPECT_EQ(locator.getAcceleratorBytes(), 0U);
+    // Asking in vain is not repeated with every operation.
+    EXPECT_FALSE(RegionLocatorTestAccess::unlockedMap(locator)->isDirectoryDue());
     EXPECT_EQ(lookupRange(locator, 800, 16),
               (Regions{plainRegion(800, 8, 800), plainRegion(808, 8, 808)}));
+}
+
+TEST(LocatorDirectoryTest, IsAskedForAgainWhenTheSizeHasChangedByAnEighth)
+{
+    const LogCapture log;
+    const Accelerators on(Accelerators::DIRECTORY, 100);
+    RegionLocator locator(1, RL_MMI_View);
+    CountedRegionMap& map = *RegionLocatorTestAccess::unlockedMap(locator);
+    const VoucherGuard voucher(locator.getMemPool(), 400);
+    for (u64 i = 0; i < 160; ++i)
+        ASSERT_TRUE(locator.insert(plainRegion(8 * i, 8, 8 * i), voucher));
+    ASSERT_TRUE(map.isDirectoryDue());
+    map.postponeDirectory();
+    for (u64 i = 160; i < 180; ++i) {
+        ASSERT_FALSE(map.isDirectoryDue()) << i;
+        ASSERT_TRUE(locator.insert(plainRegion(8 * i, 8, 8 * i), voucher));
+    }
+    ASSERT_TRUE(locator.insert(plainRegion(8 * 180, 8, 8 * 180), voucher));
+    EXPECT_TRUE(map.isDirectoryDue());
+    map.postponeDirectory();
+    for (u64 i = 0; i < 23; ++i)
+        locator.remove(8 * i, 8, voucher);
+    EXPECT_TRUE(map.isDirectoryDue());
+    map.keepDirectory();
+    EXPECT_TRUE(map.isDirectoryDue()); // 158 regions should have one
 }
 
 TEST(LocatorDirectoryTest, IsNotThereWhenItIsSwitchedOff)

@@ -111,10 +111,7 @@ TEST_F(DiffTest, AgreesWithTheContentOfBothPoints)
 TEST_F(DiffTest, ScansNoMoreItemsThanLieBetween)
 {
     makeMirror();
-    const std::vector<u8> data(BLOCK_BYTES, 1);
-    for (u64 i = 0; i < 500; ++i)
-        ASSERT_TRUE(m_mirror->write(2 * i, data.data(), 1).ok());
-    ASSERT_TRUE(m_mirror->flush().ok());
+    writeRandomly(3, 500);
     RegionLocator locator(1, RL_MMI_View);
     FlowControl control;
     ScanResult scanned;

@@ -1,7 +1,6 @@
 // Apply, trim and checkpoints while clients write and read, block by block; what runs by itself
 // beside them; and who goes first.
 
-#include <algorithm>
 #include <future>
 #include <gtest/gtest.h>
 
@@ -19,17 +18,6 @@ class ServedJobsTest : public ServedFixture
 protected:
     static constexpr u32 CLIENTS = 4;
     static constexpr u64 PART = BLOCKS / CLIENTS;
-
-    // So many that all their images would take gigabytes: of these the last one alone is kept.
-    void writeManyRandomly(u32 seed, u32 count)
-    {
-        while (count > 0) {
-            const u32 step = std::min<u32>(count, 50);
-            writeRandomly(seed++, step);
-            m_images.erase(m_images.begin(), m_images.end() - 1);
-            count -= step;
-        }
-    }
 
     void startClients(u32 seed)
     {
@@ -177,7 +165,7 @@ TEST_F(ServedJobsTest, ATrimThatWasStoppedIsFinishedByTheNextOne)
         Mirror& m_mirror;
     };
     makeMirror();
-    writeManyRandomly(31, 1500);
+    writeRandomly(31, 1500);
     ASSERT_TRUE(m_mirror->close().ok());
     serve();
     MirrorJobs jobs(m_served->mirror(), m_host.getEngine());
@@ -279,7 +267,7 @@ TEST_F(ServedJobsTest, BackgroundStopsBeforeAHold)
 TEST_F(ServedJobsTest, BackgroundAppliesInPartsAndKeepsToItsRate)
 {
     makeMirror();
-    writeManyRandomly(3, 400);
+    writeRandomly(3, 400);
     CpId_t id = 0;
     ASSERT_TRUE(m_mirror->checkpoint("", &id).ok());
     ASSERT_TRUE(m_mirror->changeSettings(1, std::nullopt, std::nullopt).ok());
@@ -303,7 +291,7 @@ TEST_F(ServedJobsTest, BackgroundAppliesInPartsAndKeepsToItsRate)
 TEST_F(ServedJobsTest, ACommandPreemptsBackgroundWorkAndAnotherCommandIsRefused)
 {
     makeMirror();
-    writeManyRandomly(9, 600);
+    writeRandomly(9, 600);
     MirrorJobs jobs(*m_mirror, m_host.getEngine());
     // Runs until it is told to stop.
     class Endless : public FlowControl

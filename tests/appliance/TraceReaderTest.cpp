@@ -4,9 +4,8 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <zstd.h>
-
-#include "tests/support/OwnPath.h"
 
 namespace {
 
@@ -15,7 +14,10 @@ const std::string HEADER = "time_us,op,offset_blocks,length_blocks\n";
 class TraceReaderTest : public testing::Test
 {
 protected:
-    TraceReaderTest() : m_path(ownPath("trace")) {}
+    TraceReaderTest()
+        : m_path((std::filesystem::temp_directory_path() / ("rl-trace-" + std::to_string(getpid())))
+                     .string())
+    {}
     ~TraceReaderTest() override { std::filesystem::remove(m_path); }
 
     void store(const std::string& text) { std::ofstream(m_path, std::ios::binary) << text; }

@@ -3,7 +3,6 @@ and numbers as without one; the jobs that run in it; and its metrics."""
 
 import json
 import os
-import random
 import re
 import signal
 import socket
@@ -270,7 +269,7 @@ def test_garbage_on_the_socket_harms_nobody():
             client = socket.socket(socket.AF_UNIX)
             client.connect(path)
             if i % 3 == 0:
-                client.sendall(random.Random(i).randbytes(4000))
+                client.sendall(os.urandom(4000))
             elif i % 3 == 1:
                 client.sendall(b'{"version": 1, "command": "st')
             stalled.append(client)

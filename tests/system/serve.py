@@ -75,15 +75,6 @@ def made(folder, *options):
     return mirror
 
 
-def kept_port(family, address):
-    """A free port, kept for a server as long as the socket is open: others who want any port get
-    another one."""
-    free = socket.socket(family)
-    free.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    free.bind((address, 0))
-    return free
-
-
 def map_of(client, offset=0, length=SIZE):
     """(offset, length, flags), neighbours of one kind joined."""
     runs = []
@@ -308,12 +299,15 @@ def an_ipv6_address_is_one_in_the_uri_too():
     with Folder() as folder:
         mirror = made(folder)
         try:
-            kept = kept_port(socket.AF_INET6, "::1")
+            # Kept for the server: others who want any port get another one.
+            free = socket.socket(socket.AF_INET6)
+            free.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            free.bind(("::1", 0))
+            port = free.getsockname()[1]
         except OSError:
             print("     no IPv6 here: not tried")
             return
-        port = kept.getsockname()[1]
-        with kept, Served(mirror, "--tcp", "[::1]:%d" % port) as served:
+        with free, Served(mirror, "--tcp", "[::1]:%d" % port) as served:
             uri = served.log.split(b" at ")[-1].strip().decode()
             check(uri == "nbd://[::1]:%d/" % port, uri)
             client = nbd.NBD()

@@ -11,7 +11,6 @@
 #include "host/journal/JournalVerifier.h"
 #include "host/volume/AsyncFileIo.h"
 #include "tests/support/JournalReadback.h"
-#include "tests/support/OwnPath.h"
 
 namespace {
 
@@ -42,7 +41,9 @@ private:
 class JournalDescriptorsTest : public testing::Test
 {
 protected:
-    JournalDescriptorsTest() : m_root(ownPath("descriptors"))
+    JournalDescriptorsTest()
+        : m_root(std::filesystem::temp_directory_path() /
+                 ("rl-descriptors-" + std::to_string(::getpid())))
     {
         std::filesystem::create_directory(m_root);
         m_storage = std::make_unique<FileStorage>(m_root.string());

@@ -3,11 +3,11 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <thread>
+#include <unistd.h>
 
 #include "host/journal/FileStorage.h"
 #include "tests/support/CrashStorage.h"
 #include "tests/support/JournalReadback.h"
-#include "tests/support/OwnPath.h"
 
 namespace {
 
@@ -475,7 +475,8 @@ TEST_F(JournalStoreTest, StreamStatusIsRemembered)
 
 TEST(JournalFilesTest, RealFolderHoldsAJournalAndItsLock)
 {
-    const std::filesystem::path root = ownPath("journal");
+    const std::filesystem::path root =
+        std::filesystem::temp_directory_path() / ("rl-journal-" + std::to_string(::getpid()));
     std::filesystem::create_directory(root);
     {
         FileStorage storage(root.string());

@@ -4,12 +4,12 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <random>
+#include <unistd.h>
 
 #include "common/infra/Semaphore.h"
 #include "host/journal/FileStorage.h"
 #include "tests/support/CrashStorage.h"
 #include "tests/support/JournalReadback.h"
-#include "tests/support/OwnPath.h"
 
 namespace {
 
@@ -24,7 +24,8 @@ class AsyncFileIoTest : public testing::TestWithParam<Way>
 {
 protected:
     AsyncFileIoTest()
-        : m_root(ownPath(std::string("async-") + GetParam().m_name)),
+        : m_root(std::filesystem::temp_directory_path() /
+                 ("rl-async-" + std::to_string(::getpid()) + GetParam().m_name)),
           m_io(GetParam().m_mode, GetParam().m_triesCache)
     {
         std::filesystem::create_directory(m_root);

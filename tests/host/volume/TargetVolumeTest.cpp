@@ -1,18 +1,24 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "host/volume/AsyncFileIo.h"
 #include "host/volume/VolumeDriver.h"
 #include "tests/support/JournalReadback.h"
-#include "tests/support/OwnPath.h"
 
 namespace {
 
 class TargetVolumeTest : public testing::Test
 {
 protected:
-    TargetVolumeTest() : m_path(ownPath("volume")) {}
+    TargetVolumeTest()
+        : m_path(
+              (std::filesystem::temp_directory_path() / ("rl-volume-" + std::to_string(::getpid())))
+                  .string())
+    {
+        std::filesystem::remove(m_path);
+    }
     ~TargetVolumeTest() override { std::filesystem::remove(m_path); }
 
     void make(u64 blocks)

@@ -1,0 +1,239 @@
+// The locator and its vouchers where the heap gives nothing: an operation fails as a whole or goes
+// well, and no token is lost or in two places.
+
+#include <gtest/gtest.h>
+#include <vector>
+
+#include "RegionLocator/RegionLocatorMetaDataContainer.h"
+#include "tests/support/Accelerators.h"
+#include "tests/support/FailingHeap.h"
+#include "tests/support/FakeTaskControl.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/RegionLocatorTestAccess.h"
+#include "tests/support/Tokens.h"
+#include "tests/support/VoucherGuard.h"
+
+namespace {
+
+using Access = RegionLocatorTestAccess;
+
+constexpr u64 FROM_REGIONS = 1024;
+constexpr u32 LENGTH = 8;
+
+class LocatorNoMemoryTest : public testing::TestWithParam<u64>
+{
+protected:
+    void SetUp() override
+    {
+        if (!HEAP_CAN_FAIL)
+            GTEST_SKIP() << "the sanitizer's allocator does not fail";
+    }
+
+    static RegionLocatorVoucher* filled(RegionLocator& locator, u64 tokens)
+    {
+        RegionLocatorVoucher* const voucher = locator.getMemPool()->createVoucher();
+        EXPECT_EQ(
+            locator.getMemPool()->fillVoucher(voucher, static_cast<int>(tokens), 0, voucher).get(),
+            RC_SUCCESS);
+        return voucher;
+    }
+
+    // The voucher that the regions were inserted with, which has as many tokens left.
+    static RegionLocatorVoucher* grow(RegionLocator& locator, u64 regions)
+    {
+        RegionLocatorVoucher* const voucher = filled(locator, 2 * regions);
+        for (u64 i = 0; i < regions; ++i)
+            EXPECT_TRUE(locator.insert(plainRegion(LENGTH * i, LENGTH, LENGTH * i), voucher));
+        return voucher;
+    }
+
+    const LogCapture m_log; // keeps the records to itself
+    const Accelerators m_accelerators{GetParam(), FROM_REGIONS};
+};
+
+// Runs it with a heap of which the first allocation fails, then the second and so on, until none
+// does.
+template <class Try> void withEachAllocationFailing(Try attempt)
+{
+    for (u64 nth = 1; attempt(nth); ++nth)
+        ASSERT_LT(nth, 1000u);
+}
+
+TEST_P(LocatorNoMemoryTest, VouchersAlwaysGoBack)
+{
+    withEachAllocationFailing([](u64 nth) {
+        RegionLocator locator(1, RL_MMI_View);
+        RegionLocatorVoucher* const voucher = grow(locator, FROM_REGIONS + 5);
+        const u64 regions = locator.getItemCount();
+        bool failed;
+        {
+            FailingHeap heap(nth);
+            EXPECT_NO_THROW(locator.getMemPool()->destroyVoucher(voucher));
+            failed = heap.failed();
+        }
+        EXPECT_EQ(Access::liveVouchers(*locator.getMemPool()), 2) << nth; // the feeders'
+        EXPECT_EQ(tokensOut(locator), regions) << nth;
+        EXPECT_EQ(locator.getItemCount(), FROM_REGIONS + 5);
+        return failed;
+    });
+}
+
+TEST_P(LocatorNoMemoryTest, ManyTokensGoBackOnce)
+{
+    withEachAllocationFailing([](u64 nth) {
+        RegionLocator locator(1, RL_MMI_View);
+        RegionLocatorMemPool& pool = *locator.getMemPool();
+        RegionLocatorVoucher* const first = filled(locator, 9000); // several blocks
+        bool failed;
+        {
+            FailingHeap heap(nth);
+            EXPECT_NO_THROW(pool.clearVoucher(first));
+            failed = heap.failed();
+        }
+        EXPECT_EQ(tokensIn(first), 0u) << nth;
+        EXPECT_EQ(tokensOut(locator), 0u) << nth;
+        pool.destroyVoucher(first);
+        return failed;
+    });
+}
+
+TEST_P(LocatorNoMemoryTest, AFillHoldsAllOrNothing)
+{
+    withEachAllocationFailing([](u64 nth) {
+        RegionLocator locator(1, RL_MMI_View);
+        RegionLocatorMemPool& pool = *locator.getMemPool();
+        RegionLocatorVoucher* const voucher = pool.createVoucher();
+        RcStatus rc = RC_NO_MEMORY;
+        bool failed;
+        {
+            FailingHeap heap(nth);
+            try {
+                rc = pool.fillVoucher(voucher, 9000, 0, voucher).get();
+            } catch (const std::bad_alloc&) {
+            }
+            failed = heap.failed();
+        }
+        const u64 held = rc == RC_SUCCESS ? 9000 : 0;
+        EXPECT_EQ(tokensIn(voucher), held) << nth;
+        EXPECT_EQ(tokensOut(locator), held) << nth;
+        pool.destroyVoucher(voucher);
+        return failed;
+    });
+}
+
+class Outcome : public FutureObserver<RcStatus>
+{
+public:
+    void update(const RcStatus& rc) override { m_rc = rc; }
+    RcStatus m_rc = RC_WAIT;
+};
+
+// Somebody waits for tokens, and whoever gives his back meets a heap that gives nothing.
+TEST_P(LocatorNoMemoryTest, AFillThatWaitsIsServedOrRefusedAndLosesNothing)
+{
+    constexpr u32 BLOCK_BYTES_OF_POOL = 16384;
+    MemoryPoolImpl* const global = Singleton<MemoryPoolImpl, MemoryPoolImpl>::instance();
+    global->init(BLOCK_BYTES_OF_POOL, 0, 2 * BLOCK_BYTES_OF_POOL);
+    withEachAllocationFailing([](u64 nth) {
+        RegionLocator locator(1, RL_MMI_View);
+        RegionLocatorMemPool& pool = *locator.getMemPool();
+        RegionLocatorVoucher* const first = filled(locator, 400);
+        RegionLocatorVoucher* const second = pool.createVoucher();
+        Outcome outcome;
+        const FutureStatus waiting = pool.fillVoucher(second, 300, ~u64{0}, second);
+        waiting.attach(&outcome);
+        EXPECT_EQ(outcome.m_rc, RC_WAIT);
+        bool failed;
+        {
+            FailingHeap heap(nth);
+            EXPECT_NO_THROW(pool.clearVoucher(first));
+            failed = heap.failed();
+        }
+        EXPECT_EQ(outcome.m_rc, RC_SUCCESS) << nth;
+        EXPECT_EQ(tokensIn(second), 300u) << nth;
+        EXPECT_EQ(tokensOut(locator), 300u) << nth;
+        pool.destroyVoucher(first);
+        pool.destroyVoucher(second);
+        return failed;
+    });
+    global->init(256 * 1024, 0, ~u64{0});
+}
+
+TEST_P(LocatorNoMemoryTest, ALookupWithoutRoomForItsAnswerLeavesNoVoucherActive)
+{
+    RegionLocator locator(1, RL_MMI_View);
+    locator.getMemPool()->destroyVoucher(grow(locator, 100));
+    const VoucherGuard voucher(locator.getMemPool(), 300);
+    Regions pieces;
+    {
+        FailingHeap heap(1);
+        EXPECT_THROW(locator.lookup(nullptr, 0, 80, &pieces, true, voucher), std::bad_alloc);
+        EXPECT_EQ(locator.getMemPool()->getActiveVoucher(), nullptr);
+    }
+    {
+        FailingHeap heap(1);
+        EXPECT_THROW(locator.getFirstRegionsAndLock(nullptr, 10, &pieces, voucher), std::bad_alloc);
+        EXPECT_EQ(locator.getMemPool()->getActiveVoucher(), nullptr);
+    }
+}
+
+TEST_P(LocatorNoMemoryTest, AWaiterWithoutRoomForItsAnswerIsToldSo)
+{
+    RegionLocator locator(1, RL_MMI_View);
+    locator.getMemPool()->destroyVoucher(grow(locator, 100));
+    Regions held = lockRange(locator, 0, 80);
+    const FakeTaskControl control;
+    AsyncTask task;
+    Regions pieces;
+    const VoucherGuard voucher(locator.getMemPool(), 300);
+    ASSERT_EQ(locator.lookup(&task, 0, 80, &pieces, true, voucher), RC_WAIT);
+    const VoucherGuard unlocking(locator.getMemPool(), 300);
+    // The queue of the tests takes from the heap, too, so only the answer's allocation is let fail.
+    {
+        FailingHeap heap(1);
+        locator.unlockAndRestore(held, unlocking);
+        EXPECT_TRUE(heap.failed());
+    }
+    const std::vector<EnqueuedTask> woken = control.enqueued();
+    ASSERT_EQ(woken.size(), 1u);
+    EXPECT_EQ(woken[0].m_task, &task);
+    EXPECT_EQ(woken[0].m_status, RC_NO_MEMORY);
+    EXPECT_TRUE(pieces.empty());
+    EXPECT_TRUE(Access::locked(locator)->empty());
+    EXPECT_EQ(lockRange(locator, 0, 80).size(), 10u);
+}
+
+// The directory is what there can be less of.
+TEST_P(LocatorNoMemoryTest, AsManyRegionsFitAsWithoutADirectory)
+{
+    constexpr u32 PIECE_BYTES = 16384;
+    MemoryPoolImpl* const global = Singleton<MemoryPoolImpl, MemoryPoolImpl>::instance();
+    global->init(PIECE_BYTES, 0, 32 * PIECE_BYTES);
+    const auto regionsThatFit = [] {
+        RegionLocator locator(1, RL_MMI_View);
+        for (u64 count = 0;; ++count) {
+            RegionLocatorVoucher* const voucher = locator.getMemPool()->createVoucher();
+            const bool isThere =
+                locator.getMemPool()->fillVoucher(voucher, 2, 0, voucher).get() == RC_SUCCESS;
+            if (isThere)
+                locator.insert(plainRegion(LENGTH * count, LENGTH, LENGTH * count), voucher);
+            locator.getMemPool()->destroyVoucher(voucher);
+            if (!isThere)
+                return count;
+        }
+    };
+    const u64 with = regionsThatFit();
+    u64 without;
+    {
+        const Accelerators none(Accelerators::NONE, FROM_REGIONS);
+        without = regionsThatFit();
+    }
+    EXPECT_EQ(with, without);
+    EXPECT_GT(without, 2 * FROM_REGIONS);
+    global->init(256 * 1024, 0, ~u64{0});
+}
+
+INSTANTIATE_TEST_SUITE_P(OffAndOn, LocatorNoMemoryTest,
+                         testing::Values(Accelerators::NONE, Accelerators::ALL));
+
+} // namespace
