@@ -15,7 +15,8 @@ from journalreader import Journal
 from nbdfleet import Fleet
 from nbdpeers import Others, RawClient, memory_kib
 from nbdproxy import FLUSH, READ, TRIM, WRITE, ZERO
-from nbdsupport import Server, checkpoint, connect, need_nbd, refused, run_tool
+from nbdsupport import (Server, checkpoint, connect, need_nbd, refused, run_tool,
+                        server_environment)
 from replay import Image, Order
 from support import FAR_END, Failure, Folder, check, rlctl, rlctl_json, run, wait_until
 
@@ -391,8 +392,9 @@ def test_one_owner():
                 check("ended at once" in str(failure) and "in use" in str(failure), str(failure))
             # Where it leaves the terminal, it has to say so before it does.
             background = subprocess.run([one for one in second.command if one != "-f"], check=False,
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                        stderr=subprocess.PIPE, timeout=FAR_END)
+                                        env=server_environment(), stdin=subprocess.DEVNULL,
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                                        timeout=FAR_END)
             text = background.stderr.decode(errors="replace")
             check(background.returncode == 1 and mirror + " is in use by another process" in text,
                   "in the background: %d, %s" % (background.returncode, text))

@@ -1,7 +1,8 @@
 """What the tests with NBD clients share: a server of one mirror, its clients, and skipping.
 
-RL_NBD_PLUGIN names the plugin. RL_NBD_PRELOAD names the runtime of a sanitizer that it was built
-with: nbdkit itself was not, so that has to be there before it.
+RL_NBD_PLUGIN names the plugin. RL_NBD_PRELOAD names what has to be loaded before it into an nbdkit
+that was built without a sanitizer: the runtime of the one that the plugin was built with, and what
+wakes it. A finding ends the server with a code that no test takes for a good end.
 """
 
 import json
@@ -73,6 +74,21 @@ def greets(path):
         client.close()
 
 
+def server_environment():
+    """What a program is given that becomes nbdkit with the plugin, or starts it."""
+    environment = dict(os.environ)
+    if PRELOAD:
+        environment["LD_PRELOAD"] = PRELOAD
+        # nbdkit and its libraries leak some memory, and detached threads count as leaked ones. Of
+        # an option that is given twice the last one holds.
+        suppressions = os.path.join(os.path.dirname(os.path.abspath(__file__)),
+                                    "thread-sanitizer.txt")
+        for name, more in (("ASAN_OPTIONS", "detect_leaks=0"),
+                           ("TSAN_OPTIONS", "report_thread_leaks=0:suppressions=" + suppressions)):
+            environment[name] = ":".join(filter(None, (environment.get(name), more)))
+    return environment
+
+
 class Server:
     """nbdkit with the plugin, on a Unix socket in a folder of the test's."""
 
@@ -94,13 +110,9 @@ class Server:
         for path in (self.socket, self.pid_file):
             if os.path.exists(path):
                 os.unlink(path)
-        environment = dict(os.environ)
-        if PRELOAD:
-            environment["LD_PRELOAD"] = PRELOAD
-            environment.setdefault("ASAN_OPTIONS", "detect_leaks=0")
         with open(self.log_file, "ab") as log:
-            self.process = subprocess.Popen(self.command, env=environment, stdin=subprocess.DEVNULL,
-                                            stdout=log, stderr=log)
+            self.process = subprocess.Popen(self.command, env=server_environment(),
+                                            stdin=subprocess.DEVNULL, stdout=log, stderr=log)
         until = time.monotonic() + FAR_END
         # nbdkit listens, and writes its process's number, before the plugin opens the mirror.
         while not greets(self.socket):

@@ -12,7 +12,9 @@ import stat
 import subprocess
 import sys
 import time
+import urllib.parse
 
+from nbdsupport import server_environment
 from support import RLCTL, Failure, Folder, check, rlctl, rlctl_json, run, wait_until
 
 try:
@@ -33,7 +35,8 @@ class Served:
         if "--stop-timeout" not in options:
             options = ("--stop-timeout", "120s", *options)
         self.process = subprocess.Popen([RLCTL, "serve", mirror, *options],
-                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+                                        env=server_environment(), stdout=subprocess.PIPE,
+                                        stderr=subprocess.STDOUT)
         self.log = b""
         while b"serving " not in self.log:
             line = self.process.stdout.readline()
@@ -317,6 +320,45 @@ def an_ipv6_address_is_one_in_the_uri_too():
             served.end()
 
 
+def a_mirror_too_deep_for_a_socket():
+    """Where the path of the mirror's own NBD socket is too long for an address, serve says what to do;
+    the control socket is found all the same."""
+    with Folder() as folder:
+        deep = os.path.join(folder, "d" * 60, "e" * 60)
+        os.makedirs(deep)
+        mirror = made(deep)
+        rlctl("serve", mirror, code=2)
+        check("--socket PATH" in rlctl.errors and " bytes" in rlctl.errors, rlctl.errors)
+        check(not os.path.exists(os.path.join(mirror, "control")), "it was begun all the same")
+        path = os.path.join(folder, "s")
+        with Served(mirror, "--socket", path) as served:
+            served.socket = path
+            served.connect("live").pwrite(b"d" * 4096, 0)
+            check(rlctl_json("info", mirror)["items"] == 1, "info through the control socket")
+            rlctl("checkpoint", mirror, "--tag", "deep")
+            check(served.connect("tag:deep").pread(4096, 0) == b"d" * 4096, "the checkpoint")
+            served.end()
+        check(not os.path.exists(os.path.join(mirror, "control")), "it is left behind")
+
+
+def a_tag_is_text():
+    """Served or not: what is no UTF-8 is refused, and never becomes another name."""
+    odd, good = os.fsdecode(b"caf\xe9"), "caf\u00e9"
+    with Folder() as folder:
+        mirror = made(folder)
+        rlctl("checkpoint", mirror, "--tag", odd, code=2)
+        check("UTF-8" in rlctl.errors, rlctl.errors)
+        with Served(mirror) as served:
+            rlctl("checkpoint", mirror, "--tag", odd, code=2)
+            check("UTF-8" in rlctl.errors, rlctl.errors)
+            rlctl("hold", mirror, "--at", "tag:" + odd, code=2)
+            rlctl("checkpoint", mirror, "--tag", good)
+            check(served.connect("tag:" + urllib.parse.quote(good)).get_size() == SIZE, "a tag beyond ASCII")
+            served.end()
+        tags = [one["tag"] for one in rlctl_json("checkpoints", mirror)["checkpoints"]]
+        check(tags == [good], tags)
+
+
 if __name__ == "__main__":
     missing = [name for name in ("nbdkit", "nbdcopy", "qemu-img") if shutil.which(name) is None]
     if nbd is None:
@@ -326,4 +368,4 @@ if __name__ == "__main__":
         sys.exit(77)
     run(exports_and_their_maps, clients_copy_in_both_directions, the_end_keeps_what_was_answered,
         read_only_and_refusals, sizes_and_logs_are_those_of_all_commands,
-        an_ipv6_address_is_one_in_the_uri_too)
+        an_ipv6_address_is_one_in_the_uri_too, a_mirror_too_deep_for_a_socket, a_tag_is_text)
