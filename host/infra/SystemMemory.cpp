@@ -4,7 +4,35 @@
 #include <bit>
 #include <sys/mman.h>
 
+#include "host/infra/SystemArenas.h"
+
+namespace {
+
+// Never destroyed: pools that outlive everything else give their blocks back to it.
+SystemArenas& arenas()
+{
+    static auto* const ARENAS = new SystemArenas;
+    return *ARENAS;
+}
+
+} // namespace
+
 u8* allocateSystemMemory(u32 sizeBytes)
+{
+    u8* memory = nullptr;
+    if (std::bit_ceil(sizeBytes) == SystemArenas::BLOCK_BYTES)
+        memory = arenas().take();
+    // Where there is no room for an arena there may be some for a block.
+    return memory != nullptr ? memory : allocateSystemMapping(sizeBytes);
+}
+
+void freeSystemMemory(u8* memory, u32 sizeBytes)
+{
+    if (std::bit_ceil(sizeBytes) != SystemArenas::BLOCK_BYTES || !arenas().give(memory))
+        freeSystemMapping(memory, sizeBytes);
+}
+
+u8* allocateSystemMapping(u32 sizeBytes)
 {
     // Map enough to find an aligned piece inside, and give the ends back.
     const size_t alignment = std::max<size_t>(std::bit_ceil<size_t>(sizeBytes), 4096);
@@ -26,7 +54,7 @@ u8* allocateSystemMemory(u32 sizeBytes)
     return start + before;
 }
 
-void freeSystemMemory(u8* memory, u32 sizeBytes)
+void freeSystemMapping(u8* memory, u32 sizeBytes)
 {
     munmap(memory, (size_t{sizeBytes} + 4095) & ~size_t{4095});
 }
