@@ -17,7 +17,21 @@
 #include "common/infra/Tweaks.h"
 #include "host/infra/SystemMemory.h"
 
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define RL_TEST_SANITIZED 1
+#endif
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define RL_TEST_SANITIZED 1
+#endif
+
 namespace {
+
+#ifdef RL_TEST_SANITIZED
+constexpr bool IS_SANITIZED = true;
+#else
+constexpr bool IS_SANITIZED = false;
+#endif
 
 constexpr size_t BLOCK = SystemArenas::BLOCK_BYTES;
 constexpr size_t UNIT = 8 * BLOCK;
@@ -251,11 +265,9 @@ int takeWithoutRoomForAnArena()
 
 TEST(SystemMemoryTest, WithoutRoomForAnArenaABlockIsAMappingOfItsOwn)
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "sanitizers take all address space";
-#else
+    if (IS_SANITIZED)
+        GTEST_SKIP() << "sanitizers take all address space";
     EXPECT_EXIT(std::_Exit(takeWithoutRoomForAnArena()), testing::ExitedWithCode(0), "");
-#endif
 }
 
 } // namespace
