@@ -12,6 +12,13 @@ endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(rl_options INTERFACE -Wthread-safety)
 endif()
+if(RL_UNITY)
+  # Between one source and the next these mean nothing; within one the other builds look for them.
+  target_compile_options(rl_options INTERFACE -Wno-shadow)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(rl_options INTERFACE -Wno-subobject-linkage)
+  endif()
+endif()
 if(RL_SANITIZE)
   target_compile_options(rl_options INTERFACE -fsanitize=${RL_SANITIZE} -fno-omit-frame-pointer
     -fno-sanitize-recover=all)
@@ -27,11 +34,28 @@ target_compile_features(rl_contracts INTERFACE cxx_std_20)
 # Our warnings are our own: a program that embeds the component builds with its own options.
 target_link_libraries(rl_contracts INTERFACE $<BUILD_INTERFACE:rl_options> Threads::Threads)
 
+# rl_compile_together(NAME): with RL_UNITY several sources of a target are compiled as one file.
+# Standard headers and templates are then read and compiled once for all of them; after an edit more
+# is compiled than without. What is local to one file must then differ from what is local to the
+# others, or the file is named to rl_compile_alone().
+function(rl_compile_together NAME)
+  if(RL_UNITY)
+    set_target_properties(${NAME} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+  endif()
+endfunction()
+
+# rl_compile_alone(SOURCES...): these, of the current folder, are never compiled together with
+# others.
+function(rl_compile_alone)
+  set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+endfunction()
+
 # rl_library(NAME): a static library of all sources below the current folder.
 function(rl_library NAME)
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
   add_library(${NAME} STATIC ${sources})
   target_link_libraries(${NAME} PUBLIC rl_contracts)
+  rl_compile_together(${NAME})
 endfunction()
 
 # rl_compile_quickly(NAME): for code whose own speed matters to nobody: optimising it, or watching
@@ -56,6 +80,7 @@ function(rl_tests NAME FOLDER)
   add_executable(${NAME} ${sources})
   target_link_libraries(${NAME} PRIVATE ${ARGN} rl_test_support GTest::gmock GTest::gtest_main)
   rl_compile_quickly(${NAME})
+  rl_compile_together(${NAME})
   gtest_discover_tests(${NAME} TEST_PREFIX "${FOLDER}/" PROPERTIES TIMEOUT 1500
     DISCOVERY_TIMEOUT 300)
 endfunction()
