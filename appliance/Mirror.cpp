@@ -1,6 +1,8 @@
 #include "appliance/Mirror.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <random>
 #include <sys/stat.h>
@@ -40,6 +42,30 @@ private:
     fs::path m_path;
 };
 
+constexpr const char* CREATING = ".creating-";
+
+// What creations of that mirror by processes that are gone have left. Who is still at it has the
+// number of a process that lives here, or, elsewhere, the journal's lock.
+void removeLeftCreations(const fs::path& final)
+{
+    const std::string prefix = final.filename().string() + CREATING;
+    std::error_code ignored;
+    std::vector<fs::path> left;
+    for (const fs::directory_entry& entry : fs::directory_iterator(final.parent_path(), ignored)) {
+        const std::string name = entry.path().filename().string();
+        const std::string number = name.substr(std::min(prefix.size(), name.size()));
+        if (name.compare(0, prefix.size(), prefix) != 0 || number.empty() || number.size() > 9 ||
+            number.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        const pid_t process = std::stoi(number);
+        const bool isGone = process == getpid() || (kill(process, 0) != 0 && errno == ESRCH);
+        if (isGone && Mirror::checkUnused(entry.path().string()).ok())
+            left.push_back(entry.path());
+    }
+    for (const fs::path& folder : left)
+        fs::remove_all(folder, ignored);
+}
+
 u64 randomId()
 {
     std::random_device device;
@@ -69,6 +95,11 @@ Result checkFree(const std::string& folder)
 // The target that the settings name has to hold the whole volume.
 Result checkNamedTarget(const MirrorSettings& settings)
 {
+    std::error_code error;
+    const auto status = fs::status(settings.m_target, error);
+    if (fs::exists(status) && !fs::is_regular_file(status) && !fs::is_block_file(status))
+        return Result::failed("target " + settings.m_target +
+                              " is neither a regular file nor a block device");
     std::unique_ptr<StorageFile> file;
     u64 size = 0;
     RcStatus rc = PosixFile::open(settings.m_target, StorageAccess::ReadOnly, &file);
@@ -126,7 +157,8 @@ Result Mirror::create(const std::string& folder, MirrorSettings settings)
     fs::path final = fs::absolute(folder).lexically_normal();
     if (!final.has_filename())
         final = final.parent_path();
-    const fs::path making = final.string() + ".creating-" + std::to_string(getpid());
+    removeLeftCreations(final);
+    const fs::path making = final.string() + CREATING + std::to_string(getpid());
     std::error_code error;
     if (!fs::create_directory(making, error))
         return Result::failed("cannot make " + making.string() + ": " +
@@ -192,6 +224,12 @@ Result Mirror::openIn(std::unique_ptr<Storage> storage, const std::string& folde
     // Again after the journal: it may have moved on meanwhile, and usePoint() notices.
     if (Result result = loadApplyState(*opened->m_storage, &state); !result.ok())
         return Result(result.code(), folder + ": " + result.message());
+    // Only what the target holds leaves the journal. Else the note was lost, or is an older one.
+    if (const u64 begin = opened->m_journal->begin().m_items; state.m_items < begin)
+        return Result(ResultCode::Damaged,
+                      folder + " is damaged: its journal begins after " + std::to_string(begin) +
+                          " items, but by the note \"applied\" the target holds " +
+                          std::to_string(state.m_items));
     {
         MutexGuard guard(opened->m_applyMutex);
         opened->m_applyState = state;
@@ -238,15 +276,22 @@ Result Mirror::openJournal(MirrorAccess access, JournalRecovery recovery, u64 mi
 Result Mirror::openTargetAs(bool readOnly, std::shared_ptr<TargetVolume>* target)
 {
     const std::string& named = m_settings.m_target;
-    if (!named.empty())
-        return Result::fromStatus(
-            TargetVolume::open(named, m_settings.sizeBlocks(), readOnly, target),
-            "target volume " + named);
+    const std::string what = "target volume " + (named.empty() ? "of " + m_folder : named);
+    const StorageAccess access = readOnly ? StorageAccess::ReadOnly : StorageAccess::ReadWrite;
     std::unique_ptr<StorageFile> file;
-    const RcStatus rc = m_storage->open(
-        TARGET_FILE, readOnly ? StorageAccess::ReadOnly : StorageAccess::ReadWrite, &file);
+    RcStatus rc = named.empty() ? m_storage->open(TARGET_FILE, access, &file)
+                                : PosixFile::open(named, access, &file);
+    u64 size = 0;
+    if (rc == RC_SUCCESS)
+        rc = file->size(&size);
     if (rc != RC_SUCCESS)
-        return Result::fromStatus(rc, "target volume of " + m_folder);
+        return Result::fromStatus(rc, what);
+    // Every target is made, or was found, as large as the volume: what is missing was cut off, and
+    // nobody knows what it held.
+    if (size < m_settings.m_sizeBytes)
+        return Result(ResultCode::Damaged, what + " is damaged: it has " + std::to_string(size) +
+                                               " bytes, the volume has " +
+                                               std::to_string(m_settings.m_sizeBytes));
     *target = std::make_shared<TargetVolume>(std::move(file), m_settings.sizeBlocks());
     return Result();
 }

@@ -2,23 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include "host/journal/FileStorage.h"
 #include "host/volume/AsyncFileIo.h"
-
-namespace {
-
-void zeroFrom(ScatteredBuf& data, u64 offsetBytes)
-{
-    ScatteredBuf rest = data.getSubBuffer(offsetBytes, data.getSize() - offsetBytes);
-    for (u32 i = 0; i < rest.getSegmentsCount(); ++i)
-        std::memset(rest.getSegment(i).getPtr(), 0, rest.getSegment(i).getSize());
-}
-
-} // namespace
 
 RcStatus TargetVolume::create(const std::string& path, u64 lengthBlocks)
 {
@@ -85,7 +73,7 @@ FutureStatus TargetVolume::start(const std::vector<IODescriptor>& ios, bool writ
                 break;
             }
             if (op.m_doneBytes < op.m_data.getSize())
-                zeroFrom(op.m_data, op.m_doneBytes);
+                rc = RC_DAMAGED;
         }
         future.set(rc);
     });
@@ -99,9 +87,7 @@ RcStatus TargetVolume::readNow(u64 offsetBlocks, u64 lengthBlocks, u8* data)
     const u64 bytes = lengthBlocks * BLOCK_BYTES;
     u64 done = 0;
     const RcStatus rc = m_file->pread(data, bytes, offsetBlocks * BLOCK_BYTES, &done);
-    if (rc == RC_SUCCESS)
-        std::memset(data + done, 0, bytes - done);
-    return rc;
+    return rc == RC_SUCCESS && done < bytes ? RC_DAMAGED : rc;
 }
 
 RcStatus TargetVolume::writeZeroes(u64 offsetBlocks, u64 lengthBlocks)
@@ -126,8 +112,11 @@ RcStatus TargetVolume::nextData(u64 offsetBlocks, u64* startBlocks, u64* endBloc
     u64 startBytes = 0;
     u64 endBytes = 0;
     const RcStatus rc = m_file->nextData(offsetBlocks * BLOCK_BYTES, &startBytes, &endBytes);
-    if (rc != RC_SUCCESS || startBytes >= endBytes)
+    if (rc != RC_SUCCESS)
         return rc;
+    // No more data: the run lies where the file ends.
+    if (startBytes >= endBytes)
+        return startBytes < m_lengthBlocks * BLOCK_BYTES ? RC_DAMAGED : RC_SUCCESS;
     // A run may begin and end inside a block where the file's blocks are not the volume's.
     *startBlocks = std::min(std::max(startBytes / BLOCK_BYTES, offsetBlocks), m_lengthBlocks);
     *endBlocks = std::min((endBytes + BLOCK_BYTES - 1) / BLOCK_BYTES, m_lengthBlocks);

@@ -18,9 +18,8 @@ public:
     // Makes a sparse file of that size. RC_IN_USE: the path exists; else as Storage::open().
     static RcStatus create(const std::string& path, u64 lengthBlocks);
 
-    // Opens a file or block device. lengthBlocks: the size of the volume, which may be larger than
-    // the file's: what is missing reads as zeroes.
-    // RC_NOT_FOUND, RC_IO_ERROR.
+    // Opens a file or block device. lengthBlocks: the size of the volume. The file has that or
+    // more; what was cut off from it is RC_DAMAGED to read or search. RC_NOT_FOUND, RC_IO_ERROR.
     static RcStatus open(const std::string& path, u64 lengthBlocks, bool readOnly,
                          std::shared_ptr<TargetVolume>* volume, AsyncFileIo* io = nullptr);
 
@@ -31,7 +30,8 @@ public:
 
     // Starts the reads, in flight together. The future is set when the last one is done: to
     // RC_SUCCESS, or to the first failure; RC_BAD_ARGUMENT: beyond the volume, or a buffer of
-    // another size. The descriptors are copied; the buffers' memory lives until the future is set.
+    // another size; RC_DAMAGED: beyond the file, which was made shorter. The descriptors are
+    // copied; the buffers' memory lives until the future is set.
     FutureStatus read(const std::vector<IODescriptor>& ios, AioPriority priority);
 
     // The same here and now, on the caller's thread, into lengthBlocks * 512 bytes.

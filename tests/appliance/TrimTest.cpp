@@ -559,4 +559,33 @@ TEST_F(TrimTest, AReaderThatStaysDoesNotKeepItFromStopping)
     EXPECT_EQ(image, m_images.back());
 }
 
+// Nothing but the target holds what was trimmed, so a target that holds less is of no point.
+TEST_F(TrimTest, MirrorWhoseNoteOfTheTargetIsLostOrOldIsDamaged)
+{
+    makeMirror();
+    writeLarge(5, 60);
+    ASSERT_TRUE(apply(20).ok());
+    const std::string note = folder() + "/applied";
+    const std::string old = folder() + "/old";
+    std::filesystem::copy_file(note, old);
+    ASSERT_TRUE(apply(50).ok());
+    openMirror();
+    ASSERT_TRUE(trim(50).ok());
+    ASSERT_GT(m_mirror->journal().begin().m_items, 20u);
+    m_mirror.reset();
+    const std::string kept = folder() + "/kept";
+    std::filesystem::rename(note, kept);
+    for (const bool hasOld : {false, true}) {
+        if (hasOld)
+            std::filesystem::rename(old, note);
+        for (const MirrorAccess access : {MirrorAccess::Reader, MirrorAccess::Writer})
+            EXPECT_EQ(Mirror::open(folder(), access, JournalRecovery::Tail, &m_mirror).code(),
+                      ResultCode::Damaged)
+                << hasOld;
+    }
+    std::filesystem::rename(kept, note);
+    openMirror();
+    checkPoints(50, "with its note again");
+}
+
 } // namespace

@@ -151,5 +151,30 @@ def test_writer_in_use_is_11_and_readers_go_on():
             check(writer.wait() == 0, "the writer failed")
 
 
+def test_target_that_was_cut_is_damage_and_not_zeroes():
+    for named in (False, True):
+        with Folder() as folder:
+            target = os.path.join(folder, "m", "target")
+            options = ()
+            if named:
+                target = os.path.join(folder, "volume")
+                with open(target, "wb") as file:
+                    file.truncate(SIZE)
+                options = ("--target", target)
+            mirror, _ = recorded_mirror(folder, 600, *options)
+            rlctl("apply", mirror, "--to", "cp:1", "--yes")
+            os.truncate(target, SIZE - 512)
+            before = os.stat(target)
+            for command in (("read", mirror, "--length", "4K"), ("verify", mirror), ("info", mirror),
+                            ("apply", mirror, "--to", "cp:2", "--yes")):
+                rlctl(*command, code=12)
+                check("%d bytes" % (SIZE - 512) in rlctl.errors and str(SIZE) in rlctl.errors,
+                      "not both sizes: " + rlctl.errors)
+            check(os.stat(target).st_mtime_ns == before.st_mtime_ns, "the target was changed")
+            os.truncate(target, SIZE + 512)  # more than is needed is no harm
+            rlctl("info", mirror)
+
+
 run(test_flipped_data_byte_is_found_and_never_served, test_flipped_metadata_byte_is_found,
-    test_killed_recording_is_a_prefix_and_goes_on, test_writer_in_use_is_11_and_readers_go_on)
+    test_killed_recording_is_a_prefix_and_goes_on, test_writer_in_use_is_11_and_readers_go_on,
+    test_target_that_was_cut_is_damage_and_not_zeroes)

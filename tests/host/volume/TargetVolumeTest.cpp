@@ -78,16 +78,20 @@ TEST_F(TargetVolumeTest, WritesComeBackAndZeroesTakeThemAway)
     EXPECT_EQ(m_volume->writeZeroes(999, 2), RC_BAD_ARGUMENT);
 }
 
-TEST_F(TargetVolumeTest, ShorterFileReadsAsZeroesBehindItsEnd)
+TEST_F(TargetVolumeTest, WhatWasCutOffFromTheFileIsDamagedAndNotZeroes)
 {
-    ASSERT_EQ(TargetVolume::create(m_path, 10), RC_SUCCESS);
-    ASSERT_EQ(TargetVolume::open(m_path, 100, false, &m_volume), RC_SUCCESS);
+    make(100);
     const std::vector<u8> data = patternBlocks(1, 2);
     ASSERT_EQ(write(8, data), RC_SUCCESS);
-    std::vector<u8> expected = data;
-    expected.resize(20 * BLOCK_BYTES);
-    EXPECT_EQ(read(8, 20), expected);
-    EXPECT_EQ(read(50, 1), std::vector<u8>(BLOCK_BYTES));
+    std::filesystem::resize_file(m_path, 10 * BLOCK_BYTES);
+    EXPECT_EQ(read(8, 2), data);
+    std::vector<u8> beyond(2 * BLOCK_BYTES);
+    EXPECT_EQ(m_volume->read({io(9, beyond, true)}, AioPriority::Normal).get(), RC_DAMAGED);
+    EXPECT_EQ(m_volume->read({io(50, beyond, true)}, AioPriority::Normal).get(), RC_DAMAGED);
+    EXPECT_EQ(m_volume->readNow(9, 2, beyond.data()), RC_DAMAGED);
+    u64 start = 0;
+    u64 end = 0;
+    EXPECT_EQ(m_volume->nextData(10, &start, &end), RC_DAMAGED);
 }
 
 TEST_F(TargetVolumeTest, RefusesWhatIsBeyondItOrOfAnotherSize)
