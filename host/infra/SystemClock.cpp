@@ -39,8 +39,8 @@ Clock::TimerId SystemClock::schedule(u64 deadlineMs, std::function<void()> callb
     const u64 firstBefore = m_timers.firstDeadlineMs();
     const TimerId id = m_timers.add(deadlineMs, std::move(callback));
     if (!m_running && !m_stopping) {
-        m_running = true;
         m_thread = std::thread([this] { serve(); });
+        m_running = true;
     } else if (deadlineMs < firstBefore) {
         m_changed.notify_all();
     }

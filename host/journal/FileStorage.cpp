@@ -36,6 +36,16 @@ RcStatus rcFromOpen(int error)
                                                                  : rcFromErrno(error);
 }
 
+// A call that is to be made again where a signal came in between: 0, or what errno says then.
+template <class Call> int withoutInterruption(Call call)
+{
+    int error;
+    do
+        error = call() == 0 ? 0 : errno;
+    while (error == EINTR);
+    return error;
+}
+
 } // namespace
 
 PosixFile::~PosixFile()
@@ -97,7 +107,7 @@ RcStatus PosixFile::pwrite(const void* data, u64 bytes, u64 offsetBytes)
 
 RcStatus PosixFile::sync()
 {
-    return ::fdatasync(m_fd) == 0 ? RC_SUCCESS : rcFromErrno(errno);
+    return rcFromErrno(withoutInterruption([&] { return ::fdatasync(m_fd); }));
 }
 
 RcStatus PosixFile::size(u64* bytes)
@@ -113,18 +123,16 @@ RcStatus PosixFile::size(u64* bytes)
 
 RcStatus PosixFile::truncate(u64 bytes)
 {
-    return ::ftruncate(m_fd, static_cast<off_t>(bytes)) == 0 ? RC_SUCCESS : rcFromErrno(errno);
+    return rcFromErrno(
+        withoutInterruption([&] { return ::ftruncate(m_fd, static_cast<off_t>(bytes)); }));
 }
 
 RcStatus PosixFile::reserve(u64 offsetBytes, u64 bytes)
 {
-    int error;
-    do
-        error = ::fallocate(m_fd, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offsetBytes),
-                            static_cast<off_t>(bytes)) == 0
-                    ? 0
-                    : errno;
-    while (error == EINTR);
+    const int error = withoutInterruption([&] {
+        return ::fallocate(m_fd, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offsetBytes),
+                           static_cast<off_t>(bytes));
+    });
     // Some file systems cannot; then a write finds out.
     return error == EOPNOTSUPP || error == ENOSYS || error == ENODEV ? RC_SUCCESS
                                                                      : rcFromErrno(error);
@@ -134,10 +142,11 @@ RcStatus PosixFile::zeroRange(u64 offsetBytes, u64 bytes)
 {
     const off_t offset = static_cast<off_t>(offsetBytes);
     const off_t length = static_cast<off_t>(bytes);
-    if (::fallocate(m_fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, offset, length) == 0)
-        return RC_SUCCESS;
-    if (::fallocate(m_fd, FALLOC_FL_ZERO_RANGE | FALLOC_FL_KEEP_SIZE, offset, length) == 0)
-        return RC_SUCCESS;
+    for (const int how : {FALLOC_FL_PUNCH_HOLE, FALLOC_FL_ZERO_RANGE}) {
+        if (withoutInterruption(
+                [&] { return ::fallocate(m_fd, how | FALLOC_FL_KEEP_SIZE, offset, length); }) == 0)
+            return RC_SUCCESS;
+    }
     static constexpr u64 STEP_BYTES = 1 << 20;
     const std::vector<u8> zeroes(std::min(bytes, STEP_BYTES));
     for (u64 done = 0; done < bytes; done += STEP_BYTES) {
@@ -174,7 +183,7 @@ RcStatus PosixFile::nextData(u64 offsetBytes, u64* startBytes, u64* endBytes)
 
 RcStatus PosixFile::lock()
 {
-    return ::flock(m_fd, LOCK_EX | LOCK_NB) == 0 ? RC_SUCCESS : rcFromErrno(errno);
+    return rcFromErrno(withoutInterruption([&] { return ::flock(m_fd, LOCK_EX | LOCK_NB); }));
 }
 
 FileStorage::FileStorage(std::string root) : m_root(std::move(root)) {}
@@ -239,7 +248,7 @@ RcStatus FileStorage::syncDir(const std::string& folder)
     const int fd = ::open(path(folder).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0)
         return rcFromOpen(errno);
-    const RcStatus rc = ::fsync(fd) == 0 ? RC_SUCCESS : rcFromErrno(errno);
+    const RcStatus rc = rcFromErrno(withoutInterruption([&] { return ::fsync(fd); }));
     ::close(fd);
     return rc;
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <system_error>
 
 #include "host/infra/Clock.h"
 #include "host/tasks/WakeUp.h"
@@ -19,8 +20,14 @@ void ThreadScheduler::start(RunTask run)
 {
     m_run = std::move(run);
     m_stopping = false;
-    for (u32 i = 0; i < m_workers; ++i)
-        m_threads.emplace_back([this] { work(); });
+    m_threads.reserve(m_workers);
+    try {
+        while (m_threads.size() < m_workers)
+            m_threads.emplace_back([this] { work(); });
+    } catch (const std::system_error&) {
+        if (m_threads.empty())
+            throw; // fewer are slower, none does nothing
+    }
 }
 
 void ThreadScheduler::ready(AsyncTask* task, AsyncTaskQueue::AsyncTaskQueueID queue)

@@ -92,16 +92,21 @@ struct AsyncFileIo::Impl
         return false;
     }
 
-    void start(std::unique_ptr<FileRequest> request) RL_EXCLUDES(m_mutex)
+    // False: nobody is there to take it, and the caller does it here and now.
+    bool start(std::unique_ptr<FileRequest> request) RL_EXCLUDES(m_mutex)
     {
         MutexGuard guard(m_mutex);
-        backendLocked().start(std::move(request));
+        FileIoBackend* backend = backendLocked();
+        if (backend != nullptr)
+            backend->start(std::move(request));
+        return backend != nullptr;
     }
 
-    FileIoBackend& backendLocked() RL_REQUIRES(m_mutex)
+    // Null: no thread is to be had; it is tried again the next time.
+    FileIoBackend* backendLocked() RL_REQUIRES(m_mutex)
     {
         if (m_backend)
-            return *m_backend;
+            return m_backend.get();
         const char* wish = m_mode == AsyncFileIoMode::Auto ? std::getenv("RL_IO") : nullptr;
         const bool threads =
             m_mode == AsyncFileIoMode::Threads || (wish && std::strcmp(wish, "threads") == 0);
@@ -116,7 +121,7 @@ struct AsyncFileIo::Impl
         }
         if (!m_backend)
             m_backend = FileIoBackend::makeThreads();
-        return *m_backend;
+        return m_backend.get();
     }
 
     const AsyncFileIoMode m_mode;
@@ -157,8 +162,11 @@ void AsyncFileIo::submit(std::vector<FileOp> ops, Completion completion)
         auto request = std::make_unique<FileRequest>(batch, i);
         if (request->isDone() || (!op.m_write && m_impl->tryCache(*request)))
             batch->countDown();
-        else
-            m_impl->start(std::move(request));
+        else if (!m_impl->start(std::move(request))) {
+            op.m_doneBytes = 0;
+            Impl::runInline(op);
+            batch->countDown();
+        }
     }
     batch->countDown();
 }
@@ -166,7 +174,8 @@ void AsyncFileIo::submit(std::vector<FileOp> ops, Completion completion)
 bool AsyncFileIo::usesUring()
 {
     MutexGuard guard(m_impl->m_mutex);
-    return m_impl->backendLocked().isUring();
+    const FileIoBackend* backend = m_impl->backendLocked();
+    return backend != nullptr && backend->isUring();
 }
 
 void AsyncFileIo::stopThreads()

@@ -57,5 +57,6 @@ public:
 
     // Null where the kernel refuses one; *error says why, as an errno.
     static std::unique_ptr<FileIoBackend> makeUring(int* error);
+    // Null: there is not even one thread to be had.
     static std::unique_ptr<FileIoBackend> makeThreads();
 };

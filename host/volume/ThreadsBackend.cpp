@@ -2,6 +2,7 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include "host/volume/AsyncFileIoBackend.h"
@@ -13,11 +14,18 @@ constexpr unsigned THREADS = 4;
 class ThreadsBackend : public FileIoBackend
 {
 public:
+    // Has as many threads as there are to be had, or none.
     ThreadsBackend()
     {
-        for (unsigned i = 0; i < THREADS; ++i)
-            m_threads.emplace_back([this] { run(); });
+        m_threads.reserve(THREADS);
+        try {
+            while (m_threads.size() < THREADS)
+                m_threads.emplace_back([this] { run(); });
+        } catch (const std::system_error&) { // fewer do it too
+        }
     }
+
+    bool hasThreads() const { return !m_threads.empty(); }
 
     ~ThreadsBackend() override
     {
@@ -81,5 +89,6 @@ private:
 
 std::unique_ptr<FileIoBackend> FileIoBackend::makeThreads()
 {
-    return std::make_unique<ThreadsBackend>();
+    auto backend = std::make_unique<ThreadsBackend>();
+    return backend->hasThreads() ? std::move(backend) : nullptr;
 }

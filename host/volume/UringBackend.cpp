@@ -4,6 +4,7 @@
 #include <deque>
 #include <liburing.h>
 #include <sched.h>
+#include <system_error>
 #include <thread>
 
 #include "common/infra/Mutex.h"
@@ -26,7 +27,13 @@ public:
             *error = -rc;
             return nullptr;
         }
-        backend->m_thread = std::thread([raw = backend.get()] { raw->run(); });
+        try {
+            backend->m_thread = std::thread([raw = backend.get()] { raw->run(); });
+        } catch (const std::system_error& refused) {
+            io_uring_queue_exit(&backend->m_ring);
+            *error = refused.code().value();
+            return nullptr;
+        }
         return backend;
     }
 
