@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "appliance/Caught.h"
 #include "appliance/Retention.h"
 #include "common/infra/LogItem.h"
 #include "host/infra/Clock.h"
@@ -21,7 +22,7 @@ void BackgroundApply::stop()
 void BackgroundApply::run()
 {
     while (!m_stop.waitMs(m_options.m_everyMs)) {
-        const Result result = work();
+        const Result result = caught([this] { return work(); });
         // In the way of others, or they in ours: the next time is soon.
         const bool quiet = result.ok() || result.code() == ResultCode::Interrupted ||
                            result.code() == ResultCode::InUse;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "appliance/Caught.h"
 #include "appliance/Retention.h"
 #include "appliance/Sizes.h"
 #include "common/infra/LogItem.h"
@@ -66,8 +67,12 @@ void CheckpointTimer::run()
             wait = RETRY_MS;
         if (m_stop.waitMs(wait))
             return;
-        if (isDue(Clock::instance()->nowMs()))
-            set();
+        const Result turn = caught([this] {
+            if (isDue(Clock::instance()->nowMs()))
+                set();
+            return Result();
+        });
+        m_failed = m_failed || !turn.ok();
     }
 }
 

@@ -9,6 +9,7 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "appliance/Caught.h"
 #include "appliance/ControlSocket.h"
 #include "common/infra/LogItem.h"
 #include "host/infra/Clock.h"
@@ -132,11 +133,15 @@ void ControlServer::run()
         size_t i = 2;
         for (Connection& one : m_connections) {
             const short events = fds[i++].revents;
-            if ((events & POLLIN) != 0)
-                receive(one);
-            else if ((events & (POLLHUP | POLLERR | POLLNVAL)) != 0)
-                one.m_gone = true;
-            look(one);
+            const Result turn = caught([&] {
+                if ((events & POLLIN) != 0)
+                    receive(one);
+                else if ((events & (POLLHUP | POLLERR | POLLNVAL)) != 0)
+                    one.m_gone = true;
+                look(one);
+                return Result();
+            });
+            one.m_gone = one.m_gone || !turn.ok();
         }
         if ((fds[1].revents & POLLIN) != 0)
             accept();

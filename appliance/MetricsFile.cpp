@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "appliance/Caught.h"
 #include "common/infra/LogItem.h"
 
 Result MetricsFile::write()
@@ -36,7 +37,7 @@ Result MetricsFile::start()
         bool stop = false;
         while (!stop) {
             stop = m_stop.waitMs(m_everyMs);
-            const Result result = write();
+            const Result result = caught([this] { return write(); });
             if (!result.ok() && !failed)
                 LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
                     << result.message() << "; it is tried again" << std::endl;

@@ -1,7 +1,12 @@
-// How often checkpoints are set, as it is written; what the timer does is tested with a server.
+// How often checkpoints are set, as it is written, and what the timer does when it cannot set one;
+// what it does otherwise is tested with a server.
 #include "appliance/CheckpointTimer.h"
 
-#include <gtest/gtest.h>
+#include <atomic>
+#include <new>
+
+#include "tests/appliance/MirrorOnCrashStorage.h"
+#include "tests/support/ComesTrue.h"
 
 TEST(CheckpointTimerOptionsTest, TakeATimeAndAnAmountInEitherOrder)
 {
@@ -31,4 +36,40 @@ TEST(CheckpointTimerOptionsTest, TakeNothingThatMayMeanSomethingElse)
     EXPECT_EQ(options.m_everyMs, 30'000u);
     ASSERT_TRUE(options.add("1G").ok());
     EXPECT_EQ(options.add("2G").message(), "checkpoint-every was given twice by amount");
+}
+
+class CheckpointTimerTest : public MirrorOnCrashStorage
+{
+protected:
+    void SetUp() override
+    {
+        MirrorOnCrashStorage::SetUp();
+        ASSERT_TRUE(open(emptyMirror(), MirrorAccess::Writer).ok());
+        m_jobs = std::make_unique<MirrorJobs>(*m_mirror, m_host.getEngine());
+    }
+    void TearDown() override
+    {
+        m_jobs.reset();
+        MirrorOnCrashStorage::TearDown();
+    }
+
+    size_t checkpoints() { return m_mirror->journal().checkpoints().size(); }
+
+    std::unique_ptr<MirrorJobs> m_jobs;
+};
+
+TEST_F(CheckpointTimerTest, MemoryThatIsShortForATimeEndsNothing)
+{
+    ASSERT_TRUE(m_mirror->writeZeroes(0, 1).ok());
+    std::atomic<u32> asked{0};
+    CheckpointTimer::Options options;
+    options.m_everyBytes = 1;
+    CheckpointTimer timer(*m_jobs, options, [&]() -> u64 {
+        if (++asked == 2)
+            throw std::bad_alloc();
+        return asked;
+    });
+    timer.start();
+    EXPECT_TRUE(comesTrue([&] { return checkpoints() == 1; }));
+    timer.stop();
 }
