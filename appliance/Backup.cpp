@@ -4,6 +4,7 @@
 #include "appliance/ChangeFilter.h"
 #include "appliance/DeltaStream.h"
 #include "appliance/LocatorDrain.h"
+#include "appliance/OutputPath.h"
 #include "appliance/SpanScan.h"
 #include "host/infra/Clock.h"
 
@@ -260,6 +261,8 @@ Result backupMirror(Mirror& mirror, TaskEngine& engine, const std::string& path,
     } else if (options.m_compare) {
         return Result::usage("a full backup has nothing to compare with");
     }
+    if (Result result = checkOutputPath(path, mirror.settings().m_target); !result.ok())
+        return result;
     Result result = BackupRun(mirror, engine, options, control, statistics).run(path);
     statistics->m_seconds = static_cast<double>(Clock::instance()->nowUs() - startedUs) / 1e6;
     return result;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 
 #include "appliance/ReadAhead.h"
 #include "appliance/RecordState.h"
@@ -65,6 +66,12 @@ private:
 
 Result Capturer::openImage()
 {
+    // Opening a pipe would wait for who writes to it.
+    std::error_code error;
+    const auto status = std::filesystem::status(m_path, error);
+    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status) &&
+        !std::filesystem::is_block_file(status))
+        return Result::failed("image " + m_path + " is neither a regular file nor a block device");
     RcStatus rc = PosixFile::open(m_path, StorageAccess::ReadOnly, &m_image);
     u64 size = 0;
     if (rc == RC_SUCCESS)

@@ -69,7 +69,8 @@ Result DeltaReader::damaged(const std::string& why) const
 
 Result DeltaReader::openFile()
 {
-    m_frame->m_fd = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
+    // A pipe is refused below, and not waited for.
+    m_frame->m_fd = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     struct stat status = {};
     if (m_frame->m_fd < 0 || fstat(m_frame->m_fd, &status) != 0)
         return Result::fromErrno(errno, "cannot open " + m_path);

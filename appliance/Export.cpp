@@ -1,6 +1,7 @@
 #include "appliance/Export.h"
 
 #include "appliance/ImageSink.h"
+#include "appliance/OutputPath.h"
 #include "appliance/ReadAhead.h"
 #include "appliance/ViewExtents.h"
 
@@ -15,6 +16,8 @@ Result exportView(View& view, TaskEngine& engine, const std::string& path, FlowC
                   ExportStatistics* statistics)
 {
     const u64 startedUs = Clock::instance()->nowUs();
+    if (Result result = checkOutputPath(path, view.mirror().settings().m_target); !result.ok())
+        return result;
     std::unique_ptr<ImageSink> sink;
     if (Result result = ImageSink::open(path, view.sizeBlocks() * BLOCK_BYTES, &sink); !result.ok())
         return result;

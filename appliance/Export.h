@@ -17,6 +17,7 @@ struct ExportStatistics
 // synced, and takes the place of what was there only when it is whole; a block device is written in
 // place, what is zero cleared; "-" is standard output, with every zero. The cost is that of the
 // data, except for standard output.
+// WrongUsage: the path is the mirror's target, or lies in a mirror's folder.
 // Interrupted: a regular file is as it was before. Damaged: the message names the blocks.
 // Thread safety: a plain thread.
 Result exportView(View& view, TaskEngine& engine, const std::string& path, FlowControl& control,

@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "RegionLocator/RegionLocatorMetaDataContainer.h"
+#include "appliance/RecordState.h"
 #include "appliance/SpanScan.h"
 #include "common/infra/LogItem.h"
 
@@ -46,6 +47,9 @@ Result LiveVolume::open(Mirror& mirror, FlowControl& control, std::unique_ptr<Li
 
 Result LiveVolume::build(FlowControl& control)
 {
+    // What clients write would be taken for lines of a trace whose recording was interrupted.
+    if (Result result = removeRecordState(m_mirror.storage()); !result.ok())
+        return result;
     // What was appended before and not flushed is no part of a scan.
     if (Result result = m_mirror.flush(); !result.ok())
         return result;

@@ -98,7 +98,9 @@ Result NewFile::make(std::unique_ptr<PosixFile>* file)
         *file = std::move(made);
         return Result();
     }
-    return Result::fromErrno(errno, "cannot make " + m_temporary);
+    // That its folder is not there says nothing of the mirror, which NotFound would be of.
+    Result result = Result::fromErrno(errno, "cannot make " + m_temporary);
+    return result.code() == ResultCode::NotFound ? Result::failed(result.message()) : result;
 }
 
 Result NewFile::open(u64 sizeBytes)

@@ -75,7 +75,8 @@ Result Recorder::prepareResume()
 {
     RecordState state;
     if (Result result = loadRecordState(m_mirror.storage(), &state); !result.ok())
-        return Result::usage("no interrupted recording to resume");
+        return Result::usage("no interrupted recording to resume: there was none, it has ended, or "
+                             "something else may have been written to the mirror since");
     if (state.m_digest != m_digest || state.m_lines != m_allLines)
         return Result::usage("the interrupted recording is of another trace");
     const RecoverableWindow window = m_mirror.window();
@@ -181,6 +182,8 @@ Result Recorder::run()
         const RecordState state{m_digest, m_allLines, m_mirror.journal().itemCount()};
         if (Result result = storeRecordState(m_mirror.storage(), state); !result.ok())
             return result;
+    } else if (Result result = removeRecordState(m_mirror.storage()); !result.ok()) {
+        return result;
     }
     TraceReader reader(m_mirror.settings().sizeBlocks());
     if (Result result = reader.open(m_options.m_trace); !result.ok())

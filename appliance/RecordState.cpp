@@ -55,6 +55,8 @@ Result loadRecordState(Storage& storage, RecordState* state)
 
 Result removeRecordState(Storage& storage)
 {
-    const RcStatus rc = storage.remove(FILE_NAME);
+    RcStatus rc = storage.remove(FILE_NAME);
+    if (rc == RC_SUCCESS)
+        rc = storage.syncDir("");
     return rc == RC_NOT_FOUND ? Result() : Result::fromStatus(rc, "cannot drop the recording note");
 }

@@ -19,4 +19,6 @@ struct RecordState
 Result storeRecordState(Storage& storage, const RecordState& state);
 // NotFound: no recording was interrupted.
 Result loadRecordState(Storage& storage, RecordState* state);
+// Durable when it returns. For who journals anything else: it would be taken for lines of the
+// trace.
 Result removeRecordState(Storage& storage);

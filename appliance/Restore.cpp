@@ -6,6 +6,7 @@
 
 #include "appliance/DeltaStream.h"
 #include "appliance/NewFile.h"
+#include "appliance/OutputPath.h"
 #include "host/infra/Clock.h"
 
 namespace fs = std::filesystem;
@@ -188,7 +189,7 @@ private:
 } // namespace
 
 Result restoreImage(const std::vector<std::string>& files, const std::string& path,
-                    FlowControl& control, RestoreStatistics* statistics)
+                    FlowControl& control, RestoreStatistics* statistics, bool force)
 {
     const u64 startedUs = Clock::instance()->nowUs();
     *statistics = RestoreStatistics();
@@ -202,6 +203,11 @@ Result restoreImage(const std::vector<std::string>& files, const std::string& pa
     statistics->m_sizeBytes = chain.back().m_header.m_sizeBytes;
 
     if (Result result = checkRegular(path); !result.ok())
+        return result;
+    if (Result result = checkOutputPath(path, ""); !result.ok())
+        return result;
+    if (Result result = force ? Result() : checkReplaceableImage(path, statistics->m_sizeBytes);
+        !result.ok())
         return result;
     NewFile image(path);
     if (Result result = image.open(statistics->m_sizeBytes); !result.ok())

@@ -21,8 +21,10 @@ struct RestoreStatistics
 // Applies the backups in their order and writes the image, sparse, under another name in the same
 // folder; it takes its own name only when all of it is there and durable.
 //
-// Failed: the first is no full backup, one does not start where the one before ends, they are of
-// different mirrors or sizes; told before anything is written. Damaged: a file that is not exactly
-// one whole backup. Interrupted, NoSpace. On any failure nothing is left, and what was there stays.
+// WrongUsage: the path lies in a mirror's folder. Failed: a file of another size is there, unless
+// forced: it may be a backup, and the image's name forgotten. Failed: the first is no full backup,
+// one does not start where the one before ends, they are of different mirrors or sizes; told before
+// anything is written. Damaged: a file that is not exactly one whole backup. Interrupted, NoSpace.
+// On any failure nothing is left, and what was there stays.
 Result restoreImage(const std::vector<std::string>& files, const std::string& path,
-                    FlowControl& control, RestoreStatistics* statistics);
+                    FlowControl& control, RestoreStatistics* statistics, bool force = false);

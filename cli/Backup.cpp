@@ -114,14 +114,15 @@ Result runBackup(Context& context, const Arguments& arguments)
     return Result();
 }
 
-Result runRestore(Context& context, const std::vector<std::string>& names)
+Result runRestore(Context& context, const std::vector<std::string>& names, bool force)
 {
     if (names.size() < 2)
         return Result::usage("restore needs a full backup, its increments, and an image's name");
     const std::vector<std::string> files(names.begin(), names.end() - 1);
     RestoreStatistics statistics;
     const auto reporter = context.progress("restoring");
-    if (Result result = restoreImage(files, names.back(), *reporter, &statistics); !result.ok())
+    if (Result result = restoreImage(files, names.back(), *reporter, &statistics, force);
+        !result.ok())
         return result;
     reporter->finish();
     if (context.json())
@@ -169,7 +170,9 @@ void addRestore(CLI::App& app, Context& context)
         ->add_option("FILES", *names,
                      "A full backup, its increments in their order, and the image to write")
         ->required();
-    command->callback([&context, names] {
-        context.setAction([&, names] { return runRestore(context, *names); });
+    auto force = std::make_shared<bool>(false);
+    command->add_flag("--force", *force, "Replace a file that is no image of the volume, too");
+    command->callback([&context, names, force] {
+        context.setAction([&, names, force] { return runRestore(context, *names, *force); });
     });
 }

@@ -1,5 +1,6 @@
 #include "cli/Context.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <iostream>
 
@@ -8,6 +9,18 @@
 #include "host/infra/TweaksLoader.h"
 
 namespace {
+
+// Why a result could not be written, as an errno; 0: all were.
+int resultError = 0;
+
+// Results are few, and the last one of a command matters as much as the first: each is written out
+// at once, and run() tells what went wrong.
+void writeResult(const std::string& text)
+{
+    errno = 0;
+    if (!(std::cout << text << std::flush) && resultError == 0)
+        resultError = errno != 0 ? errno : EIO;
+}
 
 Result fromHost(const Outcome& outcome)
 {
@@ -35,6 +48,7 @@ Result parseRecovery(const std::string& name, JournalRecovery* recovery)
 void addCommonOptions(CLI::App* command, CommonOptions& options)
 {
     const std::string group = "Options of all commands";
+    options.m_logFormat.clear(); // unless it is given it follows --json
     command->add_flag("--json", options.m_json, "The result as JSON, errors as JSON on stderr")
         ->group(group);
     command->add_flag("-q,--quiet", options.m_quiet, "No talk but errors")->group(group);
@@ -48,7 +62,8 @@ void addCommonOptions(CLI::App* command, CommonOptions& options)
     };
     option("--progress", options.m_progress, "RL_PROGRESS",
            "auto, none, plain, json, or a file descriptor for N/100 lines");
-    option("--log-format", options.m_logFormat, "RL_LOG_FORMAT", "text or json")
+    option("--log-format", options.m_logFormat, "RL_LOG_FORMAT",
+           "text or json (default: as the result)")
         ->check(CLI::IsMember({"text", "json"}));
     option("--log-file", options.m_logFile, "RL_LOG_FILE", "Log to this file, not to stderr");
     option("--log-level", options.m_logLevel, "RL_LOG_LEVEL", "error, warn, info or debug");
@@ -93,7 +108,10 @@ Result Context::startHost()
         return result;
     HostOptions host;
     LogOutputOptions log;
-    log.m_format = m_options.m_logFormat == "json" ? LogFormat::Json : LogFormat::Text;
+    // Who reads errors as JSON is not to find anything else between them.
+    const bool jsonLog =
+        m_options.m_logFormat.empty() ? m_options.m_json : m_options.m_logFormat == "json";
+    log.m_format = jsonLog ? LogFormat::Json : LogFormat::Text;
     log.m_file = m_options.m_logFile;
     const std::string level = !m_options.m_logLevel.empty() ? m_options.m_logLevel
                               : m_options.m_verbose         ? "info"
@@ -108,9 +126,15 @@ Result Context::startHost()
         if (Result result = parseSize(m_options.m_memoryLimit, &host.m_memoryLimitBytes);
             !result.ok())
             return result;
+        if (host.m_memoryLimitBytes == 0)
+            return Result::usage("--memory-limit takes a size above 0");
     }
-    if (Result result = fromHost(m_host.start(std::move(host))); !result.ok())
+    JournalRecovery ignored = JournalRecovery::Tail;
+    if (Result result = parseRecovery(m_options.m_recovery, &ignored); !result.ok())
         return result;
+    // A file of settings that is not there is no mirror that is not there.
+    if (Result result = fromHost(m_host.start(std::move(host))); !result.ok())
+        return result.code() == ResultCode::NotFound ? Result::failed(result.message()) : result;
     return applyTweaks();
 }
 
@@ -119,6 +143,8 @@ int Context::run()
     Result result = startHost();
     if (result.ok())
         result = m_action();
+    if (result.ok() && resultError != 0)
+        result = Result::fromErrno(resultError, "cannot write the result to standard output");
     Result stopped = fromHost(m_host.stop());
     if (result.ok())
         result = stopped;
@@ -188,14 +214,14 @@ bool Context::color() const
 
 void Context::result(const std::string& text) const
 {
-    std::cout << text << std::flush;
+    writeResult(text);
 }
 
 void Context::result(const Json& fields) const
 {
     Json json = {{"schema", 1}};
     json.update(fields);
-    std::cout << json.dump(2, ' ', false, Json::error_handler_t::replace) << std::endl;
+    writeResult(json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
 }
 
 void Context::say(const std::string& line) const

@@ -140,14 +140,21 @@ Result commandLine(Context& context, const Arguments& arguments, const ServeAddr
     pass("metrics-http", arguments.m_metricsHttp);
     pass("stop-timeout", arguments.m_stopTimeout);
     passPath("log-file", context.options().m_logFile);
-    if (context.options().m_logFormat != "text")
-        pass("log-format", context.options().m_logFormat);
+    pass("log-format", context.options().m_logFormat.empty() && context.json()
+                           ? "json"
+                           : context.options().m_logFormat);
     pass("log-level", context.options().m_logLevel);
     passPath("events", context.options().m_events);
     passPath("tweaks-file", context.options().m_tweaksFile);
     for (const std::string& tweak : context.options().m_tweaks)
         pass("tweak", tweak);
     return Result();
+}
+
+bool isPort(const std::string& text)
+{
+    return !text.empty() && text.size() <= 5 &&
+           text.find_first_not_of("0123456789") == std::string::npos && std::stoul(text) <= 65535;
 }
 
 // What the server would refuse too, but in words of its own and with no code of ours.
@@ -169,6 +176,11 @@ Result checkOptions(const Arguments& arguments)
         if (bytes == 0)
             return Result::usage("--views-budget and --apply-rate take sizes above 0");
     }
+    if (const std::string& where = arguments.m_metricsHttp; !where.empty()) {
+        const size_t colon = where.rfind(':');
+        if (colon == std::string::npos || colon == 0 || !isPort(where.substr(colon + 1)))
+            return Result::usage("--metrics-http takes ADDRESS:PORT, not '" + where + "'");
+    }
     return Result();
 }
 
@@ -177,6 +189,8 @@ Result run(Context& context, const Arguments& arguments)
     u64 stopSeconds = 0;
     if (Result result = parseDuration(arguments.m_stopTimeout, &stopSeconds); !result.ok())
         return result;
+    if (stopSeconds == 0)
+        return Result::usage("--stop-timeout takes a time above 0");
     if (Result result = checkOptions(arguments); !result.ok())
         return result;
     ServeAddress address;

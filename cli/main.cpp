@@ -1,13 +1,31 @@
 // rlctl: captures, records and reads back mirrors from the command line.
 
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <iostream>
+#include <unistd.h>
 
 #include "cli/Commands.h"
 
 namespace {
 
 constexpr const char* VERSION = "0.1.0";
+
+// A file that is opened takes the lowest number that is free: with a standard descriptor closed
+// that would be a file of the mirror, and what is meant for people would be written over its
+// content. So the number is taken before, by one that refuses as a closed one does.
+void takeStandardDescriptors()
+{
+    for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
+        if (fcntl(number, F_GETFD) >= 0)
+            continue;
+        const int flags = number == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+        if (open("/dev/null", flags) != number)
+            std::_Exit(EXIT_FAILURE);
+    }
+}
 
 bool wantsJson(int argc, char** argv)
 {
@@ -67,6 +85,9 @@ int runMain(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    takeStandardDescriptors();
+    // A file that may not grow is told of as a full disk is, and nobody is killed for it.
+    std::signal(SIGXFSZ, SIG_IGN);
     try {
         return runMain(argc, argv);
     } catch (const std::exception& error) {

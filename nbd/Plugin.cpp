@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cinttypes>
+#include <csignal>
 #include <exception>
 #include <memory>
 #include <string>
@@ -109,6 +110,8 @@ int answer(const char* op, u64 offset, u32 count, RcStatus rc)
 
 void load()
 {
+    // A file that may not grow is answered as a full disk is, and ends nothing.
+    std::signal(SIGXFSZ, SIG_IGN);
     logThroughNbdkit();
 }
 

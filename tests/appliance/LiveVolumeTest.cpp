@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "appliance/Apply.h"
+#include "appliance/RecordState.h"
 #include "appliance/Trim.h"
 #include "tests/appliance/MirrorFixture.h"
 #include "tests/support/ComesTrue.h"
@@ -489,6 +490,18 @@ TEST_F(LiveVolumeTest, TheIndexIsExactAlsoWhereWritersGoOnBesideTrims)
     reopen();
     EXPECT_EQ(regions(), before);
     EXPECT_EQ(readLive(), image);
+}
+
+// What clients write would be taken for lines of the trace.
+TEST_F(LiveVolumeTest, ARecordingThatWasInterruptedCannotGoOnBehindIt)
+{
+    makeMirror();
+    ASSERT_TRUE(storeRecordState(m_mirror->storage(), {1, 2, 0}).ok());
+    FlowControl control;
+    std::unique_ptr<LiveVolume> live;
+    ASSERT_TRUE(LiveVolume::open(*m_mirror, control, &live).ok());
+    RecordState state;
+    EXPECT_EQ(loadRecordState(m_mirror->storage(), &state).code(), ResultCode::NotFound);
 }
 
 } // namespace

@@ -97,5 +97,5 @@ TEST_F(NewFileTest, AnotherOneInTheMakingIsLeftAlone)
 TEST_F(NewFileTest, AFolderThatIsNotThere)
 {
     NewFile file(m_folder + "/none/file");
-    EXPECT_EQ(file.open(512).code(), ResultCode::NotFound);
+    EXPECT_EQ(file.open(512).code(), ResultCode::Failed);
 }

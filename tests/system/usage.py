@@ -39,6 +39,21 @@ def test_wrong_usage_is_2():
         rlctl("stats", mirror, "--recovery", "hope", code=2)
         rlctl("stats", mirror, "--log-level", "loud", code=2)
         rlctl("stats", mirror, "--tweak", "x", code=2)
+        rlctl("stats", mirror, "--memory-limit", "0", code=2)
+        for option in (("--stop-timeout", "0s"), ("--recovery", "xx"), ("--memory-limit", "0"),
+                       ("--metrics-http", "foo:bar"), ("--metrics-http", "8080"),
+                       ("--metrics-http", "localhost:65536"), ("--apply-rate", "0")):
+            rlctl("serve", mirror, *option, code=2)
+
+
+def test_missing_files_are_no_missing_mirrors():
+    with Folder() as folder:
+        mirror = os.path.join(folder, "m")
+        rlctl("create", mirror, "--size", "1M")
+        gone = os.path.join(folder, "gone", "file")
+        rlctl("export", mirror, gone, code=1)
+        rlctl("backup", mirror, gone, code=1)
+        rlctl("stats", mirror, "--tweaks-file", gone, code=1)
 
 
 def test_every_command_helps_with_two_examples():
@@ -224,7 +239,7 @@ def test_progress_ends_at_100():
                   "progress of %s: %r" % (command[0], steps))
 
 
-run(test_wrong_usage_is_2, test_every_command_helps_with_two_examples, test_no_such_mirror_is_10,
+run(test_wrong_usage_is_2, test_missing_files_are_no_missing_mirrors, test_every_command_helps_with_two_examples, test_no_such_mirror_is_10,
     test_create_refuses_a_mirror, test_errors_are_json_with_json,
     test_unknown_point_states_the_window, test_bad_traces_change_nothing,
     test_damaged_settings_are_12, test_journal_limit_is_13_and_keeps_what_was_acknowledged,
