@@ -152,7 +152,7 @@ RcStatus FileGrainStore::create(GrainKind kind, u64 grain)
     RcStatus rc = openGrain(kind, grain, StorageAccess::Create, &opened);
     if (rc != RC_SUCCESS)
         return rc;
-    m_namesDirty = true;
+    ++m_nameChanges;
     rc = opened->truncate(0);
     if (rc == RC_SUCCESS)
         m_files[{kind, grain}] = {std::move(opened), ++m_uses};
@@ -200,19 +200,21 @@ RcStatus FileGrainStore::sync(GrainKind kind, u64 grain)
 
 RcStatus FileGrainStore::syncRemovals()
 {
+    // Held during the call: who comes meanwhile needs the end of it, or one more.
+    MutexGuard syncing(m_namesMutex);
+    u64 changes = 0;
     {
         MutexGuard guard(m_mutex);
-        if (!m_namesDirty)
-            return RC_SUCCESS;
-        // Cleared before the call: a grain that is created meanwhile needs another one.
-        m_namesDirty = false;
+        changes = m_nameChanges; // a grain that is created from here on needs another call
     }
+    if (m_namesFailed != RC_SUCCESS || m_durableNameChanges == changes)
+        return m_namesFailed;
     const RcStatus rc = m_storage.syncDir(m_folder);
-    if (rc != RC_SUCCESS) {
-        MutexGuard guard(m_mutex);
-        m_namesDirty = true;
-    }
-    return rc;
+    if (rc == RC_SUCCESS)
+        m_durableNameChanges = changes;
+    else if (rc != RC_NO_MEMORY) // then it was not even opened
+        m_namesFailed = RC_IO_ERROR;
+    return m_namesFailed != RC_SUCCESS ? m_namesFailed : rc;
 }
 
 RcStatus FileGrainStore::readMeta(u64 grain, u32 firstBlock, u32 blocks, void* data,
@@ -365,6 +367,6 @@ RcStatus FileGrainStore::remove(GrainKind kind, u64 grain)
 {
     MutexGuard guard(m_mutex);
     m_files.erase({kind, grain});
-    m_namesDirty = true;
+    ++m_nameChanges;
     return m_storage.remove(path(kind, grain));
 }

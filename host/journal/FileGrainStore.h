@@ -69,5 +69,10 @@ private:
     Mutex m_mutex;
     std::map<Key, OpenFile> m_files RL_GUARDED_BY(m_mutex);
     u64 m_uses RL_GUARDED_BY(m_mutex) = 0;
-    bool m_namesDirty RL_GUARDED_BY(m_mutex) = false; // the folder has names that are not durable
+    u64 m_nameChanges RL_GUARDED_BY(m_mutex) = 0; // of the folder: grains created and removed
+
+    Mutex m_namesMutex; // taken before m_mutex, by the one thread that syncs the folder
+    u64 m_durableNameChanges RL_GUARDED_BY(m_namesMutex) = 0;
+    // A failed sync is told once by the system, so that all later ones would seem to succeed.
+    RcStatus m_namesFailed RL_GUARDED_BY(m_namesMutex) = RC_SUCCESS;
 };

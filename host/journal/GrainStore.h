@@ -78,7 +78,8 @@ public:
     // Drops the blocks from firstBlock on of a metadata grain, durably.
     virtual RcStatus cutMeta(u64 grain, u32 firstBlock) = 0;
 
-    // Drops a grain. Durable after syncRemovals().
+    // Drops a grain. Durable after syncRemovals(), which after a failure other than RC_NO_MEMORY
+    // fails for good, as sync() does then: what the disk holds is not known any more.
     virtual RcStatus remove(GrainKind kind, u64 grain) = 0;
     virtual RcStatus syncRemovals() = 0;
 };

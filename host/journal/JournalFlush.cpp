@@ -119,8 +119,12 @@ RcStatus JournalStore::Impl::close()
     MutexGuard guard(m_mutex);
     if (m_closed || m_options.mode != JournalMode::Writer)
         return RC_SUCCESS;
+    m_closed = true; // first, so that nothing is accepted behind what is flushed here
     RcStatus rc = m_failed != RC_SUCCESS ? m_failed : flushLocked();
-    m_closed = true;
+    while (m_flushing) // for others who wait for what is durable now, or for metadata
+        m_flushed.wait(m_mutex);
+    if (rc == RC_SUCCESS)
+        rc = m_failed;
     if (rc == RC_SUCCESS && !m_endsMarked)
         rc = markEndLocked();
     m_lockFile.reset();

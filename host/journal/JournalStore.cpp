@@ -108,7 +108,11 @@ bool JournalStore::Impl::recover(Opened& opened)
                             " only, but the target volume holds more of it, up to item:" +
                             std::to_string(m_options.minimumItems) +
                             "; it is not cut there, as what is written next would be lost");
-        RcStatus cut = cutJournal(m_grains, found.m_position);
+        // The beginning that was read may be younger than the last sync of its name. Nothing goes
+        // for its sake before a power cut can no longer bring the old one back.
+        RcStatus cut = m_storage.syncDir(m_options.folder);
+        if (cut == RC_SUCCESS)
+            cut = cutJournal(m_grains, found.m_position);
         u64 removed = 0; // what a trim that was cut off has left behind
         if (cut == RC_SUCCESS)
             cut = removeBeforeBegin(m_grains, begin, &removed);
@@ -314,31 +318,35 @@ RcStatus JournalStore::setBegin(const JournalBegin& begin, u64 freedBlocks)
 
 RcStatus JournalStore::removeTrimmed(u64* removed)
 {
-    const RcStatus rc = removeBeforeBegin(m_impl->m_grains, begin(), removed);
+    RcStatus rc = removeBeforeBegin(m_impl->m_grains, begin(), removed);
     // Where the new beginning has used that up, there is room now; the next one tells otherwise.
-    if (rc == RC_SUCCESS)
-        (void)reserveJournalBegin(m_impl->m_storage, m_impl->m_options.folder);
-    return rc;
+    if (rc == RC_SUCCESS) {
+        rc = reserveJournalBegin(m_impl->m_storage, m_impl->m_options.folder);
+        if (rc != RC_IO_ERROR)
+            return RC_SUCCESS;
+    }
+    if (rc != RC_IO_ERROR)
+        return rc;
+    MutexGuard guard(m_impl->m_mutex);
+    return m_impl->failLocked(rc, "removing grains");
 }
 
 RcStatus JournalStore::Impl::setBegin(const JournalBegin& begin, u64 freedBlocks)
 {
     MutexGuard guard(m_mutex);
+    while (m_flushing) // see syncMetadata()
+        m_flushed.wait(m_mutex);
     const RcStatus writable = checkWritableLocked();
     if (writable != RC_SUCCESS)
         return writable;
     if (begin.m_page < m_begin.m_page || begin.m_page > m_endPage)
         return RC_BAD_ARGUMENT;
     // What begins here must be durable, or the journal could end before its beginning.
-    for (u64 page = begin.m_page; page < m_endPage;
-         page += JOURNAL_PAGES_PER_GRAIN - pageInGrain(page)) {
-        const RcStatus synced = m_grains.sync(GrainKind::Meta, pageGrain(page));
-        if (synced != RC_SUCCESS)
-            return synced;
-    }
-    const RcStatus rc = storeJournalBegin(m_storage, m_options.folder, begin);
+    RcStatus rc = syncPages(begin.m_page, m_endPage);
+    if (rc == RC_SUCCESS)
+        rc = storeJournalBegin(m_storage, m_options.folder, begin);
     if (rc != RC_SUCCESS)
-        return rc;
+        return rc == RC_NOT_FOUND ? rc : failLocked(rc, "making the journal's beginning durable");
     m_storedBlocks -= std::min(m_storedBlocks, freedBlocks);
     beginAtLocked(begin);
     return RC_SUCCESS;
@@ -367,15 +375,47 @@ RcStatus JournalStore::followBegin(const JournalBegin& begin)
 
 RcStatus JournalStore::syncMetadata(const JournalPtr& from)
 {
-    const u64 first = begin().m_page;
-    const u64 start =
-        from.grain == SFS_DEV_ADDR_INVALID ? first : std::max(first, pageOfJournalPtr(from));
-    const u64 end = endPage();
-    RcStatus rc = RC_SUCCESS;
-    for (u64 page = start; page < end && rc == RC_SUCCESS;
-         page += JOURNAL_PAGES_PER_GRAIN - pageInGrain(page))
-        rc = m_impl->m_grains.sync(GrainKind::Meta, pageGrain(page));
-    return rc;
+    return m_impl->syncMetadata(from);
+}
+
+RcStatus JournalStore::Impl::syncPages(u64 firstPage, u64 endPage)
+{
+    for (u64 page = firstPage; page < endPage;
+         page += JOURNAL_PAGES_PER_GRAIN - pageInGrain(page)) {
+        const RcStatus rc = m_grains.sync(GrainKind::Meta, pageGrain(page));
+        // There is nothing to sync where salvage has left a grain out, or before one is open. A
+        // sync that failed has dropped what it failed for, also when that was for want of space.
+        if (rc != RC_SUCCESS)
+            return rc == RC_NOT_FOUND || rc == RC_NO_MEMORY ? rc : RC_IO_ERROR;
+    }
+    return RC_SUCCESS;
+}
+
+// In the place of a flush, as both sync the same files: the system tells a failure to only one of
+// them, and a flush beside this one could take its pages for durable that this one was told of.
+RcStatus JournalStore::Impl::syncMetadata(const JournalPtr& from)
+{
+    MutexGuard guard(m_mutex);
+    while (m_flushing)
+        m_flushed.wait(m_mutex);
+    if (m_failed != RC_SUCCESS)
+        return m_failed;
+    const u64 start = from.grain == SFS_DEV_ADDR_INVALID
+                          ? m_begin.m_page
+                          : std::max(m_begin.m_page, pageOfJournalPtr(from));
+    const u64 end = m_endPage;
+    m_flushing = true;
+    m_mutex.unlock();
+    RcStatus rc = RC_IO_ERROR;
+    try {
+        rc = syncPages(start, end);
+    } catch (const std::bad_alloc&) {
+        rc = RC_NO_MEMORY; // of opening a file
+    }
+    m_mutex.lock();
+    m_flushing = false;
+    m_flushed.notify_all();
+    return rc == RC_SUCCESS || rc == RC_NOT_FOUND ? rc : failLocked(rc, "a sync of the metadata");
 }
 
 RcStatus JournalStore::streamStatus() const

@@ -142,7 +142,8 @@ public:
     // for what was accepted, so RC_NO_SPACE comes only from a file system that cannot reserve it.
     RcStatus flush();
 
-    // Closes as the destructor does, and says how it went. Appends fail afterwards.
+    // Closes as the destructor does, and says how it went. Appends and flushes that come from its
+    // beginning on fail with RC_BAD_ARGUMENT; those under way are waited for.
     RcStatus close();
 
     // Logical items accepted; with `durable`, flushed.
@@ -164,8 +165,8 @@ public:
     // Gives the journal a later beginning, durably; its grains go by removeTrimmed(). Readers of
     // what lies before it are the caller's to keep away. RC_BAD_ARGUMENT: not a writer, before the
     // present beginning or behind the end; RC_NO_SPACE, RC_NO_MEMORY, RC_IO_ERROR: the old
-    // beginning holds, or after a crash one of the two. freedBlocks: stored blocks in the data
-    // grains that go.
+    // beginning holds, or after a crash one of the two; after RC_IO_ERROR nothing more is accepted.
+    // freedBlocks: stored blocks in the data grains that go.
     RcStatus setBegin(const JournalBegin& begin, u64 freedBlocks);
 
     // Takes over the beginning that the writer has given the journal since this reader opened it,
@@ -174,12 +175,14 @@ public:
     RcStatus followBegin(const JournalBegin& begin);
 
     // Gives the space of all grains before the beginning back. *removed: how many went. A failure
-    // leaves some; the next writer that opens the journal tries again.
+    // leaves some; the next writer that opens the journal tries again. After RC_IO_ERROR nothing
+    // more is accepted.
     RcStatus removeTrimmed(u64* removed);
 
     // Makes all metadata that is there, from an item on, durable: recovery keeps pages that a
     // process wrote and died over before it could sync them. Who changes something outside of the
-    // journal by what it says asks for this first.
+    // journal by what it says asks for this first. RC_NOT_FOUND, RC_NO_MEMORY: a grain is not there
+    // or could not be opened; RC_IO_ERROR: nothing more is accepted.
     RcStatus syncMetadata(const JournalPtr& from);
 
     // The first metadata page that is not written yet: scanners read up to here.

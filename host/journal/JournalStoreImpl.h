@@ -33,7 +33,12 @@ struct JournalStore::Impl
     RcStatus appendCheckpoint(const std::string& tag, CpId_t* id) RL_EXCLUDES(m_mutex);
     RcStatus flush() RL_EXCLUDES(m_mutex);
     RcStatus setBegin(const JournalBegin& begin, u64 freedBlocks) RL_EXCLUDES(m_mutex);
+    RcStatus syncMetadata(const JournalPtr& from) RL_EXCLUDES(m_mutex);
     RcStatus close() RL_EXCLUDES(m_mutex);
+
+    // Makes the metadata pages from firstPage on before endPage durable. Not beside a flush.
+    // RC_NOT_FOUND, RC_NO_MEMORY: a grain could not be opened; RC_IO_ERROR: something may be lost.
+    RcStatus syncPages(u64 firstPage, u64 endPage);
 
     // Forgets what is not part of the journal from its new beginning on.
     void beginAtLocked(const JournalBegin& begin) RL_REQUIRES(m_mutex);
@@ -109,7 +114,7 @@ struct JournalStore::Impl
     // reads it unlocked.
     JournalGroup m_group;
     u64 m_groupAccepted RL_GUARDED_BY(m_mutex) = 0; // m_accepted at its end
-    bool m_flushing RL_GUARDED_BY(m_mutex) = false;
+    bool m_flushing RL_GUARDED_BY(m_mutex) = false; // one thread flushes or syncs metadata
     u64 m_flushedAccepted RL_GUARDED_BY(m_mutex) = 0;
     u64 m_durableItems RL_GUARDED_BY(m_mutex) = 0;
     u64 m_endPage RL_GUARDED_BY(m_mutex) = 0;

@@ -278,14 +278,27 @@ RcStatus CrashStorage::exchange(const std::string& one, const std::string& other
     return RC_SUCCESS;
 }
 
-RcStatus CrashStorage::syncDir(const std::string&)
+RcStatus CrashStorage::syncDir(const std::string& folder)
 {
     std::lock_guard<std::mutex> guard(m_mutex);
     const RcStatus rc = begin(Call::Sync, true);
     if (rc != RC_SUCCESS)
         return rc;
-    m_durable = m_current;
-    m_unsyncedNames.clear();
+    // Names in other folders, and in folders of this one, stay as durable as they were.
+    const auto isIn = [&](const std::string& name) {
+        const size_t slash = name.rfind('/');
+        return name.compare(0, slash == std::string::npos ? 0 : slash, folder) == 0;
+    };
+    for (auto it = m_durable.begin(); it != m_durable.end();)
+        it = isIn(it->first) ? m_durable.erase(it) : std::next(it);
+    for (const auto& [name, inode] : m_current) {
+        if (isIn(name))
+            m_durable.emplace(name, inode);
+    }
+    m_unsyncedNames.erase(
+        std::remove_if(m_unsyncedNames.begin(), m_unsyncedNames.end(),
+                       [&](const NameChange& change) { return isIn(change.m_name); }),
+        m_unsyncedNames.end());
     return RC_SUCCESS;
 }
 
