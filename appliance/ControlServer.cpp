@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -44,15 +45,22 @@ ControlServer::~ControlServer()
 
 Result ControlServer::start(const std::string& folder)
 {
-    if (Result result = listenOnControl(folder, &m_listening); !result.ok())
+    m_folderFd = open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (m_folderFd < 0)
+        return Result::fromErrno(errno, "cannot open " + folder);
+    if (Result result = listenOnControl(folder, &m_listening); !result.ok()) {
+        close(m_folderFd);
+        m_folderFd = -1;
         return result;
+    }
     m_folder = folder;
     m_wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (m_wakeFd < 0) {
         Result result = Result::fromErrno(errno, "cannot wake the control socket's thread");
-        removeControl(folder);
+        removeControl(m_folderFd);
+        close(m_folderFd);
         close(m_listening);
-        m_listening = -1;
+        m_folderFd = m_listening = -1;
         return result;
     }
     m_stopping = false;
@@ -67,10 +75,11 @@ void ControlServer::stop()
     m_stopping = true;
     wake();
     m_thread.join();
-    removeControl(m_folder);
+    removeControl(m_folderFd);
+    close(m_folderFd);
     close(m_listening);
     close(m_wakeFd);
-    m_listening = m_wakeFd = -1;
+    m_folderFd = m_listening = m_wakeFd = -1;
 }
 
 void ControlServer::wake()

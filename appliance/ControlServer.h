@@ -79,6 +79,7 @@ private:
     const ControlHandler m_handler;
     const ControlLimits m_limits;
     std::string m_folder;
+    int m_folderFd = -1; // a path may lead to another mirror when the socket goes
     int m_listening = -1;
     int m_wakeFd = -1;
     std::atomic<bool> m_stopping{false};

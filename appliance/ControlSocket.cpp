@@ -99,9 +99,7 @@ Result connectToControl(const std::string& folder, int* fd)
     return nobody ? Result(ResultCode::NotFound, "nobody serves " + folder) : result;
 }
 
-void removeControl(const std::string& folder)
+void removeControl(int folderFd)
 {
-    Address address;
-    if (address.make(folder).ok())
-        unlink(address.path());
+    unlinkat(folderFd, CONTROL_SOCKET_NAME, 0);
 }

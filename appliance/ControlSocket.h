@@ -30,5 +30,6 @@ Result listenOnControl(const std::string& folder, int* fd);
 // Connects. NotFound: nobody listens there. *fd: blocking, the caller's.
 Result connectToControl(const std::string& folder, int* fd);
 
-// Takes the socket's name away. Failures are of no matter: the next server replaces it.
-void removeControl(const std::string& folder);
+// Takes the socket's name away from the folder that a descriptor is of, whatever its path is by
+// now. Failures are of no matter: the next server replaces it.
+void removeControl(int folderFd);

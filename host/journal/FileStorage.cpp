@@ -46,6 +46,23 @@ template <class Call> int withoutInterruption(Call call)
     return error;
 }
 
+// Relative to a folder's descriptor.
+RcStatus openFile(int folder, const std::string& path, StorageAccess access,
+                  std::unique_ptr<StorageFile>* file)
+{
+    int flags = O_CLOEXEC | (access == StorageAccess::ReadOnly ? O_RDONLY : O_RDWR);
+    if (access == StorageAccess::Create)
+        flags |= O_CREAT;
+    int fd;
+    do
+        fd = ::openat(folder, path.c_str(), flags, 0644);
+    while (fd < 0 && errno == EINTR);
+    if (fd < 0)
+        return rcFromOpen(errno);
+    *file = std::make_unique<PosixFile>(fd);
+    return RC_SUCCESS;
+}
+
 } // namespace
 
 PosixFile::~PosixFile()
@@ -56,17 +73,7 @@ PosixFile::~PosixFile()
 RcStatus PosixFile::open(const std::string& path, StorageAccess access,
                          std::unique_ptr<StorageFile>* file)
 {
-    int flags = O_CLOEXEC | (access == StorageAccess::ReadOnly ? O_RDONLY : O_RDWR);
-    if (access == StorageAccess::Create)
-        flags |= O_CREAT;
-    int fd;
-    do
-        fd = ::open(path.c_str(), flags, 0644);
-    while (fd < 0 && errno == EINTR);
-    if (fd < 0)
-        return rcFromOpen(errno);
-    *file = std::make_unique<PosixFile>(fd);
-    return RC_SUCCESS;
+    return openFile(AT_FDCWD, path, access, file);
 }
 
 RcStatus PosixFile::pread(void* data, u64 bytes, u64 offsetBytes, u64* doneBytes)
@@ -186,25 +193,44 @@ RcStatus PosixFile::lock()
     return rcFromErrno(withoutInterruption([&] { return ::flock(m_fd, LOCK_EX | LOCK_NB); }));
 }
 
-FileStorage::FileStorage(std::string root) : m_root(std::move(root)) {}
+FileStorage::FileStorage(const std::string& root)
+    : m_root(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)),
+      m_opened(m_root < 0 ? rcFromOpen(errno) : RC_SUCCESS)
+{}
 
-std::string FileStorage::path(const std::string& name) const
+FileStorage::~FileStorage()
 {
-    return name.empty() ? m_root : m_root + "/" + name;
+    if (m_root >= 0)
+        ::close(m_root);
 }
 
 RcStatus FileStorage::open(const std::string& name, StorageAccess access,
                            std::unique_ptr<StorageFile>* file)
 {
-    return PosixFile::open(path(name), access, file);
+    return m_opened != RC_SUCCESS ? m_opened : openFile(m_root, name, access, file);
+}
+
+RcStatus FileStorage::openFolder(const std::string& folder, int* fd) const
+{
+    if (m_opened != RC_SUCCESS)
+        return m_opened;
+    *fd =
+        ::openat(m_root, folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return *fd < 0 ? rcFromOpen(errno) : RC_SUCCESS;
 }
 
 RcStatus FileStorage::list(const std::string& folder, std::vector<std::string>* names)
 {
     names->clear();
-    DIR* dir = ::opendir(path(folder).c_str());
-    if (dir == nullptr)
-        return rcFromOpen(errno);
+    int fd = -1;
+    if (const RcStatus rc = openFolder(folder, &fd); rc != RC_SUCCESS)
+        return rc;
+    DIR* dir = ::fdopendir(fd); // which owns it from here on
+    if (dir == nullptr) {
+        const RcStatus rc = rcFromOpen(errno);
+        ::close(fd);
+        return rc;
+    }
     errno = 0;
     while (const dirent* entry = ::readdir(dir)) {
         const std::string name = entry->d_name;
@@ -220,35 +246,45 @@ RcStatus FileStorage::list(const std::string& folder, std::vector<std::string>* 
 
 RcStatus FileStorage::makeDir(const std::string& folder)
 {
-    if (::mkdir(path(folder).c_str(), 0755) == 0 || errno == EEXIST)
+    if (m_opened != RC_SUCCESS)
+        return m_opened;
+    if (::mkdirat(m_root, folder.c_str(), 0755) == 0 || errno == EEXIST)
         return RC_SUCCESS;
     return rcFromErrno(errno);
 }
 
 RcStatus FileStorage::remove(const std::string& name)
 {
-    return ::unlink(path(name).c_str()) == 0 ? RC_SUCCESS : rcFromErrno(errno);
+    if (m_opened != RC_SUCCESS)
+        return m_opened;
+    return ::unlinkat(m_root, name.c_str(), 0) == 0 ? RC_SUCCESS : rcFromErrno(errno);
 }
 
 RcStatus FileStorage::rename(const std::string& from, const std::string& to)
 {
-    return ::rename(path(from).c_str(), path(to).c_str()) == 0 ? RC_SUCCESS : rcFromErrno(errno);
+    if (m_opened != RC_SUCCESS)
+        return m_opened;
+    return ::renameat(m_root, from.c_str(), m_root, to.c_str()) == 0 ? RC_SUCCESS
+                                                                     : rcFromErrno(errno);
 }
 
 RcStatus FileStorage::exchange(const std::string& one, const std::string& other)
 {
-    if (::renameat2(AT_FDCWD, path(one).c_str(), AT_FDCWD, path(other).c_str(), RENAME_EXCHANGE) ==
-        0)
+    if (m_opened != RC_SUCCESS)
+        return m_opened;
+    if (::renameat2(m_root, one.c_str(), m_root, other.c_str(), RENAME_EXCHANGE) == 0)
         return RC_SUCCESS;
     return errno == EINVAL || errno == ENOSYS ? RC_BAD_ARGUMENT : rcFromErrno(errno);
 }
 
 RcStatus FileStorage::syncDir(const std::string& folder)
 {
-    const int fd = ::open(path(folder).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return rcFromOpen(errno);
-    const RcStatus rc = rcFromErrno(withoutInterruption([&] { return ::fsync(fd); }));
+    int fd = -1;
+    if (const RcStatus rc = openFolder(folder, &fd); rc != RC_SUCCESS)
+        return rc;
+    // Whatever it failed for, and be it want of space: what became of the names is not known.
+    const int error = withoutInterruption([&] { return ::fsync(fd); });
+    const RcStatus rc = error == 0 ? RC_SUCCESS : RC_IO_ERROR;
     ::close(fd);
     return rc;
 }

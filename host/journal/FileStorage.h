@@ -31,11 +31,16 @@ private:
     int m_fd;
 };
 
+// The folder is found by its path once and by its descriptor from then on: where it is renamed, the
+// storage goes on in it, and has nothing to do with what takes its name.
 class FileStorage : public Storage
 {
 public:
-    // root: a folder that exists.
-    explicit FileStorage(std::string root);
+    // root: a folder that exists; every call says what became of opening it.
+    explicit FileStorage(const std::string& root);
+    ~FileStorage() override;
+    FileStorage(const FileStorage&) = delete;
+    FileStorage& operator=(const FileStorage&) = delete;
 
     RcStatus open(const std::string& name, StorageAccess access,
                   std::unique_ptr<StorageFile>* file) override;
@@ -47,9 +52,10 @@ public:
     RcStatus syncDir(const std::string& folder) override;
 
 private:
-    std::string path(const std::string& name) const;
+    RcStatus openFolder(const std::string& folder, int* fd) const;
 
-    std::string m_root;
+    int m_root = -1;
+    RcStatus m_opened = RC_SUCCESS;
 };
 
 // The status of a failed system call.

@@ -237,6 +237,21 @@ TEST_F(ControlTest, TheSocketOfADeadServerIsReplaced)
     expectServed();
 }
 
+TEST_F(ControlTest, AServerWhoseFolderWasRenamedTakesItsOwnSocketAway)
+{
+    serve();
+    const std::string renamed = m_folder + "-renamed";
+    std::filesystem::rename(m_folder, renamed);
+    std::filesystem::create_directories(m_folder);
+    int other = -1;
+    ASSERT_TRUE(listenOnControl(m_folder, &other).ok());
+    m_server->stop();
+    EXPECT_FALSE(std::filesystem::exists(renamed + "/control"));
+    EXPECT_TRUE(std::filesystem::exists(m_folder + "/control"));
+    close(other);
+    std::filesystem::remove_all(renamed);
+}
+
 TEST_F(ControlTest, FoldersOfAnyDepth)
 {
     const std::string deep = m_folder + "/" + std::string(120, 'd') + "/" + std::string(120, 'e');

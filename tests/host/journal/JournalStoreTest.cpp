@@ -503,4 +503,84 @@ TEST(JournalFilesTest, RealFolderHoldsAJournalAndItsLock)
     std::filesystem::remove_all(root);
 }
 
+TEST(JournalFilesTest, RenamedFolderKeepsItsJournalFromWhatTakesItsName)
+{
+    const std::filesystem::path root =
+        std::filesystem::temp_directory_path() / ("rl-renamed-" + std::to_string(::getpid()));
+    const std::filesystem::path moved = root.string() + ".moved";
+    std::filesystem::create_directory(root);
+    {
+        FileStorage first(root.string());
+        auto served = openJournal(first, JournalMode::Writer);
+        const std::vector<u8> data = patternBlocks(1, 30000);
+        std::vector<JournalRequest> expected{{0, 30000, data}};
+        ASSERT_EQ(served->append(0, data.data(), 30000), RC_SUCCESS);
+        ASSERT_EQ(served->flush(), RC_SUCCESS);
+
+        std::filesystem::rename(root, moved);
+        std::filesystem::create_directory(root);
+        FileStorage second(root.string());
+        const auto made = openJournal(second, JournalMode::Writer);
+        std::vector<JournalRequest> others;
+        for (u64 i = 0; i < 2; ++i) {
+            others.push_back({i, 20000, patternBlocks(5 + i, 20000)});
+            ASSERT_EQ(made->append(i, others[i].m_bytes.data(), 20000), RC_SUCCESS);
+        }
+        ASSERT_EQ(made->flush(), RC_SUCCESS);
+
+        // The second grain of the one, of which the other one has its own.
+        expected.push_back({1, 30000, data});
+        ASSERT_EQ(served->append(1, data.data(), 30000), RC_SUCCESS);
+        ASSERT_EQ(served->appendCheckpoint("", nullptr), RC_SUCCESS);
+        ASSERT_EQ(served->setBegin(served->begin(), 0), RC_SUCCESS);
+        EXPECT_EQ(readBack(*served), expected);
+        EXPECT_EQ(readBack(*made), others);
+        served.reset();
+        FileStorage again(moved.string());
+        EXPECT_EQ(readBack(*openJournal(again, JournalMode::Writer)), expected);
+        FileStorage fresh(root.string());
+        EXPECT_EQ(readBack(*openJournal(fresh, JournalMode::ReadOnly)), others);
+    }
+    std::filesystem::remove_all(root);
+    std::filesystem::remove_all(moved);
+}
+
+// Every name of the storage, without a journal in between.
+TEST(JournalFilesTest, StorageOfARenamedFolderStaysInIt)
+{
+    const std::filesystem::path root =
+        std::filesystem::temp_directory_path() / ("rl-storage-" + std::to_string(::getpid()));
+    const std::filesystem::path moved = root.string() + ".moved";
+    std::filesystem::create_directory(root);
+    {
+        FileStorage storage(root.string());
+        std::filesystem::rename(root, moved);
+        std::filesystem::create_directory(root);
+        std::unique_ptr<StorageFile> file;
+        EXPECT_EQ(storage.makeDir("in"), RC_SUCCESS);
+        EXPECT_EQ(storage.makeDir("in"), RC_SUCCESS);
+        for (const char* name : {"in/a", "in/b", "in/c"})
+            EXPECT_EQ(storage.open(name, StorageAccess::Create, &file), RC_SUCCESS);
+        EXPECT_EQ(storage.rename("in/a", "in/d"), RC_SUCCESS);
+        EXPECT_EQ(storage.exchange("in/d", "in/b"), RC_SUCCESS);
+        EXPECT_EQ(storage.remove("in/c"), RC_SUCCESS);
+        EXPECT_EQ(storage.remove("in/c"), RC_NOT_FOUND);
+        EXPECT_EQ(storage.syncDir("in"), RC_SUCCESS);
+        EXPECT_EQ(storage.syncDir(""), RC_SUCCESS);
+        std::vector<std::string> names;
+        EXPECT_EQ(storage.list("in", &names), RC_SUCCESS);
+        EXPECT_EQ(names, (std::vector<std::string>{"b", "d"}));
+        EXPECT_EQ(storage.list("", &names), RC_SUCCESS);
+        EXPECT_EQ(names, std::vector<std::string>{"in"});
+        EXPECT_TRUE(std::filesystem::exists(moved / "in" / "d"));
+        EXPECT_TRUE(std::filesystem::is_empty(root));
+        FileStorage nowhere(root.string() + "/none");
+        EXPECT_EQ(nowhere.open("a", StorageAccess::Create, &file), RC_NOT_FOUND);
+        EXPECT_EQ(nowhere.list("", &names), RC_NOT_FOUND);
+        EXPECT_EQ(nowhere.makeDir("a"), RC_NOT_FOUND);
+    }
+    std::filesystem::remove_all(root);
+    std::filesystem::remove_all(moved);
+}
+
 } // namespace
