@@ -42,11 +42,18 @@ Result bytesAfter(Mirror& mirror, const CheckpointInfo& checkpoint, u64* bytes)
         if (one.m_itemsBefore >= checkpoint.m_items)
             lastPage = std::min(lastPage, pageOfJournalPtr(one.m_ptr));
     }
-    const JournalTrimPlan plan = planJournalTrim(journal, checkpoint.m_items, lastPage);
+    JournalTrimPlan plan;
+    JournalBegin begin;
+    // A trim may take pages away that are being read; it has given the journal its new beginning
+    // before, and what is read from there is not damaged.
+    do {
+        begin = journal.begin();
+        plan = planJournalTrim(journal, checkpoint.m_items, lastPage);
+    } while (plan.m_rc != RC_SUCCESS && journal.begin().m_page != begin.m_page);
     if (plan.m_rc != RC_SUCCESS)
         return Result::fromStatus(plan.m_rc, "cannot read the journal");
     const u64 freed = plan.m_freedBlocks * (BLOCK_BYTES + sizeof(u32)) +
-                      (plan.m_begin.m_page - journal.begin().m_page) * BLOCK_BYTES;
+                      (plan.m_begin.m_page - begin.m_page) * BLOCK_BYTES;
     *bytes = journal.bytesUsed() - std::min(journal.bytesUsed(), freed);
     return Result();
 }
