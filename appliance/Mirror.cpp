@@ -143,6 +143,8 @@ Result Mirror::create(const std::string& folder, MirrorSettings settings)
 {
     if (settings.m_sizeBytes == 0 || settings.m_sizeBytes % BLOCK_BYTES != 0)
         return Result::usage("a volume's size is a multiple of 512 bytes above 0");
+    if (Result result = checkJournalLimit(settings.m_journalLimitBytes); !result.ok())
+        return result;
     if (Result result = checkFree(folder); !result.ok())
         return result;
     if (!settings.m_target.empty()) {

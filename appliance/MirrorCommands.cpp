@@ -164,6 +164,8 @@ Result MirrorCommands::set(Arguments& arguments, CommandControl&, JsonValue* res
     const std::optional<u64> limit = arguments.number("journal_limit_bytes");
     if (!arguments.fault().ok())
         return arguments.fault();
+    if (Result least = checkJournalLimit(limit.value_or(0)); !least.ok())
+        return least;
     if (Result done = m_mirror.changeSettings(checkpoints, seconds, limit); !done.ok())
         return done;
     const MirrorSettings now = m_mirror.currentSettings();

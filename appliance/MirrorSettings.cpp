@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "appliance/Sizes.h"
 #include "host/journal/CheckedFile.h"
 
 namespace {
@@ -70,6 +71,15 @@ std::string parseSettings(const std::string& text, MirrorSettings* settings)
 }
 
 } // namespace
+
+Result checkJournalLimit(u64 limitBytes)
+{
+    if (limitBytes == 0 || limitBytes >= LEAST_JOURNAL_LIMIT_BYTES)
+        return Result();
+    return Result::usage("a journal limit of " + formatSize(limitBytes) +
+                         " is too small: space is given back in grains of 16 MiB, so it has to be "
+                         "at least 17M, or 0 for none");
+}
 
 Result storeSettings(Storage& storage, const MirrorSettings& settings)
 {

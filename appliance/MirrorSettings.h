@@ -9,6 +9,10 @@
 #include "host/journal/Compression.h"
 #include "host/journal/Storage.h"
 
+// The least that a journal may be limited to: it frees whole grains of 16 MiB only, so one of less
+// could be full of what nobody needs any more. There are mirrors of before that have less.
+constexpr u64 LEAST_JOURNAL_LIMIT_BYTES = u64{17} << 20;
+
 struct MirrorSettings
 {
     // 1: the target was never written to, the journal never trimmed. 2: they may have been.
@@ -26,6 +30,9 @@ struct MirrorSettings
 
     u64 sizeBlocks() const { return m_sizeBytes / BLOCK_BYTES; }
 };
+
+// WrongUsage: a limit that is too small; 0 is none.
+Result checkJournalLimit(u64 limitBytes);
 
 // Writes the file as one step, durably.
 Result storeSettings(Storage& storage, const MirrorSettings& settings);

@@ -31,6 +31,7 @@ private:
 
     Result checkReaders(const Indexes& indexes);
     Result begin(const Indexes& indexes);
+    void countLastGrain(); // which is not counted by the plan
     Result removeFrom(u64 oldPage);
     RcStatus removeItems(const std::vector<SfsDiskMetaItem>& items);
     RcStatus removeItem(const Indexes& indexes, const SfsDiskMetaItem& item);
@@ -71,6 +72,9 @@ Result Trimmer::run(const ChosenPoint& to)
     m_statistics.m_metaGrains = m_plan.m_metaGrains;
     m_statistics.m_bytes = m_plan.m_freedBlocks * (BLOCK_BYTES + sizeof(u32)) +
                            (m_plan.m_begin.m_page - old.m_page) * BLOCK_BYTES;
+    if (m_options.m_dryRun && m_plan.m_noDataBefore == m_journal.endPage() &&
+        m_journal.durableItemCount() == m_journal.itemCount())
+        countLastGrain();
     if (!m_options.m_dryRun && m_control.stopRequested())
         return Result(ResultCode::Interrupted, "interrupted before anything was trimmed");
     // Beforehand, so that nobody who writes has to wait for it.
@@ -157,8 +161,20 @@ Result Trimmer::begin(const Indexes& indexes)
         return result;
     if (Result result = checkReaders(indexes); !result.ok() || m_options.m_dryRun)
         return result;
-    return Result::fromStatus(m_journal.setBegin(m_plan.m_begin, m_plan.m_freedBlocks),
-                              "cannot give the journal a new beginning");
+    const RcStatus rc =
+        m_journal.setBegin(m_plan.m_begin, m_plan.m_freedBlocks, m_plan.m_noDataBefore);
+    if (rc == RC_SUCCESS && m_journal.begin().m_firstGrain > m_plan.m_begin.m_firstGrain)
+        countLastGrain();
+    return Result::fromStatus(rc, "cannot give the journal a new beginning");
+}
+
+void Trimmer::countLastGrain()
+{
+    if (m_plan.m_begin.m_lastGrain == 0 ||
+        m_plan.m_begin.m_firstGrain > m_plan.m_begin.m_lastGrain)
+        return; // there is none, or it has gone already
+    ++m_statistics.m_dataGrains;
+    m_statistics.m_bytes += m_plan.m_begin.m_deadBlocks * (BLOCK_BYTES + sizeof(u32));
 }
 
 // A step at a time, so that indexes can be opened and closed in between.

@@ -175,7 +175,11 @@ RcStatus JournalStore::Impl::appendCheckpoint(const std::string& tag, CpId_t* id
         RcStatus rc = checkWritableLocked();
         if (rc != RC_SUCCESS)
             return rc;
-        if (m_limitBytes != 0 && bytesUsedLocked() + BLOCK_BYTES > m_limitBytes) {
+        // A page beyond the limit is the way out of a journal that is full without a checkpoint to
+        // apply to. One behind what it has accepted, so that they cannot go on beyond it.
+        const bool isFirstHere =
+            m_checkpoints.empty() || m_checkpoints.back().m_itemsBefore != m_items;
+        if (m_limitBytes != 0 && !isFirstHere && bytesUsedLocked() + BLOCK_BYTES > m_limitBytes) {
             m_room = JournalRoom::LimitReached;
             return RC_NO_SPACE;
         }

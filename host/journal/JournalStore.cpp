@@ -311,27 +311,24 @@ JournalBegin JournalStore::begin() const
     return m_impl->m_begin;
 }
 
-RcStatus JournalStore::setBegin(const JournalBegin& begin, u64 freedBlocks)
+RcStatus JournalStore::setBegin(const JournalBegin& begin, u64 freedBlocks, u64 noDataBefore)
 {
-    return m_impl->setBegin(begin, freedBlocks);
+    return m_impl->setBegin(begin, freedBlocks, noDataBefore);
 }
 
 RcStatus JournalStore::removeTrimmed(u64* removed)
 {
-    RcStatus rc = removeBeforeBegin(m_impl->m_grains, begin(), removed);
+    const RcStatus rc = removeBeforeBegin(m_impl->m_grains, begin(), removed);
     // Where the new beginning has used that up, there is room now; the next one tells otherwise.
-    if (rc == RC_SUCCESS) {
-        rc = reserveJournalBegin(m_impl->m_storage, m_impl->m_options.folder);
-        if (rc != RC_IO_ERROR)
-            return RC_SUCCESS;
-    }
+    if (rc == RC_SUCCESS)
+        (void)reserveJournalBegin(m_impl->m_storage, m_impl->m_options.folder);
     if (rc != RC_IO_ERROR)
         return rc;
     MutexGuard guard(m_impl->m_mutex);
     return m_impl->failLocked(rc, "removing grains");
 }
 
-RcStatus JournalStore::Impl::setBegin(const JournalBegin& begin, u64 freedBlocks)
+RcStatus JournalStore::Impl::setBegin(JournalBegin begin, u64 freedBlocks, u64 noDataBefore)
 {
     MutexGuard guard(m_mutex);
     while (m_flushing) // see syncMetadata()
@@ -341,12 +338,25 @@ RcStatus JournalStore::Impl::setBegin(const JournalBegin& begin, u64 freedBlocks
         return writable;
     if (begin.m_page < m_begin.m_page || begin.m_page > m_endPage)
         return RC_BAD_ARGUMENT;
+    const bool dropsLastGrain = noDataBefore == m_endPage && m_pending.empty() &&
+                                m_group.m_pages.empty() && begin.m_firstGrain <= m_dataGrain &&
+                                begin.m_lastGrain == m_dataGrain && m_dataGrain != 0;
+    if (dropsLastGrain) {
+        freedBlocks += begin.m_deadBlocks;
+        begin.m_deadBlocks = 0;
+        begin.m_firstGrain = m_dataGrain + 1;
+        begin.m_lastBlock = SFS_GRAIN_BLOCKS; // nothing is stored behind it
+    }
     // What begins here must be durable, or the journal could end before its beginning.
     RcStatus rc = syncPages(begin.m_page, m_endPage);
     if (rc == RC_SUCCESS)
         rc = storeJournalBegin(m_storage, m_options.folder, begin);
     if (rc != RC_SUCCESS)
         return rc == RC_NOT_FOUND ? rc : failLocked(rc, "making the journal's beginning durable");
+    if (dropsLastGrain) {
+        m_dataBlock = SFS_GRAIN_BLOCKS;
+        m_dirtyGrains.erase(m_dataGrain); // of a write that was undone
+    }
     m_storedBlocks -= std::min(m_storedBlocks, freedBlocks);
     beginAtLocked(begin);
     return RC_SUCCESS;

@@ -134,7 +134,9 @@ public:
     void appendGroup(const std::vector<PreparedRequest*>& requests);
 
     // Appends a checkpoint and flushes: durable when it returns RC_SUCCESS. tag: at most 255 bytes
-    // without control characters; empty for none. *id: its id, from 1 upwards.
+    // without control characters; empty for none. *id: its id, from 1 upwards. The first one behind
+    // the last item may pass the limit, by its page: a journal that is full needs a point to be
+    // applied and trimmed to. Statuses as append().
     RcStatus appendCheckpoint(const std::string& tag, CpId_t* id);
 
     // Makes all that was appended before durable. Callers at the same time share one flush.
@@ -166,8 +168,10 @@ public:
     // what lies before it are the caller's to keep away. RC_BAD_ARGUMENT: not a writer, before the
     // present beginning or behind the end; RC_NO_SPACE, RC_NO_MEMORY, RC_IO_ERROR: the old
     // beginning holds, or after a crash one of the two; after RC_IO_ERROR nothing more is accepted.
-    // freedBlocks: stored blocks in the data grains that go.
-    RcStatus setBegin(const JournalBegin& begin, u64 freedBlocks);
+    // freedBlocks: stored blocks in the data grains that go. noDataBefore: the page before which no
+    // item from the beginning on has data; where that is still the end, and nothing is pending, the
+    // last data grain goes too, dead as it is, and the next write begins another one.
+    RcStatus setBegin(const JournalBegin& begin, u64 freedBlocks, u64 noDataBefore = 0);
 
     // Takes over the beginning that the writer has given the journal since this reader opened it,
     // which was read by loadJournalBegin(); bytesUsed() stays what it was. RC_BAD_ARGUMENT: a

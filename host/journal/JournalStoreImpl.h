@@ -32,7 +32,7 @@ struct JournalStore::Impl
                                 std::vector<SfsDiskMetaItem>* placed) RL_REQUIRES(m_mutex);
     RcStatus appendCheckpoint(const std::string& tag, CpId_t* id) RL_EXCLUDES(m_mutex);
     RcStatus flush() RL_EXCLUDES(m_mutex);
-    RcStatus setBegin(const JournalBegin& begin, u64 freedBlocks) RL_EXCLUDES(m_mutex);
+    RcStatus setBegin(JournalBegin begin, u64 freedBlocks, u64 noDataBefore) RL_EXCLUDES(m_mutex);
     RcStatus syncMetadata(const JournalPtr& from) RL_EXCLUDES(m_mutex);
     RcStatus close() RL_EXCLUDES(m_mutex);
 

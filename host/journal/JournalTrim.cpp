@@ -111,7 +111,7 @@ private:
     RcStatus findFirstGrain(u64 end)
     {
         JournalBegin& begin = m_plan.m_begin;
-        begin.m_firstGrain = begin.m_lastGrain;
+        begin.m_firstGrain = std::max(begin.m_lastGrain, m_old.m_firstGrain);
         bool found = false;
         const RcStatus rc = walkPages(
             m_store, begin.m_page, end, &m_plan.m_message, m_stopped, [&](const JournalPage& page) {
@@ -123,6 +123,8 @@ private:
                 }
                 return !found;
             });
+        if (!found)
+            m_plan.m_noDataBefore = end;
         // Of the grains kept only the first can hold data of items that go.
         begin.m_deadBlocks = begin.m_firstGrain == begin.m_lastGrain ? m_proposedInLastGrain : 0;
         if (begin.m_firstGrain == begin.m_lastGrain && begin.m_firstGrain == m_old.m_firstGrain)

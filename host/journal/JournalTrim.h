@@ -2,6 +2,7 @@
 //
 // The journal begins at a page, since pages are what is numbered and checked; data grains go as
 // soon as no item from there on refers to them, metadata grains when all their pages lie before it.
+// The one that is written goes only where nothing is left in it and nothing was appended meanwhile.
 #pragma once
 
 #include <functional>
@@ -13,9 +14,10 @@ struct JournalTrimPlan
 {
     RcStatus m_rc = RC_SUCCESS;
     std::string m_message;
-    JournalBegin m_begin;  // the present one when there is nothing to take away
-    u64 m_freedBlocks = 0; // of stored data, in the grains that go
-    u64 m_dataGrains = 0;  // that go
+    JournalBegin m_begin;   // the present one when there is nothing to take away
+    u64 m_freedBlocks = 0;  // of stored data, in the grains that go
+    u64 m_dataGrains = 0;   // that go
+    u64 m_noDataBefore = 0; // see JournalStore::setBegin(); 0: an item that is left has data
     u64 m_metaGrains = 0;
 };
 

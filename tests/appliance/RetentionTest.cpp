@@ -154,4 +154,47 @@ TEST(DurationTest, IsReadAndWritten)
     EXPECT_EQ(seconds, 77u);
 }
 
+TEST_F(RetentionTest, JournalThatIsFullWithoutACheckpointGetsOut)
+{
+    make(1, 0, u64{20} << 20);
+    const std::vector<u8> data(500 * BLOCK_BYTES, 1);
+    while (m_mirror->write(0, data.data(), 500).ok()) {
+    }
+    EXPECT_EQ(wanted(), "");
+    ASSERT_TRUE(m_mirror->flush().ok()); // so that the checkpoint gets a page of its own
+    ASSERT_TRUE(m_mirror->checkpoint("", nullptr).ok());
+    EXPECT_EQ(wanted(), "cp:1");
+    ChosenPoint to;
+    to.m_items = m_mirror->journal().itemCount();
+    apply(to.m_items);
+    FlowControl control;
+    TrimStatistics planned;
+    TrimOptions dry;
+    dry.m_dryRun = true;
+    ASSERT_TRUE(trimMirror(*m_mirror, m_host.getEngine(), to, dry, control, &planned).ok());
+    TrimStatistics statistics;
+    ASSERT_TRUE(
+        trimMirror(*m_mirror, m_host.getEngine(), to, TrimOptions(), control, &statistics).ok());
+    EXPECT_EQ(statistics.m_dataGrains, 2u) << "the one that is half full goes too";
+    EXPECT_EQ(planned.m_dataGrains, statistics.m_dataGrains);
+    EXPECT_EQ(planned.m_bytes, statistics.m_bytes);
+    EXPECT_LT(m_mirror->journal().bytesUsed(), u64{1} << 20);
+    EXPECT_TRUE(m_mirror->write(0, data.data(), 500).ok());
+    EXPECT_TRUE(m_mirror->flush().ok());
+    openMirror();
+    EXPECT_EQ(m_mirror->journal().itemCount(), to.m_items + 1);
+}
+
+TEST_F(RetentionTest, LimitsBelowAGrainAreRefused)
+{
+    MirrorSettings settings;
+    settings.m_sizeBytes = BLOCKS * BLOCK_BYTES;
+    settings.m_journalLimitBytes = LEAST_JOURNAL_LIMIT_BYTES - 1;
+    const Result result = Mirror::create(folder(), settings);
+    EXPECT_EQ(result.code(), ResultCode::WrongUsage);
+    EXPECT_NE(result.message().find("at least 17M"), std::string::npos) << result.message();
+    settings.m_journalLimitBytes = LEAST_JOURNAL_LIMIT_BYTES;
+    EXPECT_TRUE(Mirror::create(folder(), settings).ok());
+}
+
 } // namespace

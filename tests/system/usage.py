@@ -165,7 +165,11 @@ def test_journal_limit_is_13_and_keeps_what_was_acknowledged():
             file.write("time_us,op,offset_blocks,length_blocks\n")
             for i in range(400):
                 file.write("%d,W,%d,100\n" % (i, i * 100))
-        rlctl("create", mirror, "--size", "1G", "--journal-limit", "4M")
+        rlctl("create", mirror, "--size", "1G", "--journal-limit", "4M", code=2)
+        one_line("at least 17M")
+        rlctl("create", mirror, "--size", "1G", "--journal-limit", "17M")
+        rlctl("set", mirror, "--journal-limit", "16M", code=2)
+        one_line("at least 17M")
         rlctl("record", mirror, "--trace", trace, "--checkpoint-every", "10", code=13)
         lines = rlctl.errors.splitlines()
         check(len(lines) == 2 and "nearly full" in lines[0] and "limit" in lines[1],
