@@ -1,7 +1,11 @@
 // Reads ranges of a volume on the caller's own thread, through an index that it does not lock:
 // what the index covers from the journal, all else from the target volume.
 //
-//   grace period entered -> plain lookup -> journal and target, right into the caller's buffer
+//   grace period entered -> plain lookup -> target, journal, right into the caller's buffer
+//
+// Content that was written over in small pieces is in many places. They are read in the order in
+// which they lie there, not in the volume's, so that those near to each other take one call, and a
+// compressed IO is read and decompressed once however many pieces of it are left.
 //
 // Why no locks are needed: journal data never changes where it lies, so what a lookup found stays
 // right to serve until its grain goes, and who takes grains away waits for readers. The target
@@ -38,11 +42,12 @@ public:
     RcStatus read(u64 offsetBlocks, u32 lengthBlocks, u8* data);
 
 private:
-    RcStatus readPieces(u64 offsetBlocks, u32 lengthBlocks, u8* data);
-    RcStatus readPlain(const SubRegionDescriptor& first, u32 lengthBlocks, u8* data);
-    RcStatus readCompressed(const SubRegionDescriptor* first, const SubRegionDescriptor* end,
-                            u64 offsetBlocks, u8* data);
-    RcStatus readTarget(u64 offsetBlocks, u64 lengthBlocks, u8* data);
+    struct Window;
+
+    RcStatus readWindow(Window& window);
+    RcStatus readTarget(Window& window);
+    RcStatus readPlain(const Window& window);
+    RcStatus readCompressed(const Window& window, size_t first, size_t end);
     RcStatus refuse(RcStatus rc, u64 viewBlock, u64 address) const;
 
     Mirror& m_mirror;

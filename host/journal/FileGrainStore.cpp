@@ -31,6 +31,11 @@ size_t maxOpenFiles()
 // moment ago, and other memory a virtual machine may first have to ask its host for.
 constexpr u64 MOST_WRITE_BYTES = u64{128} << 10;
 
+// What readDataNow() reads before it checks it: half of what a processor's own cache has, or so.
+constexpr u32 STEP_BLOCKS = 512;
+constexpr size_t STEP_PIECES = 64;
+static_assert(STEP_BLOCKS <= ChecksumCache::CHUNK_BLOCKS); // so its checksums lie in two chunks
+
 // Whether the blocks in a scattered buffer have these checksums.
 bool checkBlocks(const ScatteredBuf& data, const u32* checksums)
 {
@@ -283,41 +288,88 @@ RcStatus FileGrainStore::readChecksums(StorageFile& source, u64 grain, u32 first
     return RC_SUCCESS;
 }
 
-RcStatus FileGrainStore::readDataNow(u64 grain, u32 firstBlock, u32 blocks, u8* data, u32* badBlock)
+// Checks a piece that was read.
+RcStatus FileGrainStore::checkNow(StorageFile& source, u64 grain, const FilePiece& piece,
+                                  u64* badAddress)
 {
+    const u32 firstBlock = static_cast<u32>(piece.m_offsetBytes / BLOCK_BYTES);
+    const u32 blocks = static_cast<u32>(piece.m_bytes / BLOCK_BYTES);
+    std::array<u32, STEP_BLOCKS> checksums;
+    bool kept = m_checksums.find(grain, firstBlock, blocks, checksums.data());
+    if (!kept) {
+        const RcStatus rc = readChecksums(source, grain, firstBlock, blocks, checksums.data());
+        if (rc != RC_SUCCESS)
+            return rc;
+    }
+    if (piece.m_doneBytes < piece.m_bytes)
+        return RC_DAMAGED;
+    const u8* block = piece.m_data;
+    for (u32 i = 0; i < blocks; ++i, block += BLOCK_BYTES) {
+        const u32 checksum = crc32c(block, BLOCK_BYTES);
+        if (checksum != checksums[i] && kept) {
+            // The blocks may have been written anew since the checksums were read.
+            kept = false;
+            const RcStatus rc = readChecksums(source, grain, firstBlock, blocks, checksums.data());
+            if (rc != RC_SUCCESS)
+                return rc;
+        }
+        if (checksum == checksums[i])
+            continue;
+        *badAddress += i;
+        return RC_BAD_CHECKSUM;
+    }
+    return RC_SUCCESS;
+}
+
+RcStatus FileGrainStore::readOfGrainNow(u64 grain, std::span<const StoredPiece> pieces,
+                                        u64* badAddress)
+{
+    *badAddress = pieces[0].m_address;
     FilePtr source;
     RcStatus rc = file(GrainKind::Data, grain, &source);
     if (rc != RC_SUCCESS)
         return rc == RC_NOT_FOUND ? RC_DAMAGED : rc;
-    std::array<u32, 512> checksums;
-    static_assert(checksums.size() <= ChecksumCache::CHUNK_BLOCKS); // so it lies in two chunks
-    for (const u32 end = firstBlock + blocks; firstBlock < end;) {
-        const u32 step = std::min(end - firstBlock, static_cast<u32>(checksums.size()));
-        const u64 dataBytes = u64{step} * BLOCK_BYTES;
-        u64 dataDone = 0;
-        rc = source->pread(data, dataBytes, u64{firstBlock} * BLOCK_BYTES, &dataDone);
-        bool kept = m_checksums.find(grain, firstBlock, step, checksums.data());
-        if (rc == RC_SUCCESS && !kept)
-            rc = readChecksums(*source, grain, firstBlock, step, checksums.data());
+    u32 takenBlocks = 0; // of the first piece
+    while (!pieces.empty()) {
+        std::array<FilePiece, STEP_PIECES> step;
+        size_t count = 0;
+        u32 leftBlocks = STEP_BLOCKS;
+        while (!pieces.empty() && count < step.size() && leftBlocks > 0) {
+            const StoredPiece& piece = pieces[0];
+            const u32 blocks = std::min(piece.m_blocks - takenBlocks, leftBlocks);
+            const u64 firstBlock = piece.m_address % SFS_GRAIN_BLOCKS + takenBlocks;
+            step[count++] = {firstBlock * BLOCK_BYTES, u64{blocks} * BLOCK_BYTES,
+                             piece.m_data + u64{takenBlocks} * BLOCK_BYTES, RC_SUCCESS, 0};
+            leftBlocks -= blocks;
+            takenBlocks += blocks;
+            if (takenBlocks == piece.m_blocks) {
+                takenBlocks = 0;
+                pieces = pieces.subspan(1);
+            }
+        }
+        static_cast<void>(readPieces(*source, {step.data(), count}));
+        for (size_t i = 0; i < count; ++i) {
+            *badAddress = grain * SFS_GRAIN_BLOCKS + step[i].m_offsetBytes / BLOCK_BYTES;
+            rc = step[i].m_rc == RC_SUCCESS ? checkNow(*source, grain, step[i], badAddress)
+                                            : step[i].m_rc;
+            if (rc != RC_SUCCESS)
+                return rc;
+        }
+    }
+    return RC_SUCCESS;
+}
+
+RcStatus FileGrainStore::readDataNow(std::span<const StoredPiece> pieces, u64* badAddress)
+{
+    while (!pieces.empty()) {
+        const u64 grain = SFS_GRAIN_OF(pieces[0].m_address);
+        size_t count = 1;
+        while (count < pieces.size() && SFS_GRAIN_OF(pieces[count].m_address) == grain)
+            ++count;
+        const RcStatus rc = readOfGrainNow(grain, pieces.first(count), badAddress);
         if (rc != RC_SUCCESS)
             return rc;
-        if (dataDone < dataBytes)
-            return RC_DAMAGED;
-        for (u32 i = 0; i < step; ++i, data += BLOCK_BYTES) {
-            const u32 checksum = crc32c(data, BLOCK_BYTES);
-            if (checksum != checksums[i] && kept) {
-                // The blocks may have been written anew since the checksums were read.
-                kept = false;
-                rc = readChecksums(*source, grain, firstBlock, step, checksums.data());
-                if (rc != RC_SUCCESS)
-                    return rc;
-            }
-            if (checksum == checksums[i])
-                continue;
-            *badBlock = firstBlock + i;
-            return RC_BAD_CHECKSUM;
-        }
-        firstBlock += step;
+        pieces = pieces.subspan(count);
     }
     return RC_SUCCESS;
 }

@@ -12,6 +12,7 @@
 
 #include "common/infra/Mutex.h"
 #include "host/journal/ChecksumCache.h"
+#include "host/journal/FilePieces.h"
 #include "host/journal/GrainStore.h"
 #include "host/journal/Storage.h"
 
@@ -31,7 +32,7 @@ public:
     RcStatus sync(GrainKind kind, u64 grain) override;
     RcStatus readMeta(u64 grain, u32 firstBlock, u32 blocks, void* data, u32* doneBlocks) override;
     FutureStatus readData(std::vector<GrainRead> reads, AioPriority priority) override;
-    RcStatus readDataNow(u64 grain, u32 firstBlock, u32 blocks, u8* data, u32* badBlock) override;
+    RcStatus readDataNow(std::span<const StoredPiece> pieces, u64* badAddress) override;
     RcStatus list(GrainKind kind, std::vector<u64>* grains) override;
     RcStatus metaBlocks(u64 grain, u32* blocks) override;
     RcStatus cutMeta(u64 grain, u32 firstBlock) override;
@@ -56,6 +57,8 @@ private:
                        std::unique_ptr<StorageFile>* opened) RL_REQUIRES(m_mutex);
     void closeOldest() RL_REQUIRES(m_mutex);
     std::string path(GrainKind kind, u64 grain) const;
+    RcStatus readOfGrainNow(u64 grain, std::span<const StoredPiece> pieces, u64* badAddress);
+    RcStatus checkNow(StorageFile& source, u64 grain, const FilePiece& piece, u64* badAddress);
     RcStatus readChecksums(StorageFile& source, u64 grain, u32 firstBlock, u32 blocks,
                            u32* checksums);
 

@@ -94,6 +94,16 @@ RcStatus PosixFile::pread(void* data, u64 bytes, u64 offsetBytes, u64* doneBytes
     return RC_SUCCESS;
 }
 
+RcStatus PosixFile::preadv(const iovec* places, int count, u64 offsetBytes, u64* doneBytes)
+{
+    ssize_t n;
+    do
+        n = ::preadv(m_fd, places, count, static_cast<off_t>(offsetBytes));
+    while (n < 0 && errno == EINTR);
+    *doneBytes = n < 0 ? 0 : static_cast<u64>(n);
+    return n < 0 ? rcFromErrno(errno) : RC_SUCCESS;
+}
+
 RcStatus PosixFile::pwrite(const void* data, u64 bytes, u64 offsetBytes)
 {
     const u8* next = static_cast<const u8*>(data);

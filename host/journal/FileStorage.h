@@ -17,6 +17,7 @@ public:
                          std::unique_ptr<StorageFile>* file);
 
     RcStatus pread(void* data, u64 bytes, u64 offsetBytes, u64* doneBytes) override;
+    RcStatus preadv(const iovec* places, int count, u64 offsetBytes, u64* doneBytes) override;
     RcStatus pwrite(const void* data, u64 bytes, u64 offsetBytes) override;
     RcStatus sync() override;
     RcStatus size(u64* bytes) override; // of a block device too

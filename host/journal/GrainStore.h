@@ -6,6 +6,7 @@
 // blocks.
 #pragma once
 
+#include <span>
 #include <vector>
 
 #include "Sfs/IODescriptor.h"
@@ -26,6 +27,14 @@ struct GrainRead
     u32 m_firstBlock = 0;
     u32 m_blocks = 0;
     ScatteredBuf m_data; // refers to the destination
+};
+
+// A read of data blocks into one place, by their journal address; it never crosses a grain's end.
+struct StoredPiece
+{
+    u64 m_address;
+    u32 m_blocks;
+    u8* m_data;
 };
 
 // Thread safety: any thread, except that one thread at a time changes (create, append, cut, remove)
@@ -64,10 +73,11 @@ public:
     // once; the memory that the buffers refer to lives until the future is set.
     virtual FutureStatus readData(std::vector<GrainRead> reads, AioPriority priority) = 0;
 
-    // Reads data blocks of one grain here and now, on the caller's thread. Statuses as readData().
-    // *badBlock: with RC_BAD_CHECKSUM, the first block that is not what was appended.
-    virtual RcStatus readDataNow(u64 grain, u32 firstBlock, u32 blocks, u8* data,
-                                 u32* badBlock) = 0;
+    // Reads data blocks here and now, on the caller's thread, in the order of the pieces, which is
+    // best that of their addresses. Statuses as readData(). *badAddress: after a failure, where;
+    // with RC_BAD_CHECKSUM the first block that is not what was appended, else the begin of what
+    // was being read.
+    virtual RcStatus readDataNow(std::span<const StoredPiece> pieces, u64* badAddress) = 0;
 
     // The numbers of the grains of a kind, ascending.
     virtual RcStatus list(GrainKind kind, std::vector<u64>* grains) = 0;

@@ -493,14 +493,14 @@ FutureStatus JournalStore::readStored(const std::vector<IODescriptorEx>& ios, Ai
     return m_impl->m_grains.readData(std::move(reads), priority);
 }
 
-RcStatus JournalStore::readStoredNow(u64 address, u32 blocks, u8* data, u64* badAddress)
+RcStatus JournalStore::readStoredNow(std::span<const StoredPiece> pieces, u64* badAddress)
 {
-    const u64 grain = SFS_GRAIN_OF(address);
-    const u32 block = static_cast<u32>(address % SFS_GRAIN_BLOCKS);
-    if (address == SFS_DEV_ADDR_INVALID || blocks == 0 || blocks > SFS_GRAIN_BLOCKS - block)
-        return RC_BAD_ARGUMENT;
-    u32 badBlock = 0;
-    const RcStatus rc = m_impl->m_grains.readDataNow(grain, block, blocks, data, &badBlock);
-    *badAddress = address - block + badBlock;
-    return rc;
+    for (const StoredPiece& piece : pieces) {
+        const u32 block = static_cast<u32>(piece.m_address % SFS_GRAIN_BLOCKS);
+        *badAddress = piece.m_address;
+        if (piece.m_address == SFS_DEV_ADDR_INVALID || piece.m_blocks == 0 ||
+            piece.m_blocks > SFS_GRAIN_BLOCKS - block)
+            return RC_BAD_ARGUMENT;
+    }
+    return m_impl->m_grains.readDataNow(pieces, badAddress);
 }

@@ -18,6 +18,7 @@
 
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -205,10 +206,10 @@ public:
     // size), RC_DAMAGED (a grain that is missing or ends before the blocks).
     FutureStatus readStored(const std::vector<IODescriptorEx>& ios, AioPriority priority) override;
 
-    // The same here and now, on the caller's thread: stored blocks from a journal address on.
-    // *badAddress: with RC_BAD_CHECKSUM, the address of the first block that is not what was
-    // written.
-    RcStatus readStoredNow(u64 address, u32 blocks, u8* data, u64* badAddress);
+    // The same here and now, on the caller's thread: stored blocks by their addresses, best in
+    // ascending order, as then those that lie close to each other are read together. *badAddress:
+    // after a failure, as GrainStore::readDataNow().
+    RcStatus readStoredNow(std::span<const StoredPiece> pieces, u64* badAddress);
 
 private:
     struct Impl;

@@ -13,6 +13,7 @@
 
 #include <memory>
 #include <string>
+#include <sys/uio.h>
 #include <vector>
 
 #include "common/infra/RcStatus.h"
@@ -29,6 +30,18 @@ public:
 
     // Reads up to `bytes`; *doneBytes is smaller only where the file ends.
     virtual RcStatus pread(void* data, u64 bytes, u64 offsetBytes, u64* doneBytes) = 0;
+
+    // Reads bytes that follow each other into several places, at most IOV_MAX of them, in one call
+    // of the file's own. Here *doneBytes may be smaller wherever the file likes, down to nothing
+    // for one that cannot: who needs the rest asks pread().
+    virtual RcStatus preadv(const iovec* places, int count, u64 offsetBytes, u64* doneBytes)
+    {
+        static_cast<void>(places);
+        static_cast<void>(count);
+        static_cast<void>(offsetBytes);
+        *doneBytes = 0;
+        return RC_SUCCESS;
+    }
 
     // Writes all of it, growing the file where it ends before the range.
     virtual RcStatus pwrite(const void* data, u64 bytes, u64 offsetBytes) = 0;

@@ -80,14 +80,22 @@ FutureStatus TargetVolume::start(const std::vector<IODescriptor>& ios, bool writ
     return future;
 }
 
-RcStatus TargetVolume::readNow(u64 offsetBlocks, u64 lengthBlocks, u8* data)
+RcStatus TargetVolume::readNow(std::span<FilePiece> pieces)
 {
-    if (offsetBlocks > m_lengthBlocks || lengthBlocks > m_lengthBlocks - offsetBlocks)
-        return RC_BAD_ARGUMENT;
-    const u64 bytes = lengthBlocks * BLOCK_BYTES;
-    u64 done = 0;
-    const RcStatus rc = m_file->pread(data, bytes, offsetBlocks * BLOCK_BYTES, &done);
-    return rc == RC_SUCCESS && done < bytes ? RC_DAMAGED : rc;
+    const u64 volumeBytes = m_lengthBlocks * BLOCK_BYTES;
+    for (FilePiece& piece : pieces) {
+        piece.m_rc = RC_SUCCESS;
+        if (piece.m_offsetBytes > volumeBytes || piece.m_bytes > volumeBytes - piece.m_offsetBytes)
+            return piece.m_rc = RC_BAD_ARGUMENT;
+    }
+    const RcStatus rc = readPieces(*m_file, pieces);
+    if (rc != RC_SUCCESS)
+        return rc;
+    for (FilePiece& piece : pieces) {
+        if (piece.m_doneBytes < piece.m_bytes)
+            return piece.m_rc = RC_DAMAGED;
+    }
+    return RC_SUCCESS;
 }
 
 RcStatus TargetVolume::writeZeroes(u64 offsetBlocks, u64 lengthBlocks)

@@ -2,11 +2,13 @@
 #pragma once
 
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "Sfs/IODescriptor.h"
 #include "common/infra/Future.h"
+#include "host/journal/FilePieces.h"
 #include "host/journal/Storage.h"
 
 class AsyncFileIo;
@@ -34,8 +36,9 @@ public:
     // copied; the buffers' memory lives until the future is set.
     FutureStatus read(const std::vector<IODescriptor>& ios, AioPriority priority);
 
-    // The same here and now, on the caller's thread, into lengthBlocks * 512 bytes.
-    RcStatus readNow(u64 offsetBlocks, u64 lengthBlocks, u8* data);
+    // The same here and now, on the caller's thread, in the order of the pieces, which is best that
+    // of their offsets. Ends with the first failure, which its piece has too; as for read().
+    RcStatus readNow(std::span<FilePiece> pieces);
 
     // Starts the writes of descriptors with m_bRead false, likewise.
     FutureStatus write(const std::vector<IODescriptor>& ios, AioPriority priority);

@@ -92,7 +92,8 @@ protected:
     int read(FileGrainStore& store, u32 firstBlock, u32 blocks)
     {
         std::vector<u8> data(blocks * BLOCK_BYTES, 0xAA);
-        m_rc = store.readDataNow(1, firstBlock, blocks, data.data(), &m_bad);
+        const StoredPiece piece{u64{SFS_GRAIN_BLOCKS} + firstBlock, blocks, data.data()};
+        m_rc = store.readDataNow({&piece, 1}, &m_bad);
         if (m_rc != RC_SUCCESS)
             return -1;
         EXPECT_EQ(data, std::vector<u8>(data.size(), data[0]));
@@ -114,7 +115,7 @@ protected:
     FileGrainStore m_writer{m_storage, "j", false, m_io};
     FileGrainStore m_reader{m_storage, "j", true, m_io};
     RcStatus m_rc = RC_SUCCESS;
-    u32 m_bad = 0;
+    u64 m_bad = 0; // an address
 };
 
 TEST_F(CheckedReadTest, ReadsAnewWhatWasWrittenAnewByWhomeverAfterItWasRead)
@@ -133,12 +134,12 @@ TEST_F(CheckedReadTest, NamesTheBlockThatIsDamagedAlsoWhenItWasGoodBefore)
     flipByteOfBlock(CHUNK + 5);
     EXPECT_EQ(read(m_writer, 0, BLOCKS), -1);
     EXPECT_EQ(m_rc, RC_BAD_CHECKSUM);
-    EXPECT_EQ(m_bad, CHUNK + 5);
+    EXPECT_EQ(m_bad, SFS_GRAIN_BLOCKS + CHUNK + 5);
     EXPECT_EQ(read(m_writer, CHUNK - 8, 8), 1);
     flipByteOfBlock(CHUNK - 8);
     EXPECT_EQ(read(m_writer, CHUNK - 16, 16), -1);
     EXPECT_EQ(m_rc, RC_BAD_CHECKSUM);
-    EXPECT_EQ(m_bad, CHUNK - 8);
+    EXPECT_EQ(m_bad, SFS_GRAIN_BLOCKS + CHUNK - 8);
     EXPECT_EQ(read(m_writer, CHUNK + 6, CHUNK - 6), 1);
 }
 

@@ -161,8 +161,9 @@ TEST_F(JournalDescriptorsTest, GrainsThatAreKeptOpenGiveWay)
     }
     for (u64 grain = 1; grain <= GRAINS + 1; ++grain) {
         std::vector<u8> data(BLOCK_BYTES);
-        u32 bad = 0;
-        ASSERT_EQ(store.readDataNow(grain, 0, 1, data.data(), &bad), RC_SUCCESS);
+        const StoredPiece piece{grain * SFS_GRAIN_BLOCKS, 1, data.data()};
+        u64 bad = 0;
+        ASSERT_EQ(store.readDataNow({&piece, 1}, &bad), RC_SUCCESS);
         EXPECT_EQ(data[17], grain);
     }
 }

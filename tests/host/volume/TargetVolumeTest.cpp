@@ -88,7 +88,11 @@ TEST_F(TargetVolumeTest, WhatWasCutOffFromTheFileIsDamagedAndNotZeroes)
     std::vector<u8> beyond(2 * BLOCK_BYTES);
     EXPECT_EQ(m_volume->read({io(9, beyond, true)}, AioPriority::Normal).get(), RC_DAMAGED);
     EXPECT_EQ(m_volume->read({io(50, beyond, true)}, AioPriority::Normal).get(), RC_DAMAGED);
-    EXPECT_EQ(m_volume->readNow(9, 2, beyond.data()), RC_DAMAGED);
+    FilePiece pieces[] = {{8 * BLOCK_BYTES, BLOCK_BYTES, beyond.data(), RC_SUCCESS, 0},
+                          {9 * BLOCK_BYTES, 2 * BLOCK_BYTES, beyond.data(), RC_SUCCESS, 0}};
+    EXPECT_EQ(m_volume->readNow(pieces), RC_DAMAGED);
+    EXPECT_EQ(pieces[0].m_rc, RC_SUCCESS);
+    EXPECT_EQ(pieces[1].m_rc, RC_DAMAGED);
     u64 start = 0;
     u64 end = 0;
     EXPECT_EQ(m_volume->nextData(10, &start, &end), RC_DAMAGED);
