@@ -181,7 +181,8 @@ TEST_F(ControlTest, ACommandIsAnsweredWithAllThatItTells)
 {
     serve();
     JsonValue result;
-    ASSERT_TRUE(run("echo", JsonValue{{"text", "\xff not UTF-8"}}, &result).ok());
+    ASSERT_TRUE(run("echo", JsonValue{{"text", "f\xc3\xbcnf"}}, &result).ok());
+    EXPECT_EQ(result["arguments"]["text"].get<std::string>(), "f\xc3\xbcnf");
     EXPECT_EQ(m_listener.m_said, std::vector<std::string>{"said"});
     EXPECT_EQ(m_listener.m_details, std::vector<std::string>{"a detail"});
     const Result failed = run("anything else", JsonValue(), &result);
@@ -190,6 +191,16 @@ TEST_F(ControlTest, ACommandIsAnsweredWithAllThatItTells)
     EXPECT_EQ(run("throw", JsonValue(), &result).code(), ResultCode::Failed);
     ASSERT_TRUE(run("large", JsonValue(), &result).ok());
     EXPECT_EQ(result["text"].get<std::string>().size(), size_t{8} << 20);
+}
+
+TEST_F(ControlTest, WhatIsNoTextIsNotSent)
+{
+    serve();
+    JsonValue result;
+    EXPECT_EQ(run("echo", JsonValue{{"text", "\xff not UTF-8"}}, &result).code(),
+              ResultCode::WrongUsage);
+    EXPECT_TRUE(m_listener.m_said.empty());
+    ASSERT_TRUE(run("echo", JsonValue(), &result).ok());
 }
 
 TEST_F(ControlTest, OneConnectionTakesOneCommandAfterAnother)

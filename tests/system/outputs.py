@@ -111,7 +111,7 @@ def test_resuming_is_refused_after_other_writers():
         with open(trace, "w") as file:
             file.write("time_us,op,offset_blocks,length_blocks\n")
             file.writelines("%d,W,%d,100\n" % (i, i * 100) for i in range(400))
-        rlctl("create", mirror, "--size", "1G", "--journal-limit", "4M")
+        rlctl("create", mirror, "--size", "1G", "--journal-limit", "17M")
         rlctl("record", mirror, "--trace", trace, code=13)
         rlctl("set", mirror, "--journal-limit", "64M")
         rlctl("checkpoint", mirror)  # journals no item
@@ -158,7 +158,7 @@ def test_with_json_all_talk_is_json():
         with open(trace, "w") as file:
             file.write("time_us,op,offset_blocks,length_blocks\n")
             file.writelines("%d,W,%d,100\n" % (i, i * 100) for i in range(400))
-        rlctl("create", mirror, "--size", "1G", "--journal-limit", "4M")
+        rlctl("create", mirror, "--size", "1G", "--journal-limit", "17M")
         rlctl("record", mirror, "--trace", trace, "--json", code=13)
         lines = [json.loads(line) for line in rlctl.errors.splitlines()]
         check(len(lines) >= 2 and [line.get("type") for line in lines].count("error") == 1,
