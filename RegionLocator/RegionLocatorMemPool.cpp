@@ -176,8 +176,6 @@ FutureStatus RegionLocatorMemPool::fillVoucher(RegionLocatorVoucher* voucher, in
     if (count == 0)
         return makeSetFuture(RC_SUCCESS);
     keepUp();
-    // First, as what takes the tokens in later has nobody to tell that the heap gives nothing.
-    voucher->makeRoomFor(static_cast<u32>(count));
     auto* observer = SHIELD_NEW(FillVoucherObserver, voucher);
     const u32 sizeBytes = static_cast<u32>(count) * getChunkSize();
     FutureStatus filled;

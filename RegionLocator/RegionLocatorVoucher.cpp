@@ -1,5 +1,7 @@
 #include "RegionLocator/RegionLocatorVoucher.h"
 
+#include <new>
+
 #include "RegionLocator/RegionLocatorMemPool.h"
 
 namespace {
@@ -19,21 +21,20 @@ RegionLocatorVoucher::~RegionLocatorVoucher()
     SOFT_CHECK(m_objs.empty());
 }
 
-// An insert frees the regions that it covers, so the voucher of an operation may grow. Room is made
-// before the operation, and is kept when the voucher is cleared.
-void RegionLocatorVoucher::makeRoomFor(u32 tokens)
-{
-    m_objs.reserve(m_objs.size() + m_objs.m_chained + 2 * size_t{tokens});
-}
-
 void RegionLocatorVoucher::addMemorySegments(ScatteredBuf& buf)
 {
     const u32 count = buf.getSegmentsCount();
-    makeRoomFor(count);
-    while (m_objs.m_chained > 0)
-        m_objs.push_back(unchain());
+    try {
+        // An insert frees the regions that it covers, so the voucher of an operation may grow. Room
+        // is made here, before the operation, and is kept when the voucher is cleared.
+        m_objs.reserve(m_objs.size() + m_objs.m_chained + 2 * size_t{count});
+        while (m_objs.m_chained > 0)
+            m_objs.push_back(unchain());
+    } catch (const std::bad_alloc&) {
+        // Nobody could be told: the pool has handed the tokens out.
+    }
     for (u32 i = 0; i < count; ++i)
-        m_objs.push_back(buf.getSegment(i).getPtr());
+        addObj(buf.getSegment(i).getPtr());
 }
 
 void RegionLocatorVoucher::clear(RegionLocatorMemPool* pool, ModuleMemoryInformation* mmi)

@@ -26,12 +26,9 @@ public:
     RegionLocatorVoucher(const RegionLocatorVoucher&) = delete;
     RegionLocatorVoucher& operator=(const RegionLocatorVoucher&) = delete;
 
-    // Takes every segment of the buffer as one token, in segment order. Needs no heap where room
-    // was made for them.
+    // Takes every segment of the buffer as one token, in segment order. Where the heap has no room
+    // for the list, they are chained.
     void addMemorySegments(ScatteredBuf& buf);
-
-    // Room for so many tokens more, and for as many again that an operation frees.
-    void makeRoomFor(u32 tokens);
 
     // So many tokens need not be chained, whatever is held.
     void makeRoom(size_t tokens) { m_objs.reserve(tokens); }
