@@ -170,8 +170,7 @@ Result Trimmer::begin(const Indexes& indexes)
 
 void Trimmer::countLastGrain()
 {
-    if (m_plan.m_begin.m_lastGrain == 0 ||
-        m_plan.m_begin.m_firstGrain > m_plan.m_begin.m_lastGrain)
+    if (m_plan.m_begin.m_lastGrain == 0 || m_plan.m_begin.m_firstGrain > m_plan.m_begin.m_lastGrain)
         return; // there is none, or it has gone already
     ++m_statistics.m_dataGrains;
     m_statistics.m_bytes += m_plan.m_begin.m_deadBlocks * (BLOCK_BYTES + sizeof(u32));
