@@ -4,7 +4,8 @@ import json
 import os
 import subprocess
 
-from support import FAR_END, RLCTL, Failure, Folder, check, rlctl, rlctl_json, run
+from support import (FAR_END, RLCTL, Failure, Folder, check, rlctl, rlctl_json, run,
+                     write_plain_trace)
 
 
 def small_mirror(folder):
@@ -104,19 +105,10 @@ def test_nothing_is_written_over_a_mirror():
         check(rlctl_json("verify", mirror)["ok"], "verify")
 
 
-def write_long_trace(folder):
-    """More than a journal of the least limit holds."""
-    trace = os.path.join(folder, "trace.csv")
-    with open(trace, "w") as file:
-        file.write("time_us,op,offset_blocks,length_blocks\n")
-        file.writelines("%d,W,%d,100\n" % (i, i * 100) for i in range(400))
-    return trace
-
-
 def test_resuming_is_refused_after_other_writers():
     with Folder() as folder:
         mirror = os.path.join(folder, "m")
-        trace = write_long_trace(folder)
+        trace = write_plain_trace(folder, 400, 100)
         rlctl("create", mirror, "--size", "1G", "--journal-limit", "17M")
         rlctl("record", mirror, "--trace", trace, code=13)
         rlctl("set", mirror, "--journal-limit", "64M")
@@ -133,10 +125,7 @@ def test_resuming_is_refused_after_other_writers():
 def test_file_size_limits_are_full_disks():
     with Folder() as folder:
         mirror = os.path.join(folder, "m")
-        trace = os.path.join(folder, "trace.csv")
-        with open(trace, "w") as file:
-            file.write("time_us,op,offset_blocks,length_blocks\n")
-            file.writelines("%d,W,%d,1000\n" % (i, i * 1000) for i in range(100))
+        trace = write_plain_trace(folder, 100, 1000)
         rlctl("create", mirror, "--size", "1G")
         done = subprocess.run(["sh", "-c", 'ulimit -f 4096; exec "$@"', "sh", RLCTL, "record", mirror,
                                "--trace", trace], stderr=subprocess.PIPE, check=False)
@@ -160,7 +149,7 @@ def test_a_result_that_is_lost_is_a_failure():
 def test_with_json_all_talk_is_json():
     with Folder() as folder:
         mirror = os.path.join(folder, "m")
-        trace = write_long_trace(folder)
+        trace = write_plain_trace(folder, 400, 100)
         rlctl("create", mirror, "--size", "1G", "--journal-limit", "17M")
         rlctl("record", mirror, "--trace", trace, "--json", code=13)
         lines = [json.loads(line) for line in rlctl.errors.splitlines()]

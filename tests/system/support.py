@@ -77,6 +77,15 @@ def rlctl_json(*arguments, code=0):
     return answer
 
 
+def write_plain_trace(folder, writes, length):
+    """A trace of writes of so many blocks, one behind the other."""
+    trace = os.path.join(folder, "trace.csv")
+    with open(trace, "w") as file:
+        file.write("time_us,op,offset_blocks,length_blocks\n")
+        file.writelines("%d,W,%d,%d\n" % (i, i * length, length) for i in range(writes))
+    return trace
+
+
 def read_trace(path):
     """The lines that are recorded: (is_write, offset, length)."""
     if path.endswith(".zst"):

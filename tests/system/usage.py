@@ -4,7 +4,7 @@ import json
 import os
 import subprocess
 
-from support import RLCTL, Folder, check, rlctl, rlctl_json, run
+from support import RLCTL, Folder, check, rlctl, rlctl_json, run, write_plain_trace
 
 
 def one_line(text):
@@ -160,11 +160,7 @@ def test_damaged_settings_are_12():
 def test_journal_limit_is_13_and_keeps_what_was_acknowledged():
     with Folder() as folder:
         mirror = os.path.join(folder, "m")
-        trace = os.path.join(folder, "trace.csv")
-        with open(trace, "w") as file:
-            file.write("time_us,op,offset_blocks,length_blocks\n")
-            for i in range(400):
-                file.write("%d,W,%d,100\n" % (i, i * 100))
+        trace = write_plain_trace(folder, 400, 100)
         rlctl("create", mirror, "--size", "1G", "--journal-limit", "4M", code=2)
         one_line("at least 17M")
         rlctl("create", mirror, "--size", "1G", "--journal-limit", "17M")
