@@ -3,7 +3,8 @@
 #include "appliance/ServedExportKinds.h"
 #include "common/infra/LogItem.h"
 
-ServedExport::ServedExport(ServedMirror& served) : m_served(served)
+ServedExport::ServedExport(ServedMirror& served)
+    : m_served(served), m_sizeBytes(served.mirror().settings().m_sizeBytes)
 {
     ++m_served.counters().m_connections;
     ++m_served.counters().m_opened;
@@ -17,7 +18,9 @@ ServedExport::~ServedExport()
 Result ServedExport::open(ServedMirror& served, const std::string& name,
                           std::unique_ptr<ServedExport>* opened)
 {
-    Result result = openExportKind(served, name, opened);
+    const ServedMirror::Request request(served);
+    Result result =
+        request.isAdmitted() ? openExportKind(served, name, opened) : ServedMirror::ending();
     if (!result.ok())
         ++served.counters().m_refused;
     return result;

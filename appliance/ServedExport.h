@@ -34,7 +34,7 @@ public:
 
     // The default export, of an empty name: live, or latest of a mirror served read-only.
     // WrongUsage: no such kind of export; NotFound: no such point, the message states the window;
-    // else as ViewShelf::open(). served: outlives the export.
+    // Interrupted: the mirror is ending; else as ViewShelf::open(). served: outlives the export.
     static Result open(ServedMirror& served, const std::string& name,
                        std::unique_ptr<ServedExport>* opened);
 
@@ -42,7 +42,7 @@ public:
     ServedExport(const ServedExport&) = delete;
     ServedExport& operator=(const ServedExport&) = delete;
 
-    u64 sizeBytes() { return m_served.mirror().settings().m_sizeBytes; }
+    u64 sizeBytes() const { return m_sizeBytes; }
     virtual bool isWritable() const { return false; }
     virtual std::string description() const = 0;
 
@@ -73,4 +73,6 @@ private:
     bool isWhole(u64 offsetBytes, u32 lengthBytes);
     RcStatus changed(RcStatus rc, bool durable);
     RcStatus counted(ServedOp op, RcStatus rc, u32 lengthBytes);
+
+    const u64 m_sizeBytes;
 };

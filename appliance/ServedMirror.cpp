@@ -72,6 +72,7 @@ Result ServedMirror::seal(u64 deadlineMs)
 
 Result ServedMirror::stop()
 {
+    m_sealed = true;
     if (m_mirror == nullptr)
         return Result();
     m_views->stop();
@@ -79,6 +80,7 @@ Result ServedMirror::stop()
     // First, as an apply may take its time to come to a point where it can stop.
     if (!m_options.m_readOnly)
         const Result ignored = m_mirror->flush(); // closing tries again, and tells
+    m_requests.wait();
     m_services.reset();
     m_diffs.reset();
     m_views.reset();

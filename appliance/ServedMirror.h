@@ -60,8 +60,12 @@ public:
     void interruptStart() { m_startInterrupted = true; }
 
     // Ends what is under way, and closes the mirror: all that was answered is durable after that.
-    // REQUIRES: no client has anything open. Failures of the journal's close.
+    // What comes later is refused, what was begun waited for. REQUIRES: nobody uses what is open
+    // any more, though it need not be closed. Failures of the journal's close.
     Result stop();
+
+    // What a client is told whose request came too late.
+    static Result ending() { return Result(ResultCode::Interrupted, "the server is ending"); }
 
     // For an end that clients stay connected through: answers no request any more, waits for those
     // under way, and makes what was answered durable. From any thread; stop() still comes after it
@@ -69,7 +73,7 @@ public:
     // monotonic milliseconds); else as the journal's flush.
     Result seal(u64 deadlineMs);
 
-    // A request of a client, for its length; one that is not admitted came after seal().
+    // A request of a client, for its length; one that is not admitted came after seal() or stop().
     class Request
     {
     public:
