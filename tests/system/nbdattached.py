@@ -7,7 +7,7 @@ import subprocess
 import time
 
 from nbdsupport import need_nbd, run_tool, skip
-from support import Failure, check
+from support import FAR_END, Failure, check
 
 
 def need_devices():
@@ -71,13 +71,12 @@ class Attached:
                 self.detach()
 
     def detach(self):
-        for _ in range(1000):  # the loop device lets go of the file a moment later
-            if subprocess.run(["fusermount3", "-u", self.folder], stderr=subprocess.DEVNULL,
-                              check=False).returncode == 0:
-                break
+        until = time.monotonic() + FAR_END  # the loop device lets go of the file a moment later
+        while subprocess.run(["fusermount3", "-u", self.folder], stderr=subprocess.DEVNULL,
+                             check=False).returncode != 0 and time.monotonic() < until:
             time.sleep(0.05)
         try:
-            self.fuse.wait(20)
+            self.fuse.wait(FAR_END)
         except subprocess.TimeoutExpired:
             self.fuse.kill()
             self.fuse.wait()

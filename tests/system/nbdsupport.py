@@ -15,7 +15,7 @@ import sys
 import time
 import urllib.parse
 
-from support import FAR_END, Failure, check, rlctl_json
+from support import FAR_END, STOP_SECONDS, Failure, check, rlctl_json, stacks, stacks_told
 
 PLUGIN = os.environ.get("RL_NBD_PLUGIN", "")
 PRELOAD = os.environ.get("RL_NBD_PRELOAD", "")
@@ -99,7 +99,7 @@ class Server:
         self.log_file = os.path.join(folder, name + ".log")
         # Slow disks and busy machines have their time: what is not durable then is a failure.
         if not any(one.startswith("stop-timeout=") for one in parameters):
-            parameters = (*parameters, "stop-timeout=120s")
+            parameters = (*parameters, "stop-timeout=%ds" % STOP_SECONDS)
         # What a served plugin says of its own end is part of what is tested: no --exit-with-parent.
         self.command = ["nbdkit", "-f", "-U", self.socket, "-P", self.pid_file, *options,
                         *("--filter=" + one for one in filters), PLUGIN, "mirror=" + mirror,
@@ -129,20 +129,22 @@ class Server:
         return "nbd+unix:///%s?socket=%s" % (
             urllib.parse.quote(export, safe=":."), urllib.parse.quote(self.socket, safe="/"))
 
-    def stop(self, within=60):
+    def stop(self):
         """Ends it as a service manager would; it has to end well, and by itself: before the time is
-        over that it gives itself."""
+        over that it gives itself, or the code is another."""
         if self.process is None:
             return
         process, self.process = self.process, None
         process.send_signal(signal.SIGTERM)
         try:
-            code = process.wait(within)
+            with stacks_told(process):
+                code = process.wait(STOP_SECONDS + FAR_END)
         except subprocess.TimeoutExpired:
+            where = stacks(process.pid)
             process.kill()
             process.wait()
-            raise Failure("the server did not end within %d s:\n%s" % (
-                within, self.log()[-4000:])) from None
+            raise Failure("the server does not end:\n%s\n%s" % (
+                self.log()[-4000:], where)) from None
         check(code == 0, "the server ended with %d:\n%s" % (code, self.log()[-4000:]))
 
     def kill(self):

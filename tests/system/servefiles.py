@@ -12,7 +12,8 @@ import time
 
 from nbdsupport import need_nbd
 from serve import nbd
-from support import FAR_END, RLCTL, Failure, Folder, check, rlctl, rlctl_json, run, wait_until
+from support import (FAR_END, RLCTL, STOP_SECONDS, Failure, Folder, check, rlctl, rlctl_json, run,
+                     stacks_told, wait_until)
 
 MIB = 1 << 20
 SIZE = 256 * MIB
@@ -27,7 +28,7 @@ class Few:
         self.log_file = mirror + ".log"
         with open(self.log_file, "wb") as log:
             self.process = subprocess.Popen(  # pylint: disable=subprocess-popen-preexec-fn
-                [RLCTL, "serve", mirror, "--stop-timeout", "120s", *options],
+                [RLCTL, "serve", mirror, "--stop-timeout", "%ds" % STOP_SECONDS, *options],
                 stdin=subprocess.DEVNULL, stdout=log, stderr=log,
                 preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (number, number)))
         until = time.monotonic() + FAR_END
@@ -44,13 +45,9 @@ class Few:
             return file.read().decode(errors="replace")
 
     def end(self):
-        self.process.send_signal(signal.SIGTERM)
-        try:
-            self.process.wait(60)  # before the time is over that it gives itself
-        except subprocess.TimeoutExpired:
-            self.process.kill()
+        with stacks_told(self.process):
+            self.process.send_signal(signal.SIGTERM)
             self.process.wait()
-            raise Failure("it does not end:\n" + self.log()[-3000:]) from None
         check(self.process.returncode == 0, "exit code %d:\n%s" % (
             self.process.returncode, self.log()[-3000:]))
 

@@ -15,7 +15,8 @@ import sys
 import time
 
 from serve import SIZE, Served, made, nbd
-from support import FAR_END, RLCTL, Folder, check, listens, rlctl, rlctl_json, run
+from support import (FAR_END, RLCTL, STOP_SECONDS, Folder, check, listens, rlctl, rlctl_json, run,
+                     stacks_told)
 
 ITEMS = 300000
 LARGEST = 32 << 20
@@ -51,13 +52,15 @@ def an_end_before_it_serves():
         # More of them where the machine is so busy that none came in the opening.
         while number < 24 or (interrupted == 0 and number < 240):
             number += 1
-            process = subprocess.Popen([RLCTL, "serve", mirror, "-v", "--stop-timeout", "120s"],
-                                       stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+            process = subprocess.Popen(
+                [RLCTL, "serve", mirror, "-v", "--stop-timeout", "%ds" % STOP_SECONDS],
+                stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
             check(listens(process, signal.SIGTERM, signal.SIGINT), "it ends without being told")
             time.sleep(chance.random() * whole)
             process.send_signal(signal.SIGTERM if number % 2 else signal.SIGINT)
             told = time.monotonic()
-            log = process.communicate(timeout=FAR_END)[0].decode(errors="replace")
+            with stacks_told(process):
+                log = process.communicate()[0].decode(errors="replace")
             slowest = max(slowest, time.monotonic() - told)
             check(process.returncode == 0, "exit code %d: %s" % (process.returncode, log[-3000:]))
             interrupted += "told to end while the mirror was being opened" in log
@@ -74,8 +77,8 @@ def a_start_that_takes_long():
     """Whoever looks whether it serves already gives the server nothing to complain of."""
     with Folder() as folder:
         mirror = of_many_items(folder)
-        process = subprocess.Popen([RLCTL, "serve", mirror], stdout=subprocess.PIPE,
-                                   stderr=subprocess.STDOUT)
+        process = subprocess.Popen([RLCTL, "serve", mirror, "--stop-timeout", "%ds" % STOP_SECONDS],
+                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         while not os.path.exists(os.path.join(mirror, "nbd")):
             check(process.poll() is None, "the server ended")
             time.sleep(0.002)
@@ -90,7 +93,7 @@ def a_start_that_takes_long():
             check(line, "it ended before it served: %r" % log)
             log += line
         process.send_signal(signal.SIGTERM)
-        log += process.communicate(timeout=30)[0]
+        log += process.communicate()[0]
         check(process.returncode == 0 and b"error" not in log, "%d: %r" % (process.returncode, log))
 
 
@@ -181,7 +184,6 @@ def a_flood_of_connections():
             print("     %d MiB before, %d at most (bound %d); slowest write and read %.3f s" % (
                 before // MIB, peak // MIB, bound // MIB, slowest), flush=True)
             check(peak < bound, "%d MiB of memory" % (peak // MIB))
-            check(slowest < 60, "the keeper waits")
             keeper.shutdown()
             served.end()
 

@@ -5,6 +5,7 @@ recorded line that wrote it, 0 for zeroes. It shares no code with the program.
 """
 
 import array
+import contextlib
 import glob
 import json
 import os
@@ -14,6 +15,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 BLOCK = 512
@@ -22,7 +24,10 @@ RLCTL = sys.argv[1]
 
 # What has no time limit of its own is waited for as long as it takes, however slow the machine: this
 # far end is there only so that a test which waits in vain ends, and says where.
-FAR_END = 300
+FAR_END = 900
+# What a server that a test ends gives itself for it. It says by its exit code whether it kept to
+# that, so no test looks at a clock beside it.
+STOP_SECONDS = 600
 
 
 class Failure(Exception):
@@ -41,6 +46,42 @@ def wait_until(condition, text):
         if time.monotonic() > until:
             raise Failure(text() if callable(text) else text)
         time.sleep(0.005)
+
+
+def stacks(pid):
+    """What the threads of a process and of its children wait for, as far as this machine tells."""
+    pids, told = [pid], []
+    for one in pids:
+        for task in sorted(glob.glob("/proc/%d/task/*" % one)):
+            try:
+                with open(task + "/children", encoding="ascii") as file:
+                    pids += [int(child) for child in file.read().split()]
+                with open(task + "/status", encoding="ascii") as file:
+                    state = [line.split(None, 1)[1].strip() for line in file
+                             if line.startswith(("Name:", "State:", "SigPnd:", "ShdPnd:"))]
+                with open(task + "/wchan", encoding="ascii") as file:
+                    told.append("%s %s in %s" % (task, ", ".join(state), file.read()))
+            except OSError:
+                pass
+        if shutil.which("gdb"):
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                told.append(subprocess.run(
+                    ["gdb", "-p", str(one), "-batch", "-ex", "thread apply all bt 25"],
+                    stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                    check=False, timeout=FAR_END).stdout.decode(errors="replace"))
+    return "\n".join(told)
+
+
+@contextlib.contextmanager
+def stacks_told(process, seconds=120):
+    """Prints them where what is done inside takes long, which is no failure by itself."""
+    timer = threading.Timer(seconds, lambda: print(stacks(process.pid), flush=True))
+    timer.start()
+    try:
+        yield
+    finally:
+        timer.cancel()
+        timer.join()
 
 
 def handles(process, *signals):

@@ -8,7 +8,7 @@ import sys
 import time
 
 from nbdsupport import need_nbd, skip
-from support import FAR_END, RLCTL, Failure, Folder, check, run
+from support import FAR_END, RLCTL, Failure, Folder, check, run, wait_until
 
 PAGE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "docs", "tutorial.md")
 LETTER = "files/letters/ada.txt"
@@ -101,7 +101,8 @@ def test_tutorial():
                 shell.type(command)
             shell.process.stdin.close()
             check(shell.process.wait(FAR_END) == 0, "the shell's end:\n" + shell.log())
-            check(not os.path.exists(shell.path("disk.mirror/nbd")), "the socket is left behind")
+            wait_until(lambda: not os.path.exists(shell.path("disk.mirror/nbd")),
+                       "the socket is left behind")
         except (Failure, subprocess.TimeoutExpired) as failure:
             raise Failure("%s\n%s" % (failure, shell.log())) from None
         finally:
