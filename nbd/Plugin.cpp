@@ -37,7 +37,9 @@ constexpr size_t MAX_LISTED = 9000;
 constexpr size_t MAX_EXTENTS = 4096;
 
 PluginConfig config;
-std::unique_ptr<PluginServer> server;
+// Never destroyed: the thread of a connection that came with the end may still look whether
+// anything is served.
+PluginServer* server = nullptr;
 PluginStopper stopper;
 
 struct Handle
@@ -146,9 +148,7 @@ void endServer()
         static_cast<void>(ignored);
     }
     logRest();
-    // The stopper's thread may look at what is served until it has ended.
     stopper.disarm();
-    server.reset();
 }
 
 // Threads do not survive the fork before this.
@@ -157,7 +157,7 @@ int afterFork()
     return guarded(-1, [] {
         if (tell(raiseFileLimit()) == -1)
             return -1;
-        server = std::make_unique<PluginServer>();
+        server = new PluginServer;
         if (tell(server->prepare(config)) == -1)
             return -1;
         // Before the mirror is opened, as a big journal takes long to index.
@@ -181,6 +181,16 @@ void cleanup()
 {
     guarded(0, [] {
         endServer();
+        PluginStopper::limitUnload();
+        return 0;
+    });
+}
+
+// Where cleanup was not reached; else it does nothing.
+void unload()
+{
+    guarded(0, [] {
+        endServer();
         return 0;
     });
 }
@@ -200,22 +210,13 @@ int takeConnection(int /*readonly*/)
 
 // ---- exports ----
 
-// There is no server once the opening was interrupted; a client that comes in then is turned away.
-bool isServing()
-{
-    if (server != nullptr)
-        return true;
-    nbdkit_error("the server is ending");
-    nbdkit_set_error(ESHUTDOWN);
-    return false;
-}
-
 int listExports(int /*readonly*/, int /*isTls*/, struct nbdkit_exports* exports)
 {
     return guarded(-1, [&] {
-        if (!isServing())
-            return -1;
         ServedMirror& served = server->served();
+        const ServedMirror::Request request(served);
+        if (!request.isAdmitted())
+            return tell(ServedMirror::ending());
         if (served.live() != nullptr &&
             nbdkit_add_export(exports, ServedExport::LIVE, "the live volume") == -1)
             return -1;
@@ -243,8 +244,6 @@ const char* defaultExport(int /*readonly*/, int /*isTls*/)
 void* openExport(int /*readonly*/)
 {
     return guarded(static_cast<void*>(nullptr), []() -> void* {
-        if (!isServing())
-            return nullptr;
         auto handle = std::make_unique<Handle>();
         const char* name = nbdkit_export_name();
         if (tell(ServedExport::open(server->served(), name != nullptr ? name : "",
@@ -373,7 +372,7 @@ struct nbdkit_plugin makePlugin()
     made.version = VERSION;
     made.description = "serves a mirror's live volume and every moment of its past";
     made.load = load;
-    made.unload = cleanup; // where cleanup was not reached
+    made.unload = unload;
     made.config = setConfig;
     made.config_complete = completeConfig;
     made.config_help = PluginConfig::help();

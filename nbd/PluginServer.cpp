@@ -29,7 +29,6 @@ Result PluginServer::stop()
     Result result;
     if (m_served != nullptr)
         result = m_served->stop();
-    m_served.reset();
     const Outcome stopped = m_host.stop(deadlineMs);
     if (result.ok() && !stopped.ok())
         result = Result::fromStatus(stopped.m_rc, "cannot end all work: " + stopped.m_message);

@@ -1,7 +1,6 @@
 // What the plugin runs once nbdkit has forked: the host and the mirror that it serves.
 //
-// Thread safety: all from nbdkit's main thread; served() also from any other, between
-// prepare() and stop().
+// Thread safety: all from nbdkit's main thread; served() also from any other, from prepare() on.
 #pragma once
 
 #include <memory>
@@ -21,7 +20,7 @@ public:
     Result start() { return m_served->start(); }
 
     // Ends everything within the configured time, and makes what was answered durable; once more
-    // does nothing. REQUIRES: no export is open.
+    // does nothing. What is served stays, as one that has stopped.
     Result stop();
 
     ServedMirror& served() { return *m_served; }

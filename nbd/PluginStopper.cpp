@@ -3,10 +3,13 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <mutex>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <system_error>
 #include <unistd.h>
 
 #include "host/infra/Clock.h"
@@ -170,6 +173,19 @@ void PluginStopper::beginOrderlyEnd()
         phase = Phase::Ending;
     if (wakeUps >= 0)
         wakeUp();
+}
+
+void PluginStopper::limitUnload()
+{
+    try {
+        // Nothing but calls of the system: what else the plugin has may be gone by then.
+        std::thread([] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(PATIENCE_MS));
+            _exit(EXIT_SUCCESS);
+        }).detach();
+    } catch (const std::system_error&) {
+        nbdkit_debug("rl: no thread to limit the time that unloading takes");
+    }
 }
 
 void PluginStopper::disarm()

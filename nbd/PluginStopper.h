@@ -9,6 +9,7 @@
 //             where it does not end in time the process does, with 1
 //   nbdkit's own end comes first -> only the time is watched
 //   the time is over in either -> the process ends, with 1
+//   all is closed -> nbdkit has a moment to unload the plugin, then the process ends, with 0
 //
 // Thread safety: from nbdkit's main thread.
 #pragma once
@@ -38,6 +39,11 @@ public:
 
     // Done; once more does nothing.
     void disarm();
+
+    // All is closed, and nbdkit goes on to unload the plugin. For that it waits for clients that
+    // are negotiating, for good: it counts a connection in the connection's own thread, and may
+    // have found none to wait for while that thread was only starting.
+    static void limitUnload();
 
     // Whether a signal has told the process to end.
     static bool isToldToEnd();

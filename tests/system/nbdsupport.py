@@ -74,9 +74,9 @@ def greets(path):
         client.close()
 
 
-def server_environment():
+def server_environment(**more):
     """What a program is given that becomes nbdkit with the plugin, or starts it."""
-    environment = dict(os.environ)
+    environment = dict(os.environ, **more)
     if PRELOAD:
         environment["LD_PRELOAD"] = PRELOAD
         # nbdkit and its libraries leak some memory, and detached threads count as leaked ones. Of
