@@ -7,9 +7,11 @@
 #include <cerrno>
 #include <cinttypes>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <string>
+#include <unistd.h>
 
 #include "appliance/ServedExport.h"
 #include "nbd/Nbdkit.h"
@@ -140,15 +142,14 @@ int threadModel()
     return THREAD_MODEL;
 }
 
-void endServer()
+// Whether all that was answered is durable.
+bool endServer()
 {
     stopper.beginOrderlyEnd();
-    if (server != nullptr) {
-        const int ignored = tell(server->stop());
-        static_cast<void>(ignored);
-    }
+    const bool isKept = server == nullptr || tell(server->stop()) == 0;
     logRest();
     stopper.disarm();
+    return isKept;
 }
 
 // Threads do not survive the fork before this.
@@ -180,7 +181,9 @@ int afterFork()
 void cleanup()
 {
     guarded(0, [] {
-        endServer();
+        // nbdkit asks nobody whether an end went well.
+        if (!endServer())
+            _exit(EXIT_FAILURE);
         PluginStopper::limitUnload();
         return 0;
     });

@@ -7,8 +7,11 @@
 // renames it, to NAME.held, and waits until somebody takes a lock for writing, as nbdkit does when
 // it unloads. That one then removes NAME.held and gives the thread a while to come to where it
 // waits for its client.
+//
+// A disk that fails. RL_SYNC_FAILS names a file: while it is there no data is made durable.
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -83,4 +86,14 @@ extern "C" __attribute__((visibility("default"))) int pthread_rwlock_wrlock(pthr
         poll(nullptr, 0, TO_NEGOTIATE_MS);
     }
     return take(lock);
+}
+
+extern "C" __attribute__((visibility("default"))) int fdatasync(int fd)
+{
+    static auto* const sync = next<decltype(fdatasync)>("fdatasync");
+    const std::string name = nameIn("RL_SYNC_FAILS");
+    if (name.empty() || access(name.c_str(), F_OK) != 0)
+        return sync(fd);
+    errno = EIO;
+    return -1;
 }

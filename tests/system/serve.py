@@ -285,6 +285,29 @@ def a_client_that_comes_with_the_end():
               "what was answered is there")
 
 
+def an_end_that_cannot_keep_what_was_answered():
+    """Whether clients have gone or stay, the server says that it failed."""
+    rare = os.environ.get("RL_NBD_RARE")
+    if not rare:
+        print("     no RL_NBD_RARE: not tried")
+        return
+    with Folder() as folder:
+        name = os.path.join(folder, "sync-fails")
+        environment = server_environment(LD_PRELOAD=rare, RL_SYNC_FAILS=name)
+        for stays in (False, True):
+            mirror = made(folder)
+            with Served(mirror, environment=environment) as served:
+                writer = served.connect("live")
+                writer.pwrite(b"f" * 4096, 0)
+                if not stays:
+                    writer.shutdown()
+                open(name, "wb").close()
+                served.end(code=1)
+                check(b"journal" in served.log, "it does not say what failed: %r" % served.log)
+            os.unlink(name)
+            shutil.rmtree(mirror)
+
+
 def read_only_and_refusals():
     with Folder() as folder:
         mirror = made(folder)
@@ -398,5 +421,6 @@ if __name__ == "__main__":
         print("skipped: not installed: " + ", ".join(missing))
         sys.exit(77)
     run(exports_and_their_maps, clients_copy_in_both_directions, the_end_keeps_what_was_answered,
-        a_client_that_comes_with_the_end, read_only_and_refusals, sizes_and_logs_are_those_of_all_commands,
+        a_client_that_comes_with_the_end, an_end_that_cannot_keep_what_was_answered,
+        read_only_and_refusals, sizes_and_logs_are_those_of_all_commands,
         an_ipv6_address_is_one_in_the_uri_too, a_mirror_too_deep_for_a_socket, a_tag_is_text)
