@@ -72,7 +72,7 @@ Result DeltaWriter::open(const std::string& path, const DeltaHeader& header,
     if (path != "-" && std::filesystem::exists(status) && !std::filesystem::is_regular_file(status))
         return Result::failed(path + " is no regular file");
     std::unique_ptr<ImageSink> sink;
-    if (Result result = ImageSink::open(path, 0, &sink); !result.ok())
+    if (Result result = ImageSink::open(path, 0, Durability::Synced, &sink); !result.ok())
         return result;
     std::unique_ptr<DeltaWriter> opened(new DeltaWriter(std::move(sink)));
     if (Result result = opened->start(header); !result.ok())

@@ -7,23 +7,35 @@
 
 namespace {
 
-constexpr u32 SLOTS = 5;
-constexpr u32 SLOT_BLOCKS = 8192; // 4 MiB
+// The pieces that are read and written at a time.
+struct Pieces
+{
+    u32 m_slots;
+    u32 m_slotBlocks;
+};
+
+// A disk wants large ones.
+constexpr Pieces FOR_DISK = {5, 8192};
+
+// For the page cache, such as are still in a processor's own cache when they are written.
+constexpr Pieces FOR_PAGE_CACHE = {8, 1024};
 
 } // namespace
 
 Result exportView(View& view, TaskEngine& engine, const std::string& path, FlowControl& control,
-                  ExportStatistics* statistics)
+                  ExportStatistics* statistics, Durability durability)
 {
     const u64 startedUs = Clock::instance()->nowUs();
     if (Result result = checkOutputPath(path, view.mirror().settings().m_target); !result.ok())
         return result;
     std::unique_ptr<ImageSink> sink;
-    if (Result result = ImageSink::open(path, view.sizeBlocks() * BLOCK_BYTES, &sink); !result.ok())
+    if (Result result = ImageSink::open(path, view.sizeBlocks() * BLOCK_BYTES, durability, &sink);
+        !result.ok())
         return result;
     ViewReader reader(view);
     ViewExtents extents(view);
-    ReadAhead ahead(reader, engine, SLOTS, SLOT_BLOCKS);
+    const Pieces pieces = durability == Durability::Synced ? FOR_DISK : FOR_PAGE_CACHE;
+    ReadAhead ahead(reader, engine, pieces.m_slots, pieces.m_slotBlocks);
     const auto use = [&](u64 offsetBlocks, u32 lengthBlocks, const u8* data) {
         const u64 bytes = u64{lengthBlocks} * BLOCK_BYTES;
         statistics->m_dataBytes += bytes;
@@ -41,7 +53,7 @@ Result exportView(View& view, TaskEngine& engine, const std::string& path, FlowC
         }
         u64 start = 0;
         u64 end = 0;
-        if (Result result = extents.next(block, SLOT_BLOCKS, &start, &end); !result.ok())
+        if (Result result = extents.next(block, pieces.m_slotBlocks, &start, &end); !result.ok())
             return result;
         block = end;
         if (start < end) {

@@ -7,7 +7,6 @@
 #include <unistd.h>
 #include <vector>
 
-#include "appliance/NewFile.h"
 #include "appliance/Sizes.h"
 #include "appliance/UncachedWriter.h"
 #include "host/journal/FileStorage.h"
@@ -16,36 +15,56 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Most bytes of one call into the page cache. The kernel takes its new pages in runs up to a call's
+// length: the longer, the rarer from memory that was in use a moment ago, and other memory a
+// virtual machine may first have to ask its host for.
+constexpr u64 MOST_CACHED_BYTES = u64{128} << 10;
+
 class RegularFile : public ImageSink
 {
 public:
-    explicit RegularFile(const std::string& path) : m_file(path) {}
+    RegularFile(const std::string& path, Durability durability)
+        : m_file(path), m_durability(durability)
+    {}
 
     Result open(u64 sizeBytes)
     {
         Result result = m_file.open(sizeBytes);
-        if (result.ok())
+        if (result.ok() && m_durability == Durability::Synced)
             m_writer = std::make_unique<UncachedWriter>(m_file.file());
         return result;
     }
 
     Result write(u64 offsetBytes, const u8* data, u64 bytes) override
     {
-        const RcStatus rc = m_writer->write(data, bytes, offsetBytes);
+        const RcStatus rc = m_writer != nullptr ? m_writer->write(data, bytes, offsetBytes)
+                                                : writeCached(data, bytes, offsetBytes);
         return Result::fromStatus(rc, "cannot write " + m_file.path());
     }
 
-    Result finish() override { return m_file.finish(); }
+    Result finish() override { return m_file.finish(m_durability); }
 
 private:
+    RcStatus writeCached(const u8* data, u64 bytes, u64 offsetBytes)
+    {
+        RcStatus rc = RC_SUCCESS;
+        for (u64 done = 0; done < bytes && rc == RC_SUCCESS; done += MOST_CACHED_BYTES)
+            rc = m_file.file().pwrite(data + done, std::min(bytes - done, MOST_CACHED_BYTES),
+                                      offsetBytes + done);
+        return rc;
+    }
+
     NewFile m_file;
-    std::unique_ptr<UncachedWriter> m_writer;
+    const Durability m_durability;
+    std::unique_ptr<UncachedWriter> m_writer; // null: nobody waits for the disk
 };
 
 class BlockDevice : public ImageSink
 {
 public:
-    BlockDevice(const std::string& path, u64 sizeBytes) : m_path(path), m_sizeBytes(sizeBytes) {}
+    BlockDevice(const std::string& path, u64 sizeBytes, Durability durability)
+        : m_path(path), m_sizeBytes(sizeBytes), m_durability(durability)
+    {}
 
     Result open()
     {
@@ -75,7 +94,7 @@ public:
         RcStatus rc = RC_SUCCESS;
         if (m_position < m_sizeBytes)
             rc = m_file->zeroRange(m_position, m_sizeBytes - m_position);
-        if (rc == RC_SUCCESS)
+        if (rc == RC_SUCCESS && m_durability == Durability::Synced)
             rc = m_file->sync();
         return Result::fromStatus(rc, "cannot write " + m_path);
     }
@@ -83,6 +102,7 @@ public:
 private:
     std::string m_path;
     u64 m_sizeBytes;
+    const Durability m_durability;
     u64 m_position = 0; // everything before is as it has to be
     std::unique_ptr<StorageFile> m_file;
 };
@@ -137,7 +157,8 @@ private:
 
 } // namespace
 
-Result ImageSink::open(const std::string& path, u64 sizeBytes, std::unique_ptr<ImageSink>* sink)
+Result ImageSink::open(const std::string& path, u64 sizeBytes, Durability durability,
+                       std::unique_ptr<ImageSink>* sink)
 {
     if (path == "-") {
         *sink = std::make_unique<Stream>(STDOUT_FILENO, sizeBytes);
@@ -146,14 +167,14 @@ Result ImageSink::open(const std::string& path, u64 sizeBytes, std::unique_ptr<I
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
     if (fs::is_block_file(status)) {
-        auto device = std::make_unique<BlockDevice>(path, sizeBytes);
+        auto device = std::make_unique<BlockDevice>(path, sizeBytes, durability);
         Result result = device->open();
         *sink = std::move(device);
         return result;
     }
     if (fs::exists(status) && !fs::is_regular_file(status))
         return Result::failed(path + " is neither a regular file nor a block device");
-    auto file = std::make_unique<RegularFile>(path);
+    auto file = std::make_unique<RegularFile>(path, durability);
     Result result = file->open(sizeBytes);
     *sink = std::move(file);
     return result;

@@ -51,6 +51,14 @@ void removeIfLeft(const std::string& path)
         unlink(path.c_str());
 }
 
+// Some file systems, such as those of a network, tell only when a file is closed that its disk is
+// full or a write has failed: whenever a descriptor of it is closed, and not just the last.
+int closeError(int fd)
+{
+    const int other = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    return other >= 0 && close(other) == 0 ? 0 : errno;
+}
+
 // What processes that are gone have left of a file.
 void removeLeft(const std::string& path)
 {
@@ -113,14 +121,17 @@ Result NewFile::open(u64 sizeBytes)
                                                                " bytes");
 }
 
-Result NewFile::finish()
+Result NewFile::finish(Durability durability)
 {
-    if (const RcStatus rc = m_file->sync(); rc != RC_SUCCESS)
+    const bool synced = durability == Durability::Synced;
+    if (const RcStatus rc = synced ? m_file->sync() : RC_SUCCESS; rc != RC_SUCCESS)
         return Result::fromStatus(rc, "cannot sync " + m_path);
+    if (const int error = synced ? 0 : closeError(m_file->fd()); error != 0)
+        return Result::fromErrno(error, "cannot write " + m_path);
     if (rename(m_temporary.c_str(), m_path.c_str()) != 0)
         return Result::fromErrno(errno, "cannot make " + m_path);
     m_file.reset();
-    return syncFolder(folderOf(m_path));
+    return synced ? syncFolder(folderOf(m_path)) : Result();
 }
 
 Result syncFolder(const std::string& folder)

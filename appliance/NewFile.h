@@ -14,6 +14,13 @@
 #include "appliance/Result.h"
 #include "host/journal/FileStorage.h"
 
+// Whether a finished file is on the disk, or may be on its way there and lost if the machine fails.
+enum class Durability
+{
+    Synced,
+    Unsynced,
+};
+
 class NewFile
 {
 public:
@@ -33,8 +40,9 @@ public:
 
     // Makes the content durable, gives the file its name, and makes that durable too: who acts on
     // its being there, such as a later increment, must not find it gone after a power cut. It
-    // replaces a file of that name.
-    Result finish();
+    // replaces a file of that name. Unsynced it waits for nothing: if the machine fails soon after,
+    // the name may lead to a file that is cut, has zeroes in it, or is the one it replaced.
+    Result finish(Durability durability = Durability::Synced);
 
 private:
     Result make(std::unique_ptr<PosixFile>* file);

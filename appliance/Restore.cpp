@@ -189,7 +189,8 @@ private:
 } // namespace
 
 Result restoreImage(const std::vector<std::string>& files, const std::string& path,
-                    FlowControl& control, RestoreStatistics* statistics, bool force)
+                    FlowControl& control, RestoreStatistics* statistics,
+                    const RestoreOptions& options)
 {
     const u64 startedUs = Clock::instance()->nowUs();
     *statistics = RestoreStatistics();
@@ -206,7 +207,8 @@ Result restoreImage(const std::vector<std::string>& files, const std::string& pa
         return result;
     if (Result result = checkOutputPath(path, ""); !result.ok())
         return result;
-    if (Result result = force ? Result() : checkReplaceableImage(path, statistics->m_sizeBytes);
+    if (Result result =
+            options.m_force ? Result() : checkReplaceableImage(path, statistics->m_sizeBytes);
         !result.ok())
         return result;
     NewFile image(path);
@@ -217,7 +219,7 @@ Result restoreImage(const std::vector<std::string>& files, const std::string& pa
         if (Result result = applier.apply(link); !result.ok())
             return result;
     }
-    if (Result result = image.finish(); !result.ok())
+    if (Result result = image.finish(options.m_durability); !result.ok())
         return result;
     statistics->m_seconds = static_cast<double>(Clock::instance()->nowUs() - startedUs) / 1e6;
     return Result();

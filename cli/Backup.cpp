@@ -114,14 +114,15 @@ Result runBackup(Context& context, const Arguments& arguments)
     return Result();
 }
 
-Result runRestore(Context& context, const std::vector<std::string>& names, bool force)
+Result runRestore(Context& context, const std::vector<std::string>& names,
+                  const RestoreOptions& options)
 {
     if (names.size() < 2)
         return Result::usage("restore needs a full backup, its increments, and an image's name");
     const std::vector<std::string> files(names.begin(), names.end() - 1);
     RestoreStatistics statistics;
     const auto reporter = context.progress("restoring");
-    if (Result result = restoreImage(files, names.back(), *reporter, &statistics, force);
+    if (Result result = restoreImage(files, names.back(), *reporter, &statistics, options);
         !result.ok())
         return result;
     reporter->finish();
@@ -170,9 +171,13 @@ void addRestore(CLI::App& app, Context& context)
         ->add_option("FILES", *names,
                      "A full backup, its increments in their order, and the image to write")
         ->required();
-    auto force = std::make_shared<bool>(false);
-    command->add_flag("--force", *force, "Replace a file that is no image of the volume, too");
-    command->callback([&context, names, force] {
-        context.setAction([&, names, force] { return runRestore(context, *names, *force); });
+    auto options = std::make_shared<RestoreOptions>();
+    command->add_flag("--force", options->m_force,
+                      "Replace a file that is no image of the volume, too");
+    command->add_flag_callback(
+        "--no-sync", [options] { options->m_durability = Durability::Unsynced; },
+        "Do not wait for the disk: a machine that crashes soon after can lose the image");
+    command->callback([&context, names, options] {
+        context.setAction([&, names, options] { return runRestore(context, *names, *options); });
     });
 }

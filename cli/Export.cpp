@@ -14,6 +14,7 @@ struct Arguments
     std::string m_mirror;
     std::string m_at = "latest";
     std::string m_file;
+    Durability m_durability = Durability::Synced;
 };
 
 Result run(Context& context, const Arguments& arguments)
@@ -32,8 +33,8 @@ Result run(Context& context, const Arguments& arguments)
         return result;
     reporter->setPart(10, 100);
     ExportStatistics statistics;
-    if (Result result =
-            exportView(*view, context.engine(), arguments.m_file, *reporter, &statistics);
+    if (Result result = exportView(*view, context.engine(), arguments.m_file, *reporter,
+                                   &statistics, arguments.m_durability);
         !result.ok())
         return result;
     reporter->finish();
@@ -62,6 +63,9 @@ void addExport(CLI::App& app, Context& context)
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
     command->add_option("FILE", arguments->m_file, "A file, a block device, or -")->required();
     command->add_option("--at", arguments->m_at, "The point in time (default: latest)");
+    command->add_flag_callback(
+        "--no-sync", [arguments] { arguments->m_durability = Durability::Unsynced; },
+        "Do not wait for the disk: a machine that crashes soon after can lose the image");
     command->callback([&context, arguments] {
         context.setAction([&, arguments] { return run(context, *arguments); });
     });

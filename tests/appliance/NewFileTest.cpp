@@ -54,6 +54,18 @@ TEST_F(NewFileTest, IsThereAsAWholeOrNotAtAll)
     EXPECT_EQ(fs::file_size(m_path), 4096u);
 }
 
+TEST_F(NewFileTest, UnsyncedItIsThereAsAWholeToo)
+{
+    for (const u64 bytes : {u64{4096}, u64{8192}}) { // a new one, and in the place of that
+        NewFile file(m_path);
+        ASSERT_TRUE(file.open(bytes).ok());
+        ASSERT_EQ(file.file().pwrite("x", 1, bytes - 1), RC_SUCCESS);
+        ASSERT_TRUE(file.finish(Durability::Unsynced).ok());
+        EXPECT_EQ(names(), std::set<std::string>{"file"});
+        EXPECT_EQ(fs::file_size(m_path), bytes);
+    }
+}
+
 TEST_F(NewFileTest, WhatADeadProcessLeftGoesWithTheNext)
 {
     put(".file.partial-1");

@@ -12,7 +12,7 @@ import subprocess
 from nbdsupport import Server, connect, find_tool, need_nbd, refused, run_tool, skip
 from replay import Image
 from support import (BLOCK, RLCTL, Expectation, Folder, check, compare_image, read_trace, rlctl,
-                     rlctl_json, run)
+                     rlctl_json, run, same_image, write_plain_trace)
 
 DISK = 72 << 20
 SIZE = 16 << 20
@@ -252,6 +252,33 @@ def check_sparse_target(folder, disk):
     check(written > 100, "only %d writes" % written)
 
 
+def check_images(folder, disk):
+    """Images that find no room, synced or not: it is told, nothing is left, what was there stays."""
+    size = 2 * DISK
+    mirror, full, expected = (os.path.join(folder, name) for name in ("m", "full", "expected"))
+    image = os.path.join(disk.place, "image")
+    rlctl("create", mirror, "--size", size)
+    rlctl("record", mirror, "--trace", write_plain_trace(folder, size // BLOCK // 1024, 1024))
+    rlctl("backup", mirror, full)
+    with open(image, "wb") as file:
+        file.truncate(size)
+    for command in (("export", mirror), ("restore", full)):
+        for option in ((), ("--no-sync",)):
+            rlctl(*command, *option, image, code=13)
+            check("cannot write " + image in rlctl.errors, rlctl.errors)
+            check(os.stat(image).st_blocks == 0, "the image is another one")
+            names = set(os.listdir(disk.place)) - {"lost+found"}
+            check(names == {"image"}, "left: %r" % names)
+            check(disk.free() > DISK // 2, "the room is not given back")
+    rlctl("export", mirror, expected)
+    rlctl("export", mirror, "--no-sync", os.path.join(folder, "other"))
+    check(same_image(expected, os.path.join(folder, "other")), "not the same image")
+
+
+def test_images():
+    on_each_disk(check_images)
+
+
 def test_live_volume():
     on_each_disk(check_live)
 
@@ -265,4 +292,4 @@ def test_sparse_target():
 
 
 need_disks()
-run(test_live_volume, test_record, test_sparse_target)
+run(test_live_volume, test_record, test_sparse_target, test_images)

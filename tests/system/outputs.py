@@ -105,6 +105,24 @@ def test_nothing_is_written_over_a_mirror():
         check(rlctl_json("verify", mirror)["ok"], "verify")
 
 
+def test_images_that_are_not_synced_keep_the_rules():
+    with Folder() as folder:
+        mirror, _ = small_mirror(folder)
+        full, expected, image = (os.path.join(folder, name) for name in ("full", "expected", "image"))
+        rlctl("backup", mirror, full)
+        rlctl("export", mirror, expected)
+        for command in (("export", mirror, "--no-sync"), ("restore", full, "--no-sync")):
+            for _ in range(2):  # a new file, and in the place of one
+                rlctl(*command, image)
+                check(content(image) == content(expected), command[0] + " made another image")
+            rlctl(*command, os.path.join(mirror, "target"), code=2)
+        check(rlctl("export", mirror, "--no-sync", "-") == content(expected), "standard output")
+        before = sorted(os.listdir(folder))
+        rlctl("restore", full, "--no-sync", full, code=1)
+        check("--force" in rlctl.errors, rlctl.errors)
+        check(sorted(os.listdir(folder)) == before, "something was left: %r" % os.listdir(folder))
+
+
 def test_resuming_is_refused_after_other_writers():
     with Folder() as folder:
         mirror = os.path.join(folder, "m")
@@ -215,6 +233,7 @@ def test_without_threads_nothing_aborts():
 
 run(test_closed_descriptors_are_never_files_of_the_mirror, test_a_closed_input_is_no_empty_trace,
     test_restore_replaces_images_and_nothing_else_unasked, test_nothing_is_written_over_a_mirror,
+    test_images_that_are_not_synced_keep_the_rules,
     test_resuming_is_refused_after_other_writers, test_file_size_limits_are_full_disks,
     test_a_result_that_is_lost_is_a_failure, test_with_json_all_talk_is_json,
     test_pipes_are_refused_and_not_waited_for, test_what_killed_creations_left_goes,

@@ -21,7 +21,7 @@ from nbdsupport import find_tool, greets, run_tool, skip
 from replay import Image, Order
 from serve import Served
 from support import (FAR_END, RLCTL, Failure, Folder, check, listens, rlctl, rlctl_json, run,
-                     same_image, wait_until)
+                     same_image, wait_until, write_plain_trace)
 
 BLOCK = 512
 MIB = 1 << 20
@@ -268,6 +268,37 @@ def apply_and_trim_alone():
     apply_and_trim(False)
 
 
+def images_that_need_not_be_synced():
+    """Export and restore end when the image is on the disk, or while it is not, as they are told."""
+    amount = 32 * MIB
+    with Folder() as folder, SlowDisk(folder) as disk:
+        mirror = os.path.join(folder, "m")
+        rlctl("create", mirror, "--size", SIZE)
+        rlctl("record", mirror, "--trace", write_plain_trace(folder, amount // MIB * 16, 128))
+        full, expected = (os.path.join(folder, name) for name in ("full", "expected"))
+        rlctl("backup", mirror, full)
+        rlctl("export", mirror, expected)
+
+        def on_disk():
+            return os.stat(disk.image).st_blocks * 512
+
+        for command in (("export", mirror), ("restore", full)):
+            image = os.path.join(disk.attached.place, command[0])
+            before = on_disk()
+            disk.set_rate(SLOW)
+            rlctl(*command, image, "--no-sync")
+            early = on_disk() - before
+            disk.set_rate(0)
+            check(same_image(image, expected), command[0] + " --no-sync makes another image")
+            check(early < amount // 2, "%s --no-sync waits: %d bytes" % (command[0], early))
+            rlctl(*command, image)
+            late = on_disk() - before
+            check(same_image(image, expected), command[0] + " makes another image")
+            check(late >= amount, "%s does not wait: %d bytes" % (command[0], late))
+            print("     %s: of %d KiB %d were on the disk at the end, synced %d" % (
+                command[0], amount >> 10, early >> 10, late >> 10), flush=True)
+
+
 def need_ext4():
     need_devices()
     with open("/proc/filesystems", encoding="ascii") as file:
@@ -279,4 +310,4 @@ def need_ext4():
 
 need_ext4()
 run(end_under_writes, end_on_a_disk_that_does_not_answer, apply_and_trim_beside_a_server,
-    apply_and_trim_alone)
+    apply_and_trim_alone, images_that_need_not_be_synced)
