@@ -101,10 +101,15 @@ RcStatus ServedExport::extents(u64 offsetBytes, u32 lengthBytes, size_t maxExten
     const u64 end = std::min(sizeBytes(), offsetBytes + lengthBytes);
     if (offsetBytes >= end)
         return counted(ServedOp::Extents, RC_BAD_ARGUMENT, 0);
-    // A map may tell of more than was asked for.
     const u64 first = offsetBytes / BLOCK_BYTES;
     const u64 last = (end + BLOCK_BYTES - 1) / BLOCK_BYTES;
     const Result result = findExtents(first, last - first, maxExtents, extents);
+    // The last block may be asked for in part. Whoever asked with 32 bits has no room for the
+    // length of all of it.
+    if (!extents->empty()) {
+        ExportExtent& rest = extents->back();
+        rest.m_lengthBytes = std::min(rest.m_lengthBytes, end - rest.m_offsetBytes);
+    }
     if (!result.ok())
         LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
             << description() << " of " << m_served.mirror().folder() << ": " << result.message()

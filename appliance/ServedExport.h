@@ -54,8 +54,8 @@ public:
     RcStatus zero(ServedOp zeroOrTrim, u64 offsetBytes, u32 lengthBytes, bool durable);
     RcStatus flush();
 
-    // Replaces *extents by the map of a range from its beginning on, without gaps; at most
-    // `maxExtents` of it.
+    // Replaces *extents by the map of a range from the block in which it begins on, without gaps;
+    // at most `maxExtents` of it, and none goes beyond the range's end.
     RcStatus extents(u64 offsetBytes, u32 lengthBytes, size_t maxExtents,
                      std::vector<ExportExtent>* extents);
 

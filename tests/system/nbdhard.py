@@ -87,6 +87,29 @@ def test_odd_requests():
             handle.shutdown()
 
 
+def test_maps_of_all_that_32_bits_can_ask_for():
+    """A run of one kind that is as long; nbdkit has no room for one that is longer than was asked."""
+    with Folder() as folder:
+        mirror = new_mirror(folder, 6 << 30)
+        with Server(folder, mirror) as server:
+            keeper = connect(server)
+            keeper.pwrite(b"e" * BLOCK, (6 << 30) - BLOCK)
+            checkpoint(mirror)
+            for name in ("live", "latest", "cp:1", "item:0", "diff:item:0..cp:1"):
+                handle = connect(server, name)
+                for length in (0xFFFFFFFF, 0xFFFFFFFF - 510, 0xFFFFFFFF - 511, 0xFFFFFFFF - 512):
+                    for offset in (0, BLOCK, 1 << 30):
+                        found = []
+                        error = refused(handle.block_status, length, offset,
+                                        lambda _, __, entries, ___: found.extend(entries) or 0)
+                        check(error == 0 and 0 < sum(found[::2]) <= length,
+                              "%s: errno %d, map %r for %d at %d" % (
+                                  name, error, found, length, offset))
+                        keeper.pread(BLOCK, 0)
+                handle.shutdown()
+            keeper.shutdown()
+
+
 def test_unknown_exports_are_refused():
     with Folder() as folder:
         mirror = new_mirror(folder, 1 << 20)
@@ -408,7 +431,7 @@ def test_one_owner():
 
 
 need_nbd("nbdcopy")
-run(test_odd_requests, test_unknown_exports_are_refused, test_clients_that_vanish,
-    test_clients_that_stall_and_flood, test_full_journal,
-    test_refusals_do_not_fill_the_log, test_flipped_byte,
+run(test_odd_requests, test_maps_of_all_that_32_bits_can_ask_for,
+    test_unknown_exports_are_refused, test_clients_that_vanish, test_clients_that_stall_and_flood,
+    test_full_journal, test_refusals_do_not_fill_the_log, test_flipped_byte,
     test_end_under_load_loses_nothing_answered, test_end_with_idle_clients, test_one_owner)
