@@ -27,6 +27,10 @@ struct PointName
     Kind m_kind = Kind::Latest;
     u64 m_number = 0; // checkpoint id, microseconds since 1970, or number of items
     std::string m_tag;
+
+    // Whether it always names the same point, also when more is journaled. A tag may be given
+    // again, and a checkpoint may still come at or before a time.
+    bool isFixed() const { return m_kind == Kind::Checkpoint || m_kind == Kind::Item; }
 };
 
 // A checkpoint of a mirror.

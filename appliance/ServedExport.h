@@ -44,6 +44,9 @@ public:
 
     u64 sizeBytes() const { return m_sizeBytes; }
     virtual bool isWritable() const { return false; }
+    // Whether all connections that open the export by this name have the same before them: a name
+    // such as "latest" means another point to the next one, when something was written meanwhile.
+    virtual bool isSameForAll() const = 0;
     virtual std::string description() const = 0;
 
     // RC_BAD_ARGUMENT: not whole blocks, beyond the end, or not writable; RC_ABORTED: the mirror is

@@ -37,6 +37,7 @@ public:
     explicit LiveExport(ServedMirror& served) : ServedExport(served) {}
 
     bool isWritable() const override { return true; }
+    bool isSameForAll() const override { return true; }
     std::string description() const override { return "the live volume"; }
 
 protected:
@@ -55,10 +56,13 @@ protected:
 class ViewExport : public ServedExport
 {
 public:
-    ViewExport(ServedMirror& served, const ChosenPoint& point, ViewShelf::Lease view)
-        : ServedExport(served), m_point(point), m_view(std::move(view))
+    // isFixed: the name that it was opened by names no other point, whatever is written.
+    ViewExport(ServedMirror& served, const ChosenPoint& point, bool isFixed, ViewShelf::Lease view)
+        : ServedExport(served), m_point(point), m_isFixed(isFixed), m_view(std::move(view))
     {}
 
+    // What a server knows that writes nothing is what it found at its beginning.
+    bool isSameForAll() const override { return m_isFixed || m_served.live() == nullptr; }
     std::string description() const override { return m_point.description(); }
 
 protected:
@@ -75,6 +79,7 @@ protected:
 
 private:
     const ChosenPoint m_point;
+    const bool m_isFixed;
     const ViewShelf::Lease m_view;
 };
 
@@ -83,9 +88,10 @@ private:
 class DiffExport : public ViewExport
 {
 public:
-    DiffExport(ServedMirror& served, const ChosenPoint& from, const ChosenPoint& to,
+    DiffExport(ServedMirror& served, const ChosenPoint& from, const ChosenPoint& to, bool isFixed,
                ViewShelf::Lease view, std::shared_ptr<const DiffMaps::Extents> changes)
-        : ViewExport(served, to, std::move(view)), m_from(from), m_changes(std::move(changes))
+        : ViewExport(served, to, isFixed, std::move(view)), m_from(from),
+          m_changes(std::move(changes))
     {}
 
     std::string description() const override
@@ -143,7 +149,9 @@ Result openDiff(ServedMirror& served, const std::string& span,
     std::shared_ptr<const DiffMaps::Extents> changes;
     if (Result result = served.diffs().open(from, to, &changes); !result.ok())
         return result;
-    *opened = std::make_unique<DiffExport>(served, from, to, std::move(view), std::move(changes));
+    const bool isFixed = names.first.isFixed() && names.second.isFixed();
+    *opened = std::make_unique<DiffExport>(served, from, to, isFixed, std::move(view),
+                                           std::move(changes));
     return Result();
 }
 
@@ -172,6 +180,6 @@ Result openExportKind(ServedMirror& served, const std::string& name,
     ViewShelf::Lease view;
     if (Result result = served.views().open(chosen, &view); !result.ok())
         return result;
-    *opened = std::make_unique<ViewExport>(served, chosen, std::move(view));
+    *opened = std::make_unique<ViewExport>(served, chosen, point.isFixed(), std::move(view));
     return Result();
 }

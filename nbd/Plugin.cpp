@@ -295,6 +295,13 @@ int yes(void* /*handle*/)
     return 1;
 }
 
+// A client that opens several connections takes them for one disk. A flush covers what any of them
+// wrote; but a name that has come to mean another point in between would make a copy of both.
+int canMultiConn(void* handle)
+{
+    return of(handle).m_export->isSameForAll() ? 1 : 0;
+}
+
 int canFua(void* /*handle*/)
 {
     return NBDKIT_FUA_NATIVE;
@@ -396,8 +403,7 @@ struct nbdkit_plugin makePlugin()
     made.trim = trimData;
     made.zero = zeroData;
     made.magic_config_key = "mirror";
-    // A flush covers what any connection wrote, and views never change.
-    made.can_multi_conn = yes;
+    made.can_multi_conn = canMultiConn;
     made.can_extents = yes;
     made.extents = findExtents;
     made.thread_model = threadModel;

@@ -96,7 +96,9 @@ def test_lists_and_maps():
         for one in listed:
             is_live = one["export-name"] == "live"
             check(one["is_read_only"] == (not is_live), one["export-name"] + ": read-only")
-            check(one["can_multi_conn"] and one["can_flush"], one["export-name"] + ": multi-conn")
+            check(one["can_multi_conn"] == (one["export-name"] != "latest"),
+                  one["export-name"] + ": multi-conn")
+            check(one["can_flush"], one["export-name"] + ": flush")
             check(one["export-size"] == served.size, one["export-name"] + ": size")
             check((one["block_size_minimum"], one["block_size_preferred"],
                    one["block_size_maximum"]) == (512, 4096, 32 * MIB), "block sizes")
@@ -156,6 +158,52 @@ def compare_map(served, name, expected):
                       "%s: %d bytes at %d are said to be %d" % (name, length, at, kind))
                 at += length
     handle.shutdown()
+
+
+def test_copy_of_a_moving_name_is_one_moment():
+    """By several connections, which open it one after the other while it moves on."""
+    places = (0, 20 * MIB, 40 * MIB, 64 * MIB - BLOCK)
+    with Served(64 * MIB) as served:
+        handle = connect(served.server)
+        handle.pwrite(bytes(BLOCK), 0)
+        checkpoint(served.mirror, "again")
+        ending = threading.Event()
+
+        def write():
+            number = 0
+            while not ending.is_set():
+                number += 1
+                for place in places:  # each after the answer to the one before
+                    handle.pwrite(number.to_bytes(8, "little") * (BLOCK // 8), place)
+
+        writing = threading.Thread(target=write)
+        writing.start()
+        try:
+            for name, is_fixed in (("live", True), ("cp:1", True), ("1", True), ("item:1", True),
+                                   ("diff:item:0..cp:1", True), ("latest", False),
+                                   ("tag:again", False), ("time:2999-01-01T00:00:00Z", False),
+                                   ("diff:item:0..latest", False), ("diff:tag:again..item:2", False)):
+                other = connect(served.server, name)
+                check(other.can_multi_conn() == is_fixed, "multi-conn of " + name)
+                other.shutdown()
+            with Server(served.folder, served.mirror, "readonly=true", name="reader") as reader:
+                for name in ("latest", "tag:again", "diff:cp:1..latest"):
+                    other = connect(reader, name)
+                    check(other.can_multi_conn(), "multi-conn of %s, which does not move" % name)
+                    other.shutdown()
+            for name in 5 * ("latest", "diff:item:0..latest"):
+                copy = served.path("copy")
+                run_tool("nbdcopy", served.server.uri(name), copy)
+                with open(copy, "rb") as file:
+                    found = [int.from_bytes(os.pread(file.fileno(), 8, at), "little")
+                             for at in places]
+                check(found == sorted(found, reverse=True) and found[0] - found[-1] <= 1,
+                      "a copy of %s is of several moments: %r" % (name, found))
+                os.unlink(copy)
+        finally:
+            ending.set()
+            writing.join()
+        handle.shutdown()
 
 
 def sparse_file(path, size, seed):
@@ -397,5 +445,6 @@ def test_fio_beside_apply_and_trim():
 
 
 need_nbd("nbdinfo", "nbdcopy", "qemu-img", "qemu-io", "fio")
-run(test_lists_and_maps, test_copies_in_both_directions, test_increment,
-    test_patterns_over_boundaries, test_fio_beside_checkpoints, test_fio_beside_apply_and_trim)
+run(test_lists_and_maps, test_copy_of_a_moving_name_is_one_moment, test_copies_in_both_directions,
+    test_increment, test_patterns_over_boundaries, test_fio_beside_checkpoints,
+    test_fio_beside_apply_and_trim)
