@@ -58,8 +58,15 @@ class ViewExport : public ServedExport
 public:
     // isFixed: the name that it was opened by names no other point, whatever is written.
     ViewExport(ServedMirror& served, const ChosenPoint& point, bool isFixed, ViewShelf::Lease view)
-        : ServedExport(served), m_point(point), m_isFixed(isFixed), m_view(std::move(view))
+        : ServedExport(served), m_point(point), m_isFixed(isFixed),
+          m_view(served.openViews().add(std::move(view)))
     {}
+    ~ViewExport() override
+    {
+        const ServedMirror::Request request(m_served);
+        if (request.isAdmitted()) // else the mirror closes it, or has
+            m_served.openViews().remove(m_view);
+    }
 
     // What a server knows that writes nothing is what it found at its beginning.
     bool isSameForAll() const override { return m_isFixed || m_served.live() == nullptr; }
@@ -68,19 +75,21 @@ public:
 protected:
     RcStatus readBlocks(u64 offsetBlocks, u32 lengthBlocks, u8* data) override
     {
-        return m_view->reader().read(offsetBlocks, lengthBlocks, data);
+        return shared().reader().read(offsetBlocks, lengthBlocks, data);
     }
     Result findExtents(u64 offsetBlocks, u64 lengthBlocks, size_t maxExtents,
                        std::vector<ExportExtent>* extents) override
     {
-        return mapOf(m_served.mirror(), m_view->view().locator(), offsetBlocks, lengthBlocks,
+        return mapOf(m_served.mirror(), shared().view().locator(), offsetBlocks, lengthBlocks,
                      maxExtents, extents);
     }
 
 private:
+    ViewShelf::Shared& shared() { return *m_view->operator->(); }
+
     const ChosenPoint m_point;
     const bool m_isFixed;
-    const ViewShelf::Lease m_view;
+    const OpenViews::Entry m_view;
 };
 
 // Unchanged is a hole that does not read as zeroes: whoever copies only what is no hole, onto an

@@ -67,7 +67,12 @@ Result ServedMirror::seal(u64 deadlineMs)
         return result;
     if (!m_requests.wait(deadlineMs))
         return Result::failed("a request is still under way");
-    return m_options.m_readOnly ? Result() : m_mirror->flush();
+    if (!m_options.m_readOnly)
+        result = m_mirror->flush();
+    // Each has a file in the mirror's folder that would stay.
+    m_openViews.clear();
+    m_views->dropUnused(~u64{0});
+    return result;
 }
 
 Result ServedMirror::stop()
@@ -83,6 +88,8 @@ Result ServedMirror::stop()
     m_requests.wait();
     m_services.reset();
     m_diffs.reset();
+    // What clients have left open.
+    m_openViews.clear();
     m_views.reset();
     m_live.reset();
     Result result = m_mirror->close();

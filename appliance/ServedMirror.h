@@ -15,6 +15,7 @@
 #include "appliance/DiffMaps.h"
 #include "appliance/LiveVolume.h"
 #include "appliance/Mirror.h"
+#include "appliance/OpenViews.h"
 #include "appliance/ServedCounters.h"
 #include "appliance/ViewShelf.h"
 #include "host/tasks/TaskEngine.h"
@@ -68,9 +69,9 @@ public:
     static Result ending() { return Result(ResultCode::Interrupted, "the server is ending"); }
 
     // For an end that clients stay connected through: answers no request any more, waits for those
-    // under way, and makes what was answered durable. From any thread; stop() still comes after it
-    // where the process goes on. Failed: a request was under way at the deadline (absolute
-    // monotonic milliseconds); else as the journal's flush.
+    // under way, makes what was answered durable, and closes all views. From any thread; stop()
+    // still comes after it where the process goes on. Failed: a request was under way at the
+    // deadline (absolute monotonic milliseconds); else as the journal's flush.
     Result seal(u64 deadlineMs);
 
     // A request of a client, for its length; one that is not admitted came after seal() or stop().
@@ -94,6 +95,7 @@ public:
     Mirror& mirror() { return *m_mirror; }
     LiveVolume* live() { return m_live.get(); } // null when read-only
     ViewShelf& views() { return *m_views; }
+    OpenViews& openViews() { return m_openViews; }
     DiffMaps& diffs() { return *m_diffs; }
 
     ServedCounters& counters() { return m_counters; }
@@ -109,6 +111,7 @@ private:
     std::unique_ptr<Mirror> m_mirror;
     std::unique_ptr<LiveVolume> m_live;
     std::unique_ptr<ViewShelf> m_views;
+    OpenViews m_openViews;
     std::unique_ptr<DiffMaps> m_diffs;
     std::unique_ptr<ServedServices> m_services;
 };

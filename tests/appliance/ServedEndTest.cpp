@@ -1,6 +1,7 @@
 // The end of a mirror that is served, with clients that are still there and others that only come.
 
 #include <atomic>
+#include <filesystem>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -38,6 +39,42 @@ TEST_F(ServedEndTest, RefusesWhatComesLater)
     EXPECT_TRUE(m_served->stop().ok());
 }
 
+// As a client that is still connected, for which nobody closes what it has open.
+TEST_F(ServedEndTest, ClosesTheViewsThatClientsLeftOpen)
+{
+    makeMirror();
+    for (const bool isSealed : {false, true}) {
+        serve();
+        std::vector<u8> data(BLOCK_BYTES, 7);
+        ASSERT_EQ(live().write(0, data.data(), 1), RC_SUCCESS);
+        std::unique_ptr<ServedExport> view;
+        std::unique_ptr<ServedExport> same;
+        std::unique_ptr<ServedExport> diff;
+        ASSERT_TRUE(open("item:0", &view).ok());
+        ASSERT_TRUE(open("item:0", &same).ok());
+        ASSERT_TRUE(open("diff:item:0..latest", &diff).ok());
+        same.reset();
+        EXPECT_EQ(view->read(0, BLOCK_BYTES, data.data()), RC_SUCCESS);
+        EXPECT_EQ(m_served->views().report().m_open, 2u);
+        if (isSealed) {
+            EXPECT_TRUE(m_served->seal(Clock::NEVER).ok());
+            EXPECT_EQ(m_served->views().report().m_views, 0u);
+        }
+        EXPECT_TRUE(m_served->stop().ok());
+        for (const auto& file : std::filesystem::directory_iterator(folder() + "/uses"))
+            EXPECT_EQ(file.path().filename(), "latch");
+        for (const auto& left : {view.get(), diff.get()}) {
+            std::vector<ExportExtent> extents;
+            EXPECT_EQ(left->read(0, BLOCK_BYTES, data.data()), RC_ABORTED);
+            EXPECT_EQ(left->extents(0, BLOCK_BYTES, 1, &extents), RC_ABORTED);
+            EXPECT_NE(left->description(), "");
+        }
+        view.reset();
+        diff.reset();
+        stopServing();
+    }
+}
+
 TEST_F(ServedEndTest, WaitsForWhoeverIsOpening)
 {
     makeMirror();
@@ -50,8 +87,10 @@ TEST_F(ServedEndTest, WaitsForWhoeverIsOpening)
                 ResultCode code = ResultCode::Done;
                 while (code != ResultCode::Interrupted) {
                     std::unique_ptr<ServedExport> opened;
-                    code = open("live", &opened).code();
-                    EXPECT_TRUE(code == ResultCode::Done || code == ResultCode::Interrupted);
+                    for (const char* name : {"live", "item:0"}) {
+                        code = open(name, &opened).code();
+                        EXPECT_TRUE(code == ResultCode::Done || code == ResultCode::Interrupted);
+                    }
                     code = open("cp:99", &opened).code();
                     EXPECT_TRUE(code == ResultCode::NotFound || code == ResultCode::Interrupted);
                     ++opening;

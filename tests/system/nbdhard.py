@@ -5,6 +5,7 @@ import errno
 import os
 import random
 import re
+import signal
 import subprocess
 import threading
 import time
@@ -400,6 +401,37 @@ def test_end_with_idle_clients():
             handle.shutdown()
 
 
+def uses_of(mirror):
+    return [one for one in os.listdir(os.path.join(mirror, "uses")) if one != "latch"]
+
+
+def test_end_with_open_views():
+    """Each has a file in the mirror's folder, and nbdkit closes nothing once it is told to end."""
+    with Folder() as folder:
+        mirror = new_mirror(folder, 8 << 20)
+        for goes in (False, True, True):
+            server = Server(folder, mirror).start()
+            try:
+                handle = connect(server)
+                handle.pwrite(b"v" * BLOCK, 0)
+                handle.shutdown()
+                views = [connect(server, name) for name in ("latest", "item:0", "diff:item:0..latest")]
+                for view in views:
+                    view.pread(BLOCK, 0)
+                check(len(uses_of(mirror)) > 1, "the views are not in use")
+                if goes:
+                    server.process.send_signal(signal.SIGTERM)
+                    time.sleep(0.1)
+                    for view in views:
+                        view.shutdown()
+                server.stop()
+                left = uses_of(mirror)
+                check(not left, "the views' files are still there: %r" % left)
+                check("failed" not in server.log(), server.log())
+            finally:
+                server.kill()
+
+
 def test_one_owner():
     with Folder() as folder:
         mirror = new_mirror(folder, 1 << 20)
@@ -434,4 +466,5 @@ need_nbd("nbdcopy")
 run(test_odd_requests, test_maps_of_all_that_32_bits_can_ask_for,
     test_unknown_exports_are_refused, test_clients_that_vanish, test_clients_that_stall_and_flood,
     test_full_journal, test_refusals_do_not_fill_the_log, test_flipped_byte,
-    test_end_under_load_loses_nothing_answered, test_end_with_idle_clients, test_one_owner)
+    test_end_under_load_loses_nothing_answered, test_end_with_idle_clients,
+    test_end_with_open_views, test_one_owner)
