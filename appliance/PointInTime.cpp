@@ -144,6 +144,9 @@ Result choosePoint(const PointName& name, const RecoverableWindow& window, Chose
 
 std::string describeWindow(const RecoverableWindow& window)
 {
+    if (window.m_firstItems > window.m_items)
+        return "all that was journaled when the mirror was opened here has been applied to the "
+               "target since; open it anew to see what there is now";
     std::string text = "the mirror can serve item:" + std::to_string(window.m_firstItems) +
                        " to item:" + std::to_string(window.m_items);
     if (window.m_checkpoints.empty())

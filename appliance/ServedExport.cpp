@@ -26,6 +26,20 @@ Result ServedExport::open(ServedMirror& served, const std::string& name,
     return result;
 }
 
+RecoverableWindow ServedExport::window(ServedMirror& served)
+{
+    RecoverableWindow window = served.mirror().window();
+    ApplyState state;
+    // Where it cannot be read now, opening tells.
+    if (served.live() == nullptr && loadApplyState(served.mirror().storage(), &state).ok()) {
+        window.m_firstItems = std::max(window.m_firstItems, state.firstItems());
+        std::erase_if(window.m_checkpoints, [&](const CheckpointInfo& checkpoint) {
+            return checkpoint.m_items < window.m_firstItems;
+        });
+    }
+    return window;
+}
+
 bool ServedExport::isWhole(u64 offsetBytes, u32 lengthBytes)
 {
     return offsetBytes % BLOCK_BYTES == 0 && lengthBytes % BLOCK_BYTES == 0 &&

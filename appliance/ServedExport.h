@@ -38,6 +38,9 @@ public:
     static Result open(ServedMirror& served, const std::string& name,
                        std::unique_ptr<ServedExport>* opened);
 
+    // What can be opened: the mirror's window, as far as another process has moved it by now.
+    static RecoverableWindow window(ServedMirror& served);
+
     virtual ~ServedExport();
     ServedExport(const ServedExport&) = delete;
     ServedExport& operator=(const ServedExport&) = delete;

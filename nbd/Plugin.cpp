@@ -223,9 +223,12 @@ int listExports(int /*readonly*/, int /*isTls*/, struct nbdkit_exports* exports)
         if (served.live() != nullptr &&
             nbdkit_add_export(exports, ServedExport::LIVE, "the live volume") == -1)
             return -1;
-        if (nbdkit_add_export(exports, ServedExport::LATEST, "the volume as it is now") == -1)
+        const RecoverableWindow window = ServedExport::window(served);
+        // Who lists them opens them all, and gives up at one that is refused.
+        if (window.m_firstItems <= window.m_items &&
+            nbdkit_add_export(exports, ServedExport::LATEST, "the volume as it is now") == -1)
             return -1;
-        const std::vector<CheckpointInfo> all = served.mirror().window().m_checkpoints;
+        const std::vector<CheckpointInfo>& all = window.m_checkpoints;
         for (size_t i = all.size() - std::min(all.size(), MAX_LISTED); i < all.size(); ++i) {
             ChosenPoint point;
             point.m_isCheckpoint = true;
