@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "appliance/CheckpointTimer.h"
+#include "appliance/HostPort.h"
 #include "appliance/Mirror.h"
 #include "appliance/MirrorSettings.h"
 #include "appliance/Retention.h"
@@ -151,12 +152,6 @@ Result commandLine(Context& context, const Arguments& arguments, const ServeAddr
     return Result();
 }
 
-bool isPort(const std::string& text)
-{
-    return !text.empty() && text.size() <= 5 &&
-           text.find_first_not_of("0123456789") == std::string::npos && std::stoul(text) <= 65535;
-}
-
 // What the server would refuse too, but in words of its own and with no code of ours.
 Result checkOptions(const Arguments& arguments)
 {
@@ -176,12 +171,10 @@ Result checkOptions(const Arguments& arguments)
         if (bytes == 0)
             return Result::usage("--views-budget and --apply-rate take sizes above 0");
     }
-    if (const std::string& where = arguments.m_metricsHttp; !where.empty()) {
-        const size_t colon = where.rfind(':');
-        if (colon == std::string::npos || colon == 0 || !isPort(where.substr(colon + 1)))
-            return Result::usage("--metrics-http takes ADDRESS:PORT, not '" + where + "'");
-    }
-    return Result();
+    HostPort where;
+    return arguments.m_metricsHttp.empty()
+               ? Result()
+               : parseHostPort("--metrics-http", arguments.m_metricsHttp, &where);
 }
 
 Result run(Context& context, const Arguments& arguments)

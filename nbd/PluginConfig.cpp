@@ -1,11 +1,15 @@
 #include "nbd/PluginConfig.h"
 
-#include <memory>
+#include <cerrno>
+#include <filesystem>
+#include <unistd.h>
 
+#include "appliance/HostPort.h"
 #include "appliance/Mirror.h"
 #include "appliance/MirrorSettings.h"
 #include "appliance/Retention.h"
 #include "appliance/Sizes.h"
+#include "host/infra/TweaksLoader.h"
 #include "host/journal/FileStorage.h"
 #include "nbd/Nbdkit.h"
 
@@ -70,6 +74,20 @@ Result parseRecovery(const std::string& key, const std::string& value, JournalRe
     return Result();
 }
 
+// Empty: no file.
+Result checkWritable(const std::string& file)
+{
+    if (file.empty())
+        return Result();
+    std::error_code ignored;
+    if (std::filesystem::is_directory(file, ignored))
+        return Result::fromErrno(EISDIR, "cannot write " + file);
+    const std::string folder = std::filesystem::path(file).parent_path();
+    return access(folder.c_str(), W_OK | X_OK) == 0
+               ? Result()
+               : Result::fromErrno(errno, "cannot write " + file);
+}
+
 } // namespace
 
 Result PluginConfig::set(const std::string& key, const std::string& value)
@@ -94,7 +112,8 @@ Result PluginConfig::set(const std::string& key, const std::string& value)
         return parseSeconds(key, value, &m_served.m_metricsEveryMs);
     if (key == "metrics-http") {
         m_served.m_metricsHttp = value;
-        return Result();
+        HostPort where;
+        return parseHostPort(key, value, &where);
     }
     if (key == "checkpoint-every")
         return m_served.m_checkpoints.add(value);
@@ -137,7 +156,33 @@ Result PluginConfig::complete()
     if (Result result = loadSettings(storage, m_served.m_folder, &settings); !result.ok())
         return result;
     // Opening it tells this too, but only once nbdkit has left the terminal and takes clients.
-    return m_served.m_readOnly ? Result() : Mirror::checkUnused(m_served.m_folder);
+    if (!m_served.m_readOnly) {
+        if (Result result = Mirror::checkUnused(m_served.m_folder); !result.ok())
+            return result;
+    }
+    return checkOutside();
+}
+
+Result PluginConfig::checkOutside() const
+{
+    for (const std::string& file :
+         {m_served.m_metricsFile, m_eventsFile, m_log ? m_log->m_file : std::string()}) {
+        if (Result result = checkWritable(file); !result.ok())
+            return result;
+    }
+    if (!m_served.m_metricsHttp.empty()) {
+        HostPort where;
+        Result result = parseHostPort("metrics-http", m_served.m_metricsHttp, &where);
+        if (result.ok())
+            result = tryToListen(where);
+        if (!result.ok())
+            return result;
+    }
+    // The host does so again, to the same end.
+    Outcome done = m_tweaksFile.empty() ? Outcome() : loadTweaksFile(m_tweaksFile);
+    for (size_t i = 0; done.ok() && i < m_tweaks.size(); ++i)
+        done = setTweak(m_tweaks[i]);
+    return done.ok() ? Result() : Result::fromStatus(done.m_rc, done.m_message);
 }
 
 LogOutputOptions& PluginConfig::logOutput()

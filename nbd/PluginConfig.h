@@ -26,7 +26,8 @@ struct PluginConfig
     // Takes one parameter. WrongUsage: no such key, or no such value.
     Result set(const std::string& key, const std::string& value);
 
-    // Checks all of them together, and that the mirror is there.
+    // Checks all of them together, that the mirror is there, and that what they name can be had:
+    // nbdkit leaves the terminal next, and then tells nobody. Sets the tweaks.
     Result complete();
 
     // For --help, in nbdkit's form.
@@ -35,4 +36,5 @@ struct PluginConfig
 private:
     // What m_log holds, which is there from then on.
     LogOutputOptions& logOutput();
+    Result checkOutside() const;
 };

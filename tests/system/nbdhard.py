@@ -1,11 +1,14 @@
 """Clients that do not behave, a journal that is full, a byte that has flipped, and an end under load:
 the server goes on with the others, and loses nothing that it acknowledged."""
 
+import contextlib
 import errno
+import json
 import os
 import random
 import re
 import signal
+import socket
 import subprocess
 import threading
 import time
@@ -462,9 +465,68 @@ def test_one_owner():
             handle.shutdown()
 
 
-need_nbd("nbdcopy")
+def test_reader_whose_past_is_gone():
+    """A writer applies and trims all that the reader found when it began."""
+    with Folder() as folder:
+        mirror = new_mirror(folder, 1 << 20)
+        with Server(folder, mirror) as server:
+            handle = connect(server)
+            handle.pwrite(b"1" * BLOCK, 0)
+            first, _ = checkpoint(mirror)
+            handle.pwrite(b"2" * BLOCK, 0)
+            handle.flush()
+            with Server(folder, mirror, "readonly=true", name="reader") as reader:
+                handle.pwrite(b"3" * BLOCK, 0)
+                for to, expected in (("item:2", ["latest"]), ("latest", [])):
+                    rlctl("apply", mirror, "--to", to, "--yes")
+                    rlctl("trim", mirror, "--to", to, "--yes")
+                    listed = json.loads(run_tool("nbdinfo", "--list", "--json", reader.uri("")))
+                    found = [one["export-name"] for one in listed["exports"]]
+                    check(found == expected, "after %s: %r are listed" % (to, found))
+                    check(refused(connect, reader, first) != 0, first + " is served")
+                for name in ("", "latest", "item:2", "item:3"):
+                    check(refused(connect, reader, name) != 0, "'%s' is served" % name)
+                for line in reader.log().splitlines()[-4:]:
+                    check("open it anew" in line, line)
+            with Server(folder, mirror, "readonly=true", name="reader") as reader:
+                other = connect(reader, "latest")
+                check(other.pread(BLOCK, 0) == b"3" * BLOCK, "a new reader")
+                other.shutdown()
+            handle.shutdown()
+
+
+def test_mistakes_are_told_before_it_leaves_the_terminal():
+    with Folder() as folder, socket.create_server(("127.0.0.1", 0)) as taken:
+        mirror = new_mirror(folder, 1 << 20)
+        tweaks = os.path.join(folder, "tweaks")
+        with open(tweaks, "w", encoding="utf-8") as file:
+            file.write('{"t_RlVerboseLogs": ')
+        used = "127.0.0.1:%d" % taken.getsockname()[1]
+        missing = os.path.join(folder, "missing", "file")
+        for parameter in ("metrics=" + missing, "metrics=" + folder, "events=" + missing,
+                          "log-file=" + missing, "tweaks-file=" + missing, "tweaks-file=" + tweaks,
+                          "tweak=t_RlVerboseLogs=7", "metrics-http=1", "metrics-http=9100",
+                          "metrics-http=:9100", "metrics-http=127.0.0.1:port",
+                          "metrics-http=" + used, "metrics-http=192.0.2.1:9100"):
+            server = Server(folder, mirror, parameter)
+            done = subprocess.run([one for one in server.command if one != "-f"], check=False,
+                                  env=server_environment(), stdin=subprocess.DEVNULL,
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                                  timeout=FAR_END)
+            if done.returncode == 0:
+                with contextlib.suppress(OSError, ValueError), open(server.pid_file, "rb") as file:
+                    os.kill(int(file.read()), signal.SIGTERM)
+            text = done.stderr.decode(errors="replace")
+            value = parameter.split("=", 1)[1]
+            check(done.returncode == 1 and value.split("=")[0] in text,
+                  "%s: exit code %d, '%s'" % (parameter, done.returncode, text))
+            check(not os.path.exists(os.path.dirname(missing)), parameter + " makes a folder")
+
+
+need_nbd("nbdcopy", "nbdinfo")
 run(test_odd_requests, test_maps_of_all_that_32_bits_can_ask_for,
     test_unknown_exports_are_refused, test_clients_that_vanish, test_clients_that_stall_and_flood,
     test_full_journal, test_refusals_do_not_fill_the_log, test_flipped_byte,
     test_end_under_load_loses_nothing_answered, test_end_with_idle_clients,
-    test_end_with_open_views, test_one_owner)
+    test_end_with_open_views, test_one_owner, test_reader_whose_past_is_gone,
+    test_mistakes_are_told_before_it_leaves_the_terminal)
