@@ -10,6 +10,11 @@
 // noted durably before it; and before that, that the new point can be reached: everything that it
 // takes from the journal was read and found whole. Views of later points do not see the change, as
 // whatever is written here they find in the journal.
+//
+// Where there is no memory for the index of all that lies between, it goes to nearer points first,
+// one after the other, each as above: so little memory makes an apply slow, and not impossible. One
+// that was cut off and finds less memory than it had also goes by nearer points: until it has got
+// to where it went, the target stays of none.
 #pragma once
 
 #include "appliance/FlowControl.h"
@@ -31,8 +36,8 @@ struct ApplyStatistics
     u64 m_fromItems = 0; // where the target was
     u64 m_toItems = 0;
     u64 m_items = 0;        // that lie between
-    u64 m_itemBytes = 0;    // of the volume, that these cover; of one block twice where two do
-    u64 m_dataBytes = 0;    // written, or to be written
+    u64 m_itemBytes = 0;    // of the volume, that those done cover; of one block twice where two do
+    u64 m_dataBytes = 0;    // written, or to be written; of one block twice where two steps do
     u64 m_zeroBytes = 0;    // made holes
     bool m_resumed = false; // an apply to the same point that was cut off
     double m_seconds = 0;
@@ -43,8 +48,9 @@ struct ApplyStatistics
 // NotFound: before the target's point; InUse: a held point, or one that somebody reads, lies before
 // the one asked for; Damaged: something that the point takes from the journal cannot be read, the
 // message says what. Nothing was changed by these, unless an apply was under way before: then
-// points before the one asked for stay gone. Interrupted, NoSpace, Failed: run it again, it goes
-// on. Until then points before the one asked for are gone, as the window tells.
+// points before the one asked for stay gone; or they came up after some steps, then the target is
+// where the last one went. Interrupted, NoSpace, Failed: run it again, it goes on. Until then
+// points before the one that it went to are gone, as the window tells.
 // Thread safety: a plain thread; one apply or trim at a time. Writes, views and reads of the mirror
 // may go on beside it.
 Result applyMirror(Mirror& mirror, TaskEngine& engine, const ChosenPoint& to,

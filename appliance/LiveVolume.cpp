@@ -40,6 +40,12 @@ Result LiveVolume::open(Mirror& mirror, FlowControl& control, std::unique_ptr<Li
     std::unique_ptr<LiveVolume> opened(new LiveVolume(mirror));
     if (Result result = opened->build(control); !result.ok())
         return result;
+    // Before anybody else asks for memory; where there is too little left, nothing is written.
+    if (!opened->leavesReserve())
+        LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
+            << "the memory limit leaves apply and trim too little beside the index of the live "
+               "volume: writes are refused until these have made room"
+            << std::endl;
     mirror.addIndex(opened.get());
     *volume = std::move(opened);
     return Result();
@@ -55,9 +61,15 @@ Result LiveVolume::build(FlowControl& control)
         return result;
     RegionLocatorMetaDataContainer_Insert* container = m_locator.getInsertContainer();
     container->init(NO_CHECKPOINT);
+    ScanOptions options;
+    prepareAtOnce(options);
     ScanResult scanned;
-    Result result = scanJournal(m_mirror, *container, ScanOptions(), m_mirror.journal().itemCount(),
+    Result result = scanJournal(m_mirror, *container, options, m_mirror.journal().itemCount(),
                                 "index the live volume", control, &scanned);
+    if (!result.ok() && isForWantOfMemory(scanned))
+        return Result::failed(result.message() +
+                              "; give it more, or run rlctl apply and rlctl trim on the mirror "
+                              "first: they do with less, in steps");
     const RegionLocatorStatistics statistics = m_locator.getStatistics();
     m_insertedIos = statistics.m_numIOsInserted;
     m_insertedBytes = statistics.m_bytesInserted;
@@ -140,10 +152,29 @@ void LiveVolume::lead(Waiting& leader)
 // What nobody uses goes before a writer is refused.
 RcStatus LiveVolume::reserve(u64 insertions)
 {
-    RcStatus rc = m_reserve.prepare(insertions);
+    RcStatus rc = prepare(insertions);
     if (rc != RC_SUCCESS && m_makeRoom && m_makeRoom())
-        rc = m_reserve.prepare(insertions);
+        rc = prepare(insertions);
     return rc;
+}
+
+RcStatus LiveVolume::prepare(u64 insertions)
+{
+    if (m_reserve.has(insertions))
+        return RC_SUCCESS;
+    // Tokens that are left are for a trim.
+    m_reserve.release();
+    return leavesReserve() ? m_reserve.prepare(insertions) : RC_NO_MEMORY;
+}
+
+bool LiveVolume::leavesReserve()
+{
+    if (m_forApply.isThere())
+        return true;
+    // What speeds the index up may have it, and gives way to insertions.
+    const RcStatus rc = m_reserve.prepare(m_forApply.bytes() / TokenReserve::BYTES_PER_INSERT);
+    m_reserve.release();
+    return rc == RC_SUCCESS && m_forApply.isThere();
 }
 
 void LiveVolume::appendGroup(Waiting* first)
@@ -156,7 +187,7 @@ void LiveVolume::appendGroup(Waiting* first)
     } else {
         // There may be memory for some of them.
         for (Waiting* one = first; one != nullptr; one = one->m_next) {
-            if (m_reserve.prepare(one->m_request.maxItems()) == RC_SUCCESS)
+            if (prepare(one->m_request.maxItems()) == RC_SUCCESS)
                 appendPrepared(one, one->m_next);
             else
                 m_refused.fetch_add(1, std::memory_order_relaxed);

@@ -15,7 +15,8 @@
 // Thread safety: any thread.
 // Invariants: 1. nothing of the index is ever locked, so no operation on it waits, or stops the
 //                process over what it meets;
-//             2. the memory that a group's insertions take is reserved before it is appended;
+//             2. the memory that a group's insertions take is reserved before it is appended, and
+//                leaves apply and trim the memory that they need to give some back;
 //             3. every request is answered, also where the heap gives nothing for the group.
 #pragma once
 
@@ -26,6 +27,7 @@
 #include "appliance/DirectReader.h"
 #include "appliance/FlowControl.h"
 #include "appliance/JournalIndex.h"
+#include "appliance/MemoryReserve.h"
 #include "appliance/Mirror.h"
 #include "appliance/TokenReserve.h"
 #include "host/journal/PreparedRequest.h"
@@ -74,6 +76,9 @@ public:
     u64 insertedIos() const { return m_insertedIos.load(std::memory_order_relaxed); }
     u64 insertedBytes() const { return m_insertedBytes.load(std::memory_order_relaxed); }
 
+    // What writers leave for apply and trim, which borrow it.
+    MemoryReserve& memoryReserve() { return m_forApply; }
+
     // Requests that found no memory for the index.
     u64 refused() const { return m_refused.load(std::memory_order_relaxed); }
 
@@ -108,6 +113,8 @@ private:
     void lead(Waiting& leader);
     void appendGroup(Waiting* first);
     RcStatus reserve(u64 insertions);
+    RcStatus prepare(u64 insertions);
+    bool leavesReserve();
     void appendPrepared(Waiting* first, Waiting* end);
 
     Mirror& m_mirror;
@@ -125,6 +132,8 @@ private:
     bool m_isLed RL_GUARDED_BY(m_queueMutex) = false;
     Waiting* m_first RL_GUARDED_BY(m_queueMutex) = nullptr;
     Waiting* m_last RL_GUARDED_BY(m_queueMutex) = nullptr;
+
+    MemoryReserve m_forApply;
 
     // Of the one that leads.
     TokenReserve m_reserve;

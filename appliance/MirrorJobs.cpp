@@ -128,11 +128,11 @@ Result MirrorJobs::apply(JobOrigin origin, const ChosenPoint& to, const ApplyOpt
     if (Result result = turn.take(origin, control); !result.ok())
         return result;
     Control inner(*this, origin, control, options.m_dryRun ? nullptr : &m_applyProgress);
+    const MemoryReserve::Loan loan(m_memory);
     Result result = applyMirror(m_mirror, m_engine, to, options, inner, statistics);
     if (!options.m_dryRun) {
         note(m_applies, result);
-        if (result.ok())
-            m_appliedBytes += statistics->m_itemBytes;
+        m_appliedBytes += statistics->m_itemBytes;
     }
     return result;
 }
@@ -144,6 +144,7 @@ Result MirrorJobs::trim(JobOrigin origin, const ChosenPoint& to, const TrimOptio
     if (Result result = turn.take(origin, control); !result.ok())
         return result;
     Control inner(*this, origin, control, nullptr);
+    const MemoryReserve::Loan loan(m_memory);
     Result result = trimMirror(m_mirror, m_engine, to, options, inner, statistics);
     if (!options.m_dryRun)
         note(m_trims, result);

@@ -15,6 +15,7 @@
 #include <condition_variable>
 
 #include "appliance/Apply.h"
+#include "appliance/MemoryReserve.h"
 #include "appliance/Trim.h"
 #include "common/infra/Mutex.h"
 
@@ -35,8 +36,10 @@ struct JobRecord
 class MirrorJobs
 {
 public:
-    // Both outlive it.
-    MirrorJobs(Mirror& mirror, TaskEngine& engine) : m_mirror(mirror), m_engine(engine) {}
+    // All outlive it. memory: lent to the jobs; null: none is kept for them.
+    MirrorJobs(Mirror& mirror, TaskEngine& engine, MemoryReserve* memory = nullptr)
+        : m_mirror(mirror), m_engine(engine), m_memory(memory)
+    {}
     MirrorJobs(const MirrorJobs&) = delete;
     MirrorJobs& operator=(const MirrorJobs&) = delete;
 
@@ -76,6 +79,7 @@ private:
 
     Mirror& m_mirror;
     TaskEngine& m_engine;
+    MemoryReserve* const m_memory;
     JobRecord m_applies;
     JobRecord m_trims;
     JobRecord m_checkpoints;

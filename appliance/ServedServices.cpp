@@ -14,7 +14,8 @@ u64 ServedServices::requests() const
 Result ServedServices::startWriters(FlowControl& starting)
 {
     const ServedOptions& options = m_served.options();
-    m_jobs = std::make_unique<MirrorJobs>(m_served.mirror(), m_served.engine());
+    m_jobs = std::make_unique<MirrorJobs>(m_served.mirror(), m_served.engine(),
+                                          &m_served.live()->memoryReserve());
     m_lag = std::make_unique<ApplyLag>(*m_jobs,
                                        [live = m_served.live()] { return live->insertedBytes(); });
     if (Result result = m_lag->measure(starting); !result.ok())

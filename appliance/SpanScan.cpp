@@ -10,8 +10,18 @@ namespace {
 // Nobody else gives memory back meanwhile, so waiting long for some is of no use.
 constexpr u64 MEMORY_TIMEOUT_MS = 5000;
 constexpr u64 TOKEN_BYTES = 64;
+// Each asks for two tokens an item beforehand, also for the last items that there is room for.
+constexpr u32 SMALL_BATCH_ITEMS = 256;
 
 } // namespace
+
+void prepareAtOnce(ScanOptions& options)
+{
+    options.batchItems = SMALL_BATCH_ITEMS;
+    // A deadline of 0.
+    options.prepareTimeoutMs = 0;
+    options.nowMs = [] { return u64{0}; };
+}
 
 Result checkSpan(const ChosenPoint& from, const ChosenPoint& to)
 {
@@ -38,8 +48,10 @@ Result scanJournal(Mirror& mirror, SfsMetaDataContainer& container, ScanOptions 
     const bool fromStart = options.start.grain == SFS_DEV_ADDR_INVALID;
     const u64 firstPage =
         fromStart ? mirror.journal().begin().m_page : pageOfJournalPtr(options.start);
-    options.prepareTimeoutMs = MEMORY_TIMEOUT_MS;
-    options.nowMs = [] { return Clock::instance()->nowMs(); };
+    if (options.prepareTimeoutMs == ScanOptions().prepareTimeoutMs) {
+        options.prepareTimeoutMs = MEMORY_TIMEOUT_MS;
+        options.nowMs = [] { return Clock::instance()->nowMs(); };
+    }
     options.progress = [&](u64 donePages, u64 allPages) {
         control.progress(donePages - firstPage, allPages - firstPage);
         if (control.stopRequested())

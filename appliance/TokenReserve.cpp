@@ -28,10 +28,15 @@ RcStatus TokenReserve::fill(u64 tokens)
     return RC_SUCCESS;
 }
 
+bool TokenReserve::has(u64 insertions) const
+{
+    return insertions * TOKENS_PER_INSERT <= m_left;
+}
+
 RcStatus TokenReserve::prepare(u64 insertions)
 {
     const u64 tokens = insertions * TOKENS_PER_INSERT;
-    if (tokens <= m_left)
+    if (has(insertions))
         return RC_SUCCESS;
     // First of all, so that these tokens can be among the new ones.
     release();

@@ -10,6 +10,8 @@
 class TokenReserve
 {
 public:
+    static constexpr u64 BYTES_PER_INSERT = 128; // two tokens
+
     // locator: outlives it.
     explicit TokenReserve(RegionLocator& locator);
     ~TokenReserve();
@@ -19,6 +21,9 @@ public:
     // Makes sure of memory for so many insertions, at once or not at all. RC_NO_MEMORY: there is
     // not that much; what was reserved before is given back.
     RcStatus prepare(u64 insertions);
+
+    // Whether that many are prepared for.
+    bool has(u64 insertions) const;
 
     // Inserts one region. REQUIRES: prepared for, and nothing of the locator is locked.
     void insert(const SubRegionDescriptor& region);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "appliance/HostPort.h"
+#include "appliance/MemoryReserve.h"
 #include "appliance/Mirror.h"
 #include "appliance/MirrorSettings.h"
 #include "appliance/Retention.h"
@@ -151,6 +152,11 @@ Result PluginConfig::complete()
     if (m_served.m_readOnly &&
         m_served.m_checkpoints.m_everyMs + m_served.m_checkpoints.m_everyBytes != 0)
         return Result::usage("readonly and checkpoint-every exclude each other");
+    // With less every write would be refused, for ever.
+    if (const u64 least = MemoryReserve::leastLimitBytes();
+        !m_served.m_readOnly && m_memoryLimitBytes < least)
+        return Result::usage("memory-limit takes at least " + formatSize(least) +
+                             " where a mirror is served for writing");
     FileStorage storage(m_served.m_folder);
     MirrorSettings settings;
     if (Result result = loadSettings(storage, m_served.m_folder, &settings); !result.ok())

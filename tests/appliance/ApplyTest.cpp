@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "tests/appliance/MirrorFixture.h"
+#include "tests/support/LimitedMemory.h"
 
 namespace {
 
@@ -37,6 +38,22 @@ protected:
     }
 
     std::string dataGrain() const { return folder() + "/journal/d-0000000001"; }
+
+    // Journals `count` short requests, and returns what the volume holds then.
+    Image writeShortOnes(u32 count)
+    {
+        std::mt19937 random(77);
+        Image image(BLOCKS * BLOCK_BYTES);
+        for (u32 i = 0; i < count; ++i) {
+            const u32 length = 1 + random() % 3;
+            const u64 offset = random() % (BLOCKS - length);
+            u8* data = image.data() + offset * BLOCK_BYTES;
+            std::memset(data, static_cast<int>(random()), size_t{length} * BLOCK_BYTES);
+            EXPECT_TRUE(m_mirror->write(offset, data, length).ok());
+        }
+        EXPECT_TRUE(m_mirror->flush().ok());
+        return image;
+    }
 
     ResultCode viewCode(u64 items)
     {
@@ -119,6 +136,49 @@ TEST_F(ApplyTest, ADryRunSeesWhatItsOwnProcessHasNotFlushed)
     EXPECT_EQ(m_statistics.m_items, 3u);
     EXPECT_EQ(m_statistics.m_dataBytes, 24u * BLOCK_BYTES);
     EXPECT_EQ(m_mirror->applyState().m_items, 0u);
+}
+
+TEST_F(ApplyTest, GoesByNearerPointsWhereMemoryIsShort)
+{
+    makeMirror();
+    const Image image = writeShortOnes(6000);
+    const LimitedMemory limited(16 << 10, 128 << 10);
+    ApplyOptions options;
+    options.m_dryRun = true;
+    Result result = apply(6000, nullptr, options);
+    ASSERT_TRUE(result.ok()) << result.message();
+    EXPECT_EQ(m_mirror->window().m_firstItems, 0u);
+    const u64 told = m_statistics.m_dataBytes;
+    result = apply(6000);
+    ASSERT_TRUE(result.ok()) << result.message();
+    EXPECT_EQ(m_statistics.m_items, 6000u);
+    EXPECT_EQ(m_statistics.m_dataBytes, told);
+    EXPECT_EQ(target(), image);
+    EXPECT_EQ(m_mirror->window().m_firstItems, 6000u);
+}
+
+TEST_F(ApplyTest, OneThatWasCutOffFindsItsWayWithLessMemory)
+{
+    makeMirror();
+    const Image image = writeShortOnes(6000);
+    ApplyOptions options;
+    options.m_stepBlocks = 64;
+    options.m_noteEveryBlocks = 1;
+    StopAfter stop(100);
+    EXPECT_EQ(apply(6000, &stop, options).code(), ResultCode::Interrupted);
+    ASSERT_TRUE(m_mirror->applyState().underWay());
+    ASSERT_GT(m_mirror->applyState().m_doneBlocks, 0u);
+    const LimitedMemory limited(16 << 10, 128 << 10);
+    // Once more, on the way.
+    StopAfter stopAgain(8);
+    EXPECT_EQ(apply(6000, &stopAgain).code(), ResultCode::Interrupted);
+    EXPECT_GT(m_mirror->applyState().m_items, 0u);
+    EXPECT_EQ(m_mirror->window().m_firstItems, 6000u) << "points on the way are gone";
+    openMirror();
+    const Result result = apply(6000);
+    ASSERT_TRUE(result.ok()) << result.message();
+    EXPECT_EQ(target(), image);
+    EXPECT_FALSE(m_mirror->applyState().underWay());
 }
 
 TEST_F(ApplyTest, GoesOnWithWhatCameAfterIt)

@@ -36,20 +36,37 @@ protected:
         return chosen;
     }
 
-    Result stats(JsonValue* result)
+    Result command(const std::string& name, const JsonValue& arguments, JsonValue* result)
     {
         std::unique_ptr<ControlClient> client;
         if (Result connected = ControlClient::connect(folder(), &client); !connected.ok())
             return connected;
         CommandControl control;
-        return client->run("stats", JsonValue::object(), control, result);
+        return client->run(name, arguments, control, result);
+    }
+
+    Result stats(JsonValue* result) { return command("stats", JsonValue::object(), result); }
+
+    // Writes from the nth block on, until one is refused or so many are written.
+    u64 writeFrom(u64 n, u64 most)
+    {
+        std::vector<u8> data(BLOCK_BYTES);
+        u64 done = 0;
+        for (; done < most; ++done) {
+            data.assign(BLOCK_BYTES, static_cast<u8>(n + done));
+            const RcStatus rc = live().write(nth(n + done), data.data(), 1);
+            if (rc == RC_NO_MEMORY)
+                break;
+            EXPECT_EQ(rc, RC_SUCCESS) << rcStatusText(rc);
+        }
+        return done;
     }
 };
 
 TEST_F(ServedMemoryTest, AViewThatNobodyHasOpenGoesBeforeAWriteIsRefused)
 {
     makeMirrorOf(1000);
-    const LimitedMemory limited(16 << 10, 288 << 10);
+    const LimitedMemory limited(16 << 10, 352 << 10);
     serve();
     {
         ViewShelf::Lease lease;
@@ -68,6 +85,73 @@ TEST_F(ServedMemoryTest, AViewThatNobodyHasOpenGoesBeforeAWriteIsRefused)
     const ViewShelfReport report = m_served->views().report();
     EXPECT_EQ(report.m_views, 0u);
     EXPECT_EQ(report.m_dropped, 1u);
+    stopServing();
+}
+
+TEST_F(ServedMemoryTest, WhereWritesAreRefusedApplyAndTrimMakeRoomAgain)
+{
+    makeMirrorOf(1);
+    const LimitedMemory limited(16 << 10, 256 << 10);
+    serve();
+    const u64 written = writeFrom(1, 4000);
+    ASSERT_GT(written, 2000u);
+    ASSERT_LT(written, 4000u) << "the limit was never reached";
+    Image image = readLive();
+    JsonValue result;
+    for (int round = 0; round < 2; ++round) {
+        // The same index fits again.
+        stopServing();
+        serve();
+        if (HasFatalFailure())
+            return;
+        EXPECT_EQ(writeFrom(4000, 10), 0u);
+        const Result applied = command("apply", {{"to", "latest"}}, &result);
+        ASSERT_TRUE(applied.ok()) << applied.message();
+        const Result trimmed = command("trim", {{"to", "latest"}}, &result);
+        ASSERT_TRUE(trimmed.ok()) << trimmed.message();
+        EXPECT_EQ(readLive(), image);
+        const u64 again = writeFrom(1, 4000);
+        EXPECT_GT(again, written / 2);
+        EXPECT_LT(again, 4000u);
+        image = readLive();
+    }
+    stopServing();
+}
+
+TEST_F(ServedMemoryTest, AnIndexThatLeavesNothingBesideItTakesNothingIn)
+{
+    makeMirrorOf(3000);
+    const LimitedMemory limited(16 << 10, 208 << 10);
+    serve();
+    if (HasFatalFailure())
+        return;
+    EXPECT_EQ(writeFrom(3000, 1), 0u);
+    stopServing();
+}
+
+TEST_F(ServedMemoryTest, AServerThatFindsTooLittleSaysWhatDoesWithLess)
+{
+    makeMirrorOf(3000);
+    const LimitedMemory limited(16 << 10, 96 << 10);
+    ServedOptions options;
+    options.m_folder = folder();
+    ServedMirror served(m_host.getEngine(), options);
+    const Result refused = served.start();
+    EXPECT_EQ(refused.code(), ResultCode::Failed);
+    EXPECT_NE(refused.message().find("rlctl apply"), std::string::npos) << refused.message();
+    openMirror();
+    MirrorJobs jobs(*m_mirror, m_host.getEngine());
+    FlowControl control;
+    ApplyStatistics applied;
+    Result result = jobs.apply(JobOrigin::Command, point(3000), {}, control, &applied);
+    ASSERT_TRUE(result.ok()) << result.message();
+    TrimStatistics trimmed;
+    result = jobs.trim(JobOrigin::Command, point(3000), {}, control, &trimmed);
+    ASSERT_TRUE(result.ok()) << result.message();
+    ASSERT_TRUE(m_mirror->close().ok());
+    serve();
+    if (HasFatalFailure())
+        return;
     stopServing();
 }
 
