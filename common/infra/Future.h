@@ -98,9 +98,12 @@ private:
         void attach(FutureObserver<T>* observer)
         {
             std::unique_lock<std::mutex> lock(m_mutex);
-            // Most futures have one, and attaching that cannot fail for want of heap.
-            if (m_first == nullptr && m_observers.empty())
+            // One that answers somebody else's future has two, and attaching them cannot fail for
+            // want of heap.
+            if (m_first == nullptr)
                 m_first = observer;
+            else if (m_second == nullptr && m_observers.empty())
+                m_second = observer;
             else
                 m_observers.push_back(observer);
             // While another call drains, it takes this observer too, in its turn.
@@ -134,11 +137,21 @@ private:
         {
             m_draining = true;
             // Those that are called may attach others.
-            for (size_t next = 0; m_first != nullptr || next < m_observers.size();)
-                call(m_first != nullptr ? std::exchange(m_first, nullptr) : m_observers[next++],
-                     lock);
-            m_observers.clear();
+            while (m_first != nullptr)
+                call(takeFirst(), lock);
             m_draining = false;
+        }
+
+        // The others move up.
+        FutureObserver<T>* takeFirst()
+        {
+            FutureObserver<T>* const first = m_first;
+            m_first = std::exchange(m_second, nullptr);
+            if (m_first == nullptr && !m_observers.empty()) {
+                m_first = m_observers.front();
+                m_observers.erase(m_observers.begin());
+            }
+            return first;
         }
 
         void call(FutureObserver<T>* observer, std::unique_lock<std::mutex>& lock)
@@ -155,8 +168,9 @@ private:
         bool m_isSet = false;
         bool m_draining = false;
         T m_value{};
-        FutureObserver<T>* m_first = nullptr;
-        std::vector<FutureObserver<T>*> m_observers; // those behind the first
+        FutureObserver<T>* m_first = nullptr; // null: nobody waits
+        FutureObserver<T>* m_second = nullptr;
+        std::vector<FutureObserver<T>*> m_observers; // those behind the first two
     };
 
     State* m_state;
