@@ -1517,7 +1517,14 @@ RegionLocator::getFirstAndLockInternal(AsyncTask* pAsyncTask, u32 a_maxBlocks, u
             HARD_CHECK(a_subRegionsResult->size() > 0);
             return RC_SUCCESS;
         }
-        a_subRegionsResult->push_back(curRegion);
+        try {
+            a_subRegionsResult->push_back(curRegion);
+        } catch (const std::bad_alloc&) {
+            // Whoever gets no answer gives nothing back.
+            returnRegions(*a_subRegionsResult);
+            a_subRegionsResult->clear();
+            throw;
+        }
         RL_TRACE(<< "erase from unlocked " << curRegion);
         iter = m_unlockedRegions->erase(iter);
         RL_TRACE(<< "insert locked " << curRegion);
@@ -1536,6 +1543,15 @@ RegionLocator::getFirstAndLockInternal(AsyncTask* pAsyncTask, u32 a_maxBlocks, u
     }
     HARD_CHECK(a_subRegionsResult->size() > 0);
     return RC_SUCCESS;
+}
+
+void RegionLocator::returnRegions(const std::vector<SubRegionDescriptor>& a_regions)
+{
+    for (const SubRegionDescriptor& region : a_regions) {
+        m_lockedRegions->erase(region);
+        const bool rc = m_unlockedRegions->insert(region).second;
+        HARD_CHECK(rc);
+    }
 }
 
 std::vector<SubRegionDescriptor> RegionLocator::resumeGetFirst(u32 a_maxBlocks, u32 a_maxRegions,

@@ -375,6 +375,8 @@ private:
     RcStatus getFirstAndLockInternal(AsyncTask* pAsyncTask, u32 a_maxBlocks, u32 a_maxRegions,
                                      std::vector<SubRegionDescriptor>* a_subRegionsResult,
                                      RegionLocatorVoucher* a_voucher);
+    // Moves regions that have just been locked as they were back to the unlocked ones.
+    void returnRegions(const std::vector<SubRegionDescriptor>& a_regions) RL_REQUIRES(m_mutex);
     std::vector<SubRegionDescriptor> resumeGetFirst(u32 a_maxBlocks, u32 a_maxRegions,
                                                     bool& a_resHasMore) RL_REQUIRES(m_mutex);
     void resumeLockAndRemove(const SubRegionDescriptor& desc) RL_REQUIRES(m_mutex);

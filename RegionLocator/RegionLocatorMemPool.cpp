@@ -181,8 +181,7 @@ FutureStatus RegionLocatorMemPool::fillVoucher(RegionLocatorVoucher* voucher, in
     FutureStatus filled;
     try {
         if (timeout != 0)
-            filled = fillBufFutureWithTimeout(m_id, &observer->m_buf, sizeBytes, m_dummyMmi,
-                                              timeout, token);
+            filled = fillInTime(&observer->m_buf, sizeBytes, timeout, token);
         else
             filled.set(fillNow(&observer->m_buf, sizeBytes));
     } catch (const std::bad_alloc&) {
@@ -201,6 +200,17 @@ RcStatus RegionLocatorMemPool::fillNow(ScatteredBuf* buf, u32 sizeBytes)
     if (rc == RC_SUCCESS || m_upkeepListener == nullptr || !m_upkeepListener->giveWay())
         return rc;
     return fillBufNoWait(buf, sizeBytes, m_dummyMmi);
+}
+
+FutureStatus RegionLocatorMemPool::fillInTime(ScatteredBuf* buf, u32 sizeBytes, u64 timeout,
+                                              void* token)
+{
+    FutureStatus filled =
+        fillBufFutureWithTimeout(m_id, buf, sizeBytes, m_dummyMmi, timeout, token);
+    // Tokens may be all that is missing, and nobody else may ever give any back.
+    if (!filled.isSet() && m_upkeepListener != nullptr)
+        m_upkeepListener->giveWay();
+    return filled;
 }
 
 void RegionLocatorMemPool::cancelVoucherFill(void* token)

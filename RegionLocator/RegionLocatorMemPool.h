@@ -144,6 +144,7 @@ private:
 
     void keepUp();
     RcStatus fillNow(ScatteredBuf* buf, u32 sizeBytes);
+    FutureStatus fillInTime(ScatteredBuf* buf, u32 sizeBytes, u64 timeout, void* token);
 
     u64 m_id;
     ModuleMemoryInformation* m_mmi;      // the kind's group in the process-wide pool, shared

@@ -159,6 +159,46 @@ TEST_P(LocatorNoMemoryTest, AFillThatWaitsIsServedOrRefusedAndLosesNothing)
     global->init(256 * 1024, 0, ~u64{0});
 }
 
+// A fill for which the process-wide pool has to wait, and the heap fails while it is asked.
+TEST_P(LocatorNoMemoryTest, ABlockThatComesForNobodyGoesBack)
+{
+    constexpr u32 BLOCK_BYTES_OF_POOL = 16384;
+    MemoryPoolImpl* const global = Singleton<MemoryPoolImpl, MemoryPoolImpl>::instance();
+    global->init(BLOCK_BYTES_OF_POOL, 0, BLOCK_BYTES_OF_POOL);
+    withEachAllocationFailing([global](u64 nth) {
+        bool failed;
+        {
+            RegionLocator locator(1, RL_MMI_View);
+            RegionLocatorMemPool& pool = *locator.getMemPool();
+            RegionLocatorVoucher* const voucher = pool.createVoucher();
+            FutureStatus future;
+            Outcome outcome;
+            {
+                RegionLocator other(2, RL_MMI_View);
+                RegionLocatorVoucher* const all = filled(other, 100);
+                {
+                    FailingHeap heap(nth);
+                    try {
+                        future = pool.fillVoucher(voucher, 100, ~u64{0}, voucher);
+                    } catch (const std::bad_alloc&) {
+                        outcome.m_rc = RC_NO_MEMORY;
+                    }
+                    failed = heap.failed();
+                }
+                if (outcome.m_rc == RC_WAIT)
+                    future.attach(&outcome);
+                other.getMemPool()->destroyVoucher(all);
+            }
+            EXPECT_EQ(outcome.m_rc, failed ? RC_NO_MEMORY : RC_SUCCESS) << nth;
+            EXPECT_EQ(tokensIn(voucher), failed ? 0u : 100u) << nth;
+            pool.destroyVoucher(voucher);
+        }
+        EXPECT_EQ(global->getMemoryStats().usedBytesGross, 0u) << nth;
+        return failed;
+    });
+    global->init(256 * 1024, 0, ~u64{0});
+}
+
 TEST_P(LocatorNoMemoryTest, ALookupWithoutRoomForItsAnswerLeavesNoVoucherActive)
 {
     RegionLocator locator(1, RL_MMI_View);
@@ -175,6 +215,32 @@ TEST_P(LocatorNoMemoryTest, ALookupWithoutRoomForItsAnswerLeavesNoVoucherActive)
         EXPECT_THROW(locator.getFirstRegionsAndLock(nullptr, 10, &pieces, voucher), std::bad_alloc);
         EXPECT_EQ(locator.getMemPool()->getActiveVoucher(), nullptr);
     }
+}
+
+TEST_P(LocatorNoMemoryTest, TheFirstRegionsAreLockedAllOrNone)
+{
+    withEachAllocationFailing([](u64 nth) {
+        RegionLocator locator(1, RL_MMI_View);
+        locator.getMemPool()->destroyVoucher(grow(locator, 100));
+        const VoucherGuard voucher(locator.getMemPool(), 20);
+        Regions pieces;
+        bool failed = false;
+        {
+            FailingHeap heap(nth);
+            try {
+                locator.getFirstRegionsAndLock(nullptr, 10, &pieces, voucher);
+            } catch (const std::bad_alloc&) {
+                failed = true;
+            }
+        }
+        EXPECT_EQ(Access::locked(locator)->size(), failed ? 0u : 10u) << nth;
+        EXPECT_EQ(pieces.size(), failed ? 0u : 10u) << nth;
+        EXPECT_EQ(locator.getItemCount(), 100u) << nth;
+        EXPECT_EQ(tokensOut(locator), 120u) << nth;
+        locator.unlockAndRestore(pieces, voucher);
+        EXPECT_EQ(lockRange(locator, 0, 100 * LENGTH).size(), 100u) << nth;
+        return failed;
+    });
 }
 
 TEST_P(LocatorNoMemoryTest, AWaiterWithoutRoomForItsAnswerIsToldSo)
@@ -203,33 +269,38 @@ TEST_P(LocatorNoMemoryTest, AWaiterWithoutRoomForItsAnswerIsToldSo)
     EXPECT_EQ(lockRange(locator, 0, 80).size(), 10u);
 }
 
-// The directory is what there can be less of.
+// The directory is what there can be less of, for a fill that does not wait and for one that does.
 TEST_P(LocatorNoMemoryTest, AsManyRegionsFitAsWithoutADirectory)
 {
     constexpr u32 PIECE_BYTES = 16384;
     MemoryPoolImpl* const global = Singleton<MemoryPoolImpl, MemoryPoolImpl>::instance();
     global->init(PIECE_BYTES, 0, 32 * PIECE_BYTES);
-    const auto regionsThatFit = [] {
+    const auto regionsThatFit = [](bool waits) {
         RegionLocator locator(1, RL_MMI_View);
+        RegionLocatorMemPool& pool = *locator.getMemPool();
         for (u64 count = 0;; ++count) {
-            RegionLocatorVoucher* const voucher = locator.getMemPool()->createVoucher();
-            const bool isThere =
-                locator.getMemPool()->fillVoucher(voucher, 2, 0, voucher).get() == RC_SUCCESS;
+            RegionLocatorVoucher* const voucher = pool.createVoucher();
+            const FutureStatus filled = pool.fillVoucher(voucher, 2, waits ? ~u64{0} : 0, voucher);
+            if (!filled.isSet())
+                pool.cancelVoucherFill(voucher);
+            const bool isThere = filled.get() == RC_SUCCESS;
             if (isThere)
                 locator.insert(plainRegion(LENGTH * count, LENGTH, LENGTH * count), voucher);
-            locator.getMemPool()->destroyVoucher(voucher);
+            pool.destroyVoucher(voucher);
             if (!isThere)
                 return count;
         }
     };
-    const u64 with = regionsThatFit();
-    u64 without;
-    {
-        const Accelerators none(Accelerators::NONE, FROM_REGIONS);
-        without = regionsThatFit();
+    for (const bool waits : {false, true}) {
+        const u64 with = regionsThatFit(waits);
+        u64 without;
+        {
+            const Accelerators none(Accelerators::NONE, FROM_REGIONS);
+            without = regionsThatFit(waits);
+        }
+        EXPECT_EQ(with, without) << waits;
+        EXPECT_GT(without, 2 * FROM_REGIONS);
     }
-    EXPECT_EQ(with, without);
-    EXPECT_GT(without, 2 * FROM_REGIONS);
     global->init(256 * 1024, 0, ~u64{0});
 }
 
