@@ -101,8 +101,9 @@ public:
     // a_lock true, and nothing in the range is locked: RC_SUCCESS; the pieces are locked for the
     // caller, who gives them back with an unlock. Tokens: LOOKUP_LOCKED, one for each piece.
     // a_lock true, and anything in the range is locked: RC_WAIT; nothing is locked and the result
-    // is untouched until the task is resumed with RC_SUCCESS, by which time the pieces are locked
-    // in the result. Task, result and voucher live until then.
+    // is untouched until the task is resumed: with RC_SUCCESS, by which time the pieces are locked
+    // in the result, or with RC_NO_MEMORY, as the heap had no room for them, and nothing is locked.
+    // Task, result and voucher live until then.
     RcStatus lookup(AsyncTask* pAsyncTask, u64 a_viewOffsetBlocks, u32 a_lengthBlocks,
                     std::vector<SubRegionDescriptor>* a_subRegionsResult, bool a_lock,
                     RegionLocatorVoucher* voucher);
@@ -124,7 +125,8 @@ public:
     //
     // RC_SUCCESS: the regions are locked for the caller; none when the locator is empty.
     // RC_WAIT: everything left is locked by others. The task is resumed with RC_SUCCESS and the
-    // result 0, with the first regions of that moment locked in its result vector.
+    // result 0, with the first regions of that moment locked in its result vector; or with
+    // RC_NO_MEMORY, and none is.
     // REQUIRES: the first region fits, else the process stops: a limit of 65535 blocks always
     // does. Tokens: LOOKUP_LOCKED, one for each region.
     RcStatus getFirstRegionsAndLock(AsyncTask* pAsyncTask, u32 a_maxRegions,

@@ -99,6 +99,9 @@ RcStatus ViewReader::readFrame(AsyncTask* task, AsyncFrame* frame)
             fg.setState(READ);
             break;
         case READ: {
+            // Of one that was parked, too: there may be no memory for what it is answered.
+            if (rc != RC_SUCCESS)
+                break;
             l.m_locked = true;
             m_view.gate().settled(&l.m_ticket);
             ScatteredBuf destination(l.m_buffer, l.m_lengthBlocks << BLOCK_SHIFT);

@@ -8,9 +8,12 @@
 #include "appliance/TrimmedZeroes.h"
 #include "appliance/ViewShelf.h"
 #include "tests/appliance/MirrorFixture.h"
-#include "tests/support/FailingHeap.h"
+#include "tests/support/ComesTrue.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/RegionLocatorTestAccess.h"
 #include "tests/support/Regions.h"
+#include "tests/support/ReplacedHeap.h"
+#include "tests/support/VoucherGuard.h"
 
 namespace {
 
@@ -172,6 +175,30 @@ TEST_F(NoMemoryTest, OpenersOfAViewDoNotWaitForOneThatCouldNotBeBuilt)
     EXPECT_GT(failures, 0u);
     EXPECT_TRUE(log.softChecks().empty()) << testing::PrintToString(log.texts());
     RecordProperty("failures", static_cast<int>(failures));
+}
+
+// The target is not what a view holds where the journal has something newer.
+TEST_F(NoMemoryTest, AReaderThatIsWokenWithoutItsPiecesReadsNothing)
+{
+    makeMirror();
+    writeRandomly(3, 60);
+    const std::unique_ptr<View> held = view(60);
+    RegionLocator& locator = held->locator();
+    Regions regions = lockRange(locator, 0, BLOCKS);
+    const VoucherGuard unlocking(locator.getMemPool(), 1000);
+    ViewReader reader(*held);
+    Image image(BLOCKS * BLOCK_BYTES, 0xAA);
+    RcStatus rc = RC_WAIT;
+    std::thread parked([&] { rc = reader.readNow(m_host.getEngine(), 0, BLOCKS, image.data()); });
+    ASSERT_TRUE(comesTrue([&] { return RegionLocatorTestAccess::lockWaiter(locator) != nullptr; }));
+    {
+        const FailingHeap heap(1);
+        locator.unlockAndRestore(regions, unlocking);
+        EXPECT_TRUE(heap.failed());
+    }
+    parked.join();
+    EXPECT_EQ(rc, RC_NO_MEMORY);
+    EXPECT_EQ(readAll(*held), m_images.back()) << "nothing has stayed locked";
 }
 
 // Who says that it writes has journaled already, and could not take that back.

@@ -6,10 +6,10 @@
 
 #include "RegionLocator/RegionLocatorMetaDataContainer.h"
 #include "tests/support/Accelerators.h"
-#include "tests/support/FailingHeap.h"
 #include "tests/support/FakeTaskControl.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RegionLocatorTestAccess.h"
+#include "tests/support/ReplacedHeap.h"
 #include "tests/support/Tokens.h"
 #include "tests/support/VoucherGuard.h"
 

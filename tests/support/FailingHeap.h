@@ -4,9 +4,9 @@
 //   store.append(...);          // its third allocation throws std::bad_alloc
 //   EXPECT_TRUE(heap.failed());
 //
-// Replaces operator new of the whole program, so at most one file of a program includes it. What is
-// asked for without exceptions is let through: so are the tracked objects of the shield, for want
-// of which a process stops by design.
+// Works in programs of which one file includes ReplacedHeap.h. What is asked for without exceptions
+// is let through: so are the tracked objects of the shield, for want of which a process stops by
+// design.
 #pragma once
 
 #include <cstdlib>
@@ -44,28 +44,3 @@ public:
 private:
     inline static thread_local u64 s_left = 0; // 0: none fails
 };
-
-#if HEAP_CAN_FAIL
-
-void* operator new(size_t bytes)
-{
-    return FailingHeap::take(bytes);
-}
-
-void* operator new(size_t bytes, const std::nothrow_t&) noexcept
-{
-    return std::malloc(bytes != 0 ? bytes : 1);
-}
-
-// Not inline, or the compiler takes free() for one that does not match operator new.
-[[gnu::noinline]] void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept
-{
-    std::free(memory);
-}
-
-#endif

@@ -5,8 +5,8 @@
 
 #include "host/journal/JournalScanner.h"
 #include "tests/support/CrashStorage.h"
-#include "tests/support/FailingHeap.h"
 #include "tests/support/JournalReadback.h"
+#include "tests/support/ReplacedHeap.h"
 
 namespace {
 
@@ -184,7 +184,8 @@ TEST_F(JournalNoMemoryTest, AScanEndsWithItAndTellsItsContainer)
             ended += result.rc != RC_SUCCESS;
             return failed;
         });
-        EXPECT_GT(failures, 1u);
+        // Where another thread reads ahead, what this one needs depends on which is faster.
+        EXPECT_GT(failures, offload ? 0u : 1u);
         EXPECT_GT(ended, 0u);
     }
 }
