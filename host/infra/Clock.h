@@ -35,7 +35,8 @@ public:
 
     // Calls back once `deadlineMs` has come, on a thread of the clock's choice; never for NEVER.
     // The callback is short, does not wait, and may use the clock. It is destroyed after its call,
-    // or by cancel(). Returns an id that is never used again, and never NO_TIMER.
+    // or by cancel(). Returns an id that is never used again, and never NO_TIMER. Throws
+    // std::bad_alloc, and there is no timer, where it finds no room or no thread.
     virtual TimerId schedule(u64 deadlineMs, std::function<void()> callback) = 0;
 
     // Takes a timer back. True: it has not been called and never will be. False: it has been

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <exception>
+#include <new>
 
 #include "common/infra/Singleton.h"
 
@@ -39,7 +41,14 @@ Clock::TimerId SystemClock::schedule(u64 deadlineMs, std::function<void()> callb
     const u64 firstBefore = m_timers.firstDeadlineMs();
     const TimerId id = m_timers.add(deadlineMs, std::move(callback));
     if (!m_running && !m_stopping) {
-        m_thread = std::thread([this] { serve(); });
+        try {
+            m_thread = std::thread([this] { serve(); });
+        } catch (const std::exception&) {
+            // Nobody knows of it, so nobody may be called.
+            std::function<void()> uncalled;
+            m_timers.remove(id, &uncalled);
+            throw std::bad_alloc();
+        }
         m_running = true;
     } else if (deadlineMs < firstBefore) {
         m_changed.notify_all();

@@ -1,11 +1,18 @@
 #include "host/infra/TimerQueue.h"
 
+#include <new>
+
 Clock::TimerId TimerQueue::add(u64 deadlineMs, Callback callback)
 {
     const Clock::TimerId id = m_nextId++;
     // One without a limit is kept as well: it can be cancelled, and never becomes due.
-    m_timers.emplace(Key(deadlineMs, id), std::move(callback));
-    m_deadlines.emplace(id, deadlineMs);
+    const auto timer = m_timers.emplace(Key(deadlineMs, id), std::move(callback)).first;
+    try {
+        m_deadlines.emplace(id, deadlineMs);
+    } catch (const std::bad_alloc&) {
+        m_timers.erase(timer);
+        throw;
+    }
     return id;
 }
 

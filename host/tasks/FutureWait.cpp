@@ -1,5 +1,7 @@
 #include "host/tasks/FutureWait.h"
 
+#include <new>
+
 #include "common/headers/AsyncTaskControl.h"
 
 RcStatus FutureWait::start(AsyncTask* task, const FutureStatus& future, u64 deadlineMs)
@@ -13,7 +15,12 @@ RcStatus FutureWait::start(AsyncTask* task, const FutureStatus& future, u64 dead
     if (hasTimer) {
         // First the timer, so that its id is known to an update() that comes inside attach().
         wait->m_clock = Clock::instance();
-        wait->m_timer = wait->m_clock->schedule(deadlineMs, [wait] { wait->deadlineCame(); });
+        try {
+            wait->m_timer = wait->m_clock->schedule(deadlineMs, [wait] { wait->deadlineCame(); });
+        } catch (const std::bad_alloc&) {
+            SHIELD_DELETE(wait);
+            return RC_NO_MEMORY;
+        }
     }
     // The task may be woken in here; its engine remembers that until the frames have returned.
     future.attach(wait);
