@@ -86,6 +86,9 @@ void SystemArenas::giveBack(Arenas::iterator arena, u32 unit, u32 block)
         m_arenas.erase(arena);
     } else if (to.m_free == ALL) {
         madvise(start, UNIT_BYTES, MADV_DONTNEED);
+        if (to.m_isInPieces)
+            wantHugePages(start, UNIT_BYTES);
+        to.m_isInPieces = false;
     } else {
         to.m_held |= bit;
         ++m_held;
@@ -99,6 +102,10 @@ void SystemArenas::giveBackHeld()
     for (auto& [memory, arena] : m_arenas) {
         u8* start = memory;
         for (Unit& unit : arena.m_units) {
+            if (unit.m_held != 0 && !unit.m_isInPieces) {
+                madvise(start, UNIT_BYTES, MADV_NOHUGEPAGE);
+                unit.m_isInPieces = true;
+            }
             for (u8* block = start; unit.m_held != 0; unit.m_held >>= 1, block += BLOCK_BYTES)
                 if ((unit.m_held & 1) != 0)
                     madvise(block, BLOCK_BYTES, MADV_DONTNEED);
@@ -113,14 +120,19 @@ SystemArenas::Arenas::iterator SystemArenas::makeArena()
     u8* const memory = allocateSystemMapping(ARENA_BYTES);
     if (memory == nullptr)
         return m_arenas.end();
-    if (Tweaks::uintVal("t_HugePages", 1) != 0)
-        madvise(memory, ARENA_BYTES, MADV_HUGEPAGE); // a kernel that has none refuses
+    wantHugePages(memory, ARENA_BYTES);
     try {
         return m_arenas.emplace(memory, Arena()).first;
     } catch (const std::bad_alloc&) {
         freeSystemMapping(memory, ARENA_BYTES);
         return m_arenas.end();
     }
+}
+
+void SystemArenas::wantHugePages(u8* memory, size_t bytes)
+{
+    if (Tweaks::uintVal("t_HugePages", 1) != 0)
+        madvise(memory, bytes, MADV_HUGEPAGE); // a kernel that has none refuses
 }
 
 u64 SystemArenas::usedBlocks() const

@@ -15,8 +15,10 @@
 //   given back   its unit is wholly free, or so much is held that it would be a burden: the kernel
 //                has its memory, and it is as untouched
 //
-// Huge pages are asked for, not required; the tweak t_HugePages, read when an arena is made, being
-// 0 they are not asked for. A block's first touch makes its whole unit resident, so a process may
+// A unit of which a part was given back has ordinary pages until it is wholly free: the kernel looks
+// for such ones, and fills them up to a huge page again.
+//
+// Huge pages are asked for, not required; the tweak t_HugePages being 0 they are not asked for. A block's first touch makes its whole unit resident, so a process may
 // have 2 MiB more than its blocks are, and what is held.
 #pragma once
 
@@ -66,6 +68,7 @@ private:
     {
         u8 m_free = ALL;
         u8 m_held = 0; // of the free ones
+        bool m_isInPieces = false;
     };
     struct Arena
     {
@@ -79,6 +82,7 @@ private:
     void giveBack(Arenas::iterator arena, u32 unit, u32 block) RL_REQUIRES(m_mutex);
     void giveBackHeld() RL_REQUIRES(m_mutex);
     Arenas::iterator makeArena() RL_REQUIRES(m_mutex);
+    static void wantHugePages(u8* memory, size_t bytes);
 
     mutable Mutex m_mutex;
     Arenas m_arenas RL_GUARDED_BY(m_mutex);

@@ -122,6 +122,27 @@ TEST_F(SystemArenasTest, HugePagesAreAskedForUnlessTheTweakSaysNo)
     EXPECT_FALSE(isAskedForHugePages(take()));
 }
 
+// The kernel makes huge pages of what has a single page, and what was given back came back.
+TEST_F(SystemArenasTest, AUnitOfWhichAPartWasGivenBackIsInPiecesUntilItIsFree)
+{
+    if (madvise(nullptr, 0, MADV_HUGEPAGE) != 0)
+        GTEST_SKIP() << "this kernel has no huge pages";
+    constexpr u32 A_UNIT = UNIT / BLOCK;
+    std::vector<u8*> blocks;
+    for (u32 i = 0; i < 4 * A_UNIT; ++i)
+        blocks.push_back(take());
+    for (u32 unit = 0; unit < 3; ++unit)
+        for (u32 i = 1; i < A_UNIT; ++i)
+            give(blocks[unit * A_UNIT + i]);
+    ASSERT_LT(m_arenas.heldBlocks(), SystemArenas::LEAST_HELD);
+    EXPECT_FALSE(isAskedForHugePages(blocks[0]));
+    EXPECT_FALSE(isAskedForHugePages(blocks[A_UNIT]));
+    EXPECT_TRUE(isAskedForHugePages(blocks[3 * A_UNIT]));
+    give(blocks[0]);
+    EXPECT_TRUE(isAskedForHugePages(blocks[0])) << "wholly free";
+    EXPECT_FALSE(isAskedForHugePages(blocks[A_UNIT]));
+}
+
 TEST_F(SystemArenasTest, AFreeBlockOfAUsedUnitIsTheNextOneTaken)
 {
     std::vector<u8*> blocks;
