@@ -35,6 +35,8 @@ RcStatus JournalStore::Impl::flushLocked()
     while (m_flushedAccepted < target) {
         if (m_failed != RC_SUCCESS)
             return m_failed;
+        if (m_lockFile == nullptr) // closed meanwhile, and somebody else may write
+            return RC_BAD_ARGUMENT;
         if (m_flushing) {
             m_flushed.wait(m_mutex);
             continue;

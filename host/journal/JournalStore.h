@@ -146,7 +146,8 @@ public:
     RcStatus flush();
 
     // Closes as the destructor does, and says how it went. Appends and flushes that come from its
-    // beginning on fail with RC_BAD_ARGUMENT; those under way are waited for.
+    // beginning on fail with RC_BAD_ARGUMENT; those under way are waited for, and where what they
+    // wait for could not be made durable they fail as well.
     RcStatus close();
 
     // Logical items accepted; with `durable`, flushed.

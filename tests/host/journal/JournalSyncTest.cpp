@@ -321,4 +321,40 @@ TEST_F(JournalSyncTest, CloseBesideAppendsAndFlushesLosesNothingAcknowledged)
     EXPECT_EQ(store->itemCount(), accepted);
 }
 
+// Behind it another process may write.
+TEST_F(JournalSyncTest, AFlushThatWaitedForAFailedOneWritesNothingBehindClose)
+{
+    for (int round = 0; round < 20; ++round) {
+        auto crashing = std::make_unique<CrashStorage>();
+        CrashStorage& below = *crashing;
+        SlowStorage storage(std::move(crashing), 0);
+        const auto store = openJournal(storage, JournalMode::Writer);
+        ASSERT_EQ(store->appendZeroes(0, 1), RC_SUCCESS);
+        below.failCall(Call::Sync, 1, RC_NO_SPACE, true);
+        Gate gate;
+        std::atomic<bool> isClosed{false};
+        std::atomic<u32> late{0};
+        storage.start([&](u64 call) {
+            if (call == 1)
+                gate.pass();
+            late += isClosed;
+        });
+        std::vector<std::thread> threads;
+        threads.emplace_back([&] { EXPECT_NE(store->flush(), RC_SUCCESS); });
+        gate.waitForArrival();
+        for (u32 i = 0; i < 3; ++i)
+            threads.emplace_back([&] { EXPECT_NE(store->flush(), RC_SUCCESS); });
+        threads.emplace_back([&] {
+            EXPECT_NE(store->close(), RC_SUCCESS);
+            isClosed = true;
+        });
+        std::this_thread::sleep_for(WAIT / 20); // for them to come to where they wait
+        gate.open();
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_EQ(late, 0u) << round;
+        storage.start({});
+    }
+}
+
 } // namespace
