@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <random>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,6 +23,7 @@ namespace {
 
 constexpr const char* TARGET_FILE = "target";
 constexpr const char* INCREMENTS_FOLDER = "increments";
+constexpr const char* JOURNAL_FOLDER = "journal";
 
 // Removes what a failed creation has made so far.
 class RemoveUnlessDone
@@ -44,13 +47,49 @@ private:
 
 constexpr const char* CREATING = ".creating-";
 
+// The folder of a creation that is under way, held until its end.
+class HeldFolder
+{
+public:
+    explicit HeldFolder(const fs::path& path)
+        : m_fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)),
+          m_isHeld(m_fd >= 0 && flock(m_fd, LOCK_EX | LOCK_NB) == 0)
+    {}
+    ~HeldFolder()
+    {
+        if (m_fd >= 0)
+            close(m_fd);
+    }
+    HeldFolder(const HeldFolder&) = delete;
+    HeldFolder& operator=(const HeldFolder&) = delete;
+
+    bool isHeld() const { return m_isHeld; }
+
+private:
+    const int m_fd;
+    const bool m_isHeld;
+};
+
+// Whether there is nothing but what a creation makes before its last step, the settings: with them
+// it is a mirror, whatever its name.
+bool isHalfMirror(const fs::path& folder)
+{
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder, error)) {
+        const std::string name = entry.path().filename().string();
+        if (name != TARGET_FILE && name != INCREMENTS_FOLDER && name != JOURNAL_FOLDER)
+            return false;
+    }
+    return !error;
+}
+
 // What creations of that mirror by processes that are gone have left. Who is still at it has the
-// number of a process that lives here, or, elsewhere, the journal's lock.
+// number of a process that lives here, or, elsewhere, the folder.
 void removeLeftCreations(const fs::path& final)
 {
     const std::string prefix = final.filename().string() + CREATING;
     std::error_code ignored;
-    std::vector<fs::path> left;
+    std::vector<fs::path> candidates;
     for (const fs::directory_entry& entry : fs::directory_iterator(final.parent_path(), ignored)) {
         const std::string name = entry.path().filename().string();
         const std::string number = name.substr(std::min(prefix.size(), name.size()));
@@ -58,12 +97,14 @@ void removeLeftCreations(const fs::path& final)
             number.find_first_not_of("0123456789") != std::string::npos)
             continue;
         const pid_t process = std::stoi(number);
-        const bool isGone = process == getpid() || (kill(process, 0) != 0 && errno == ESRCH);
-        if (isGone && Mirror::checkUnused(entry.path().string()).ok())
-            left.push_back(entry.path());
+        if (process == getpid() || (kill(process, 0) != 0 && errno == ESRCH))
+            candidates.push_back(entry.path());
     }
-    for (const fs::path& folder : left)
-        fs::remove_all(folder, ignored);
+    for (const fs::path& folder : candidates) {
+        const HeldFolder held(folder);
+        if (held.isHeld() && isHalfMirror(folder))
+            fs::remove_all(folder, ignored);
+    }
 }
 
 u64 randomId()
@@ -166,6 +207,9 @@ Result Mirror::create(const std::string& folder, MirrorSettings settings)
         return Result::failed("cannot make " + making.string() + ": " +
                               (error ? error.message() : "it exists"));
     RemoveUnlessDone remove(making);
+    const HeldFolder held(making);
+    if (!held.isHeld())
+        return Result::fromErrno(errno, "cannot hold " + making.string());
 
     Mirror mirror(making.string(), std::make_unique<FileStorage>(making.string()));
     mirror.m_settings = settings;

@@ -1,5 +1,6 @@
 """What rlctl writes goes where it is meant to go, or the exit code says that it did not."""
 
+import fcntl
 import json
 import os
 import subprocess
@@ -199,11 +200,22 @@ def test_what_killed_creations_left_goes():
             pass
         mine = "m.creating-%d" % os.getpid()
         left = "m.creating-%d" % gone.pid
-        others = {mine, "m.creating-x", "m.creating-", "x.creating-%d" % gone.pid}
+        # Of these some have such a name by chance: more is in them than a creation makes, a whole
+        # mirror or nothing like one. One is held by a creation whose process cannot be seen.
+        strange, whole, held, file = ("m.creating-%d" % number for number in
+                                      (999999999, 999999998, 999999997, 999999996))
+        others = {mine, "m.creating-x", "m.creating-", "x.creating-%d" % gone.pid, strange, held}
         for name in others | {left}:
             os.makedirs(os.path.join(folder, name, "journal"))
+        rlctl("create", os.path.join(folder, whole), "--size", "1M")
+        for name in (os.path.join(strange, "notes"), file):
+            with open(os.path.join(folder, name), "wb"):
+                pass
+        holder = os.open(os.path.join(folder, held), os.O_RDONLY)
+        fcntl.flock(holder, fcntl.LOCK_EX)
         rlctl("create", mirror, "--size", "1M")
-        check(set(os.listdir(folder)) == others | {"m"}, "%r" % os.listdir(folder))
+        os.close(holder)
+        check(set(os.listdir(folder)) == others | {"m", whole, file}, "%r" % os.listdir(folder))
 
 
 def test_without_threads_nothing_aborts():
