@@ -26,11 +26,14 @@ void BackgroundApply::run()
         // In the way of others, or they in ours: the next time is soon.
         const bool quiet = result.ok() || result.code() == ResultCode::Interrupted ||
                            result.code() == ResultCode::InUse;
-        if (!quiet && result.message() != m_told)
-            LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
-                << "background apply and trim fail, and are tried again: " << result.message()
-                << std::endl;
-        m_told = quiet ? std::string() : result.message();
+        const Result ignored = caught([&] {
+            if (!quiet && result.message() != m_told)
+                LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
+                    << "background apply and trim fail, and are tried again: " << result.message()
+                    << std::endl;
+            m_told = quiet ? std::string() : result.message();
+            return Result();
+        });
     }
 }
 

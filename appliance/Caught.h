@@ -3,6 +3,7 @@
 #pragma once
 
 #include <exception>
+#include <new>
 
 #include "appliance/Result.h"
 
@@ -10,8 +11,14 @@
 template <class Body> Result caught(Body body) noexcept
 {
     try {
-        return body();
-    } catch (const std::exception&) {
+        try {
+            return body();
+        } catch (const std::bad_alloc&) {
+            throw;
+        } catch (const std::exception& failure) {
+            return Result::failed(failure.what());
+        }
+    } catch (const std::bad_alloc&) {
         return Result::failed("no memory left"); // so short that it takes none
     }
 }

@@ -122,19 +122,10 @@ void ControlServer::run()
             if (m_connections.empty())
                 break;
         }
-        fds.clear();
-        fds.push_back({m_wakeFd, POLLIN, 0});
-        const bool takes = !stopping && nowMs() >= m_acceptAfterMs;
-        if (takes)
-            m_acceptAfterMs = 0;
-        fds.push_back({takes ? m_listening : -1, POLLIN, 0});
-        for (const Connection& one : m_connections) {
-            const short out = one.m_out.empty() ? short{0} : short{POLLOUT};
-            // Who does not read its answers asks for no more.
-            const bool takesMore = !one.m_closing && (one.m_out.empty() || one.m_call != nullptr);
-            const short in = takesMore ? short{POLLIN} : short{0};
-            // Of one that is gone only the command's end is waited for.
-            fds.push_back({one.m_gone ? -1 : one.m_fd, static_cast<short>(in | out), 0});
+        if (const Result collected = caught([&] { return collect(stopping, &fds); });
+            !collected.ok()) {
+            poll(nullptr, 0, TICK_MS); // there may be memory for it then
+            continue;
         }
         poll(fds.data(), fds.size(), waitMs());
         u64 count = 0;
@@ -152,15 +143,43 @@ void ControlServer::run()
             });
             one.m_gone = one.m_gone || !turn.ok();
         }
-        if ((fds[1].revents & POLLIN) != 0)
-            accept();
+        const Result accepted = caught([&] {
+            if ((fds[1].revents & POLLIN) != 0)
+                accept();
+            return Result();
+        });
+        if (!accepted.ok())
+            m_acceptAfterMs = nowMs() + ACCEPT_PAUSE_MS;
         removeGone();
     }
     m_stopUntilMs = 0;
 }
 
+// What is waited for: to be woken, new connections, and then each connection in turn.
+Result ControlServer::collect(bool stopping, std::vector<pollfd>* fds)
+{
+    fds->clear();
+    fds->push_back({m_wakeFd, POLLIN, 0});
+    const bool takes = !stopping && nowMs() >= m_acceptAfterMs;
+    if (takes)
+        m_acceptAfterMs = 0;
+    fds->push_back({takes ? m_listening : -1, POLLIN, 0});
+    for (const Connection& one : m_connections) {
+        const short out = one.m_out.empty() ? short{0} : short{POLLOUT};
+        // Who does not read its answers asks for no more.
+        const bool takesMore = !one.m_closing && (one.m_out.empty() || one.m_call != nullptr);
+        const short in = takesMore ? short{POLLIN} : short{0};
+        // Of one that is gone only the command's end is waited for.
+        fds->push_back({one.m_gone ? -1 : one.m_fd, static_cast<short>(in | out), 0});
+    }
+    return Result();
+}
+
 void ControlServer::accept()
 {
+    // Its place comes first: a connection that is accepted may not be lost for want of one.
+    std::list<Connection> place;
+    place.emplace_back(m_limits.m_lineBytes);
     const int fd = accept4(m_listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) {
         if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
@@ -173,18 +192,22 @@ void ControlServer::accept()
     }
     const bool allowed = isAllowed(fd);
     if (!allowed || !makeRoom()) {
-        const std::string text = controlError(
-            allowed ? Result(ResultCode::InUse,
+        const Result ignored = caught([&] {
+            const std::string text = controlError(
+                allowed
+                    ? Result(ResultCode::InUse,
                              "too many connections to the process that serves the mirror")
                     : Result::failed("only its owner gives commands to a mirror that is served"));
-        [[maybe_unused]] const ssize_t ignored =
-            ::send(fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            [[maybe_unused]] const ssize_t sent =
+                ::send(fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            return Result();
+        });
         close(fd);
         return;
     }
-    m_connections.emplace_back(m_limits.m_lineBytes);
-    m_connections.back().m_fd = fd;
-    m_connections.back().m_lastUseMs = nowMs();
+    place.back().m_fd = fd;
+    place.back().m_lastUseMs = nowMs();
+    m_connections.splice(m_connections.end(), place);
 }
 
 // Whether there is a place for one more; the connection that has been idle longest makes it.

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <list>
 #include <memory>
+#include <poll.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -64,6 +65,7 @@ private:
     void run();
     void wake();
     int waitMs() const;
+    Result collect(bool stopping, std::vector<pollfd>* fds);
     void accept();
     void receive(Connection& connection);
     void takeLine(Connection& connection, const std::string& line);
