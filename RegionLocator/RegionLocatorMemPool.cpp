@@ -100,9 +100,15 @@ void RegionLocatorMemPool::printMemoryUsage()
 FutureStatus RegionLocatorMemPool::allocate(u32 sizeBytes, u8** out)
 {
     auto* helper = SHIELD_NEW(AllocationHelper, out);
-    FutureStatus filled = globalPool()->fillBufFuture(m_id, &helper->m_buf, sizeBytes, m_mmi, this);
-    filled.attach(helper);
-    return filled;
+    try {
+        FutureStatus filled =
+            globalPool()->fillBufFuture(m_id, &helper->m_buf, sizeBytes, m_mmi, this);
+        filled.attach(helper);
+        return filled;
+    } catch (const std::bad_alloc&) {
+        SHIELD_DELETE(helper);
+        throw;
+    }
 }
 
 void RegionLocatorMemPool::freeAllocation(u8* ptr, u32 sizeBytes)
