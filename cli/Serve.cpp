@@ -1,9 +1,7 @@
 // rlctl serve
 
 #include <filesystem>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include "appliance/CheckpointTimer.h"
 #include "appliance/HostPort.h"
@@ -12,6 +10,7 @@
 #include "appliance/Retention.h"
 #include "appliance/Sizes.h"
 #include "cli/Commands.h"
+#include "cli/ServeAddress.h"
 #include "cli/ServeProcess.h"
 #include "host/journal/FileStorage.h"
 
@@ -191,31 +190,29 @@ Result run(Context& context, const Arguments& arguments)
         return result;
     if (Result result = checkMirror(arguments); !result.ok())
         return result;
-    if (Result result = address.clear(); !result.ok())
-        return result;
     std::vector<std::string> line;
     if (Result result = commandLine(context, arguments, address, &line); !result.ok())
+        return result;
+    ServeListener listener(std::move(address));
+    if (Result result = listener.claim(); !result.ok())
         return result;
     ServeProcess server;
     if (Result result = server.start(line); !result.ok())
         return result;
     bool answers = false;
-    Result result = server.waitUntilAnswers(address, &answers);
+    Result result = server.waitUntilAnswers(listener, &answers);
     if (result.ok() && answers) {
-        // nbdkit makes it so that nobody else may write to it, which connecting takes.
-        if (!address.m_socket.empty())
-            chmod(address.m_socket.c_str(), S_IRUSR | S_IWUSR);
+        const std::string uri = listener.address().uri();
         if (context.json())
-            context.result(Json{{"mirror", arguments.m_mirror},
-                                {"uri", address.uri()},
-                                {"readonly", arguments.m_readOnly}});
+            context.result(Json{
+                {"mirror", arguments.m_mirror}, {"uri", uri}, {"readonly", arguments.m_readOnly}});
         else
-            context.say("serving " + arguments.m_mirror + " at " + address.uri());
+            context.say("serving " + arguments.m_mirror + " at " + uri);
     }
     if (result.ok())
         result = server.waitForEnd(stopSeconds + MARGIN_SECONDS);
     // nbdkit leaves it behind.
-    address.remove();
+    listener.remove();
     return result;
 }
 

@@ -18,7 +18,6 @@
 namespace {
 
 constexpr u64 KILLED_MS = 2000; // for a kill to have its effect
-constexpr u64 REMOVE_MS = 2000; // for a socket to go
 
 std::atomic<int> child{-1};
 std::atomic<bool> stopPassedOn{false};
@@ -36,39 +35,6 @@ void catchSignals(void (*handler)(int))
     action.sa_handler = handler;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
-}
-
-// A connection, or -1.
-int connectTo(const ServeAddress& address)
-{
-    if (!address.m_socket.empty()) {
-        sockaddr_un name = {};
-        name.sun_family = AF_UNIX;
-        if (address.m_socket.size() >= sizeof(name.sun_path))
-            return -1;
-        std::memcpy(name.sun_path, address.m_socket.c_str(), address.m_socket.size() + 1);
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&name), sizeof(name)) == 0)
-            return fd;
-        if (fd >= 0)
-            close(fd);
-        return -1;
-    }
-    addrinfo hints = {};
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (getaddrinfo(address.m_host.c_str(), address.m_port.c_str(), &hints, &found) != 0)
-        return -1;
-    int connected = -1;
-    for (const addrinfo* one = found; one != nullptr && connected < 0; one = one->ai_next) {
-        const int fd = socket(one->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd >= 0 && connect(fd, one->ai_addr, one->ai_addrlen) == 0)
-            connected = fd;
-        else if (fd >= 0)
-            close(fd);
-    }
-    freeaddrinfo(found);
-    return connected;
 }
 
 // Whether what there is to read on a connection is a server's greeting. The connection alone says
@@ -89,46 +55,6 @@ bool isGreeted(int fd)
 }
 
 } // namespace
-
-std::string ServeAddress::uri() const
-{
-    const bool isIpv6 = m_host.find(':') != std::string::npos;
-    if (m_socket.empty())
-        return "nbd://" + (isIpv6 ? "[" + m_host + "]" : m_host) + ":" + m_port + "/";
-    return "nbd+unix:///?socket=" + m_socket;
-}
-
-Result ServeAddress::clear() const
-{
-    struct stat status = {};
-    if (m_socket.empty() || lstat(m_socket.c_str(), &status) != 0)
-        return Result();
-    if (!S_ISSOCK(status.st_mode))
-        return Result::failed(m_socket + " is there and is no socket");
-    const int fd = connectTo(*this);
-    if (fd >= 0) {
-        close(fd);
-        return Result(ResultCode::InUse, "a server listens on " + m_socket + " already");
-    }
-    return unlink(m_socket.c_str()) == 0 ? Result()
-                                         : Result::fromErrno(errno, "cannot remove " + m_socket);
-}
-
-// By a process of its own: one that waits for a disk cannot end, and this one has to.
-void ServeAddress::remove() const
-{
-    if (m_socket.empty())
-        return;
-    const pid_t remover = fork();
-    if (remover == 0) {
-        unlink(m_socket.c_str());
-        _exit(EXIT_SUCCESS);
-    }
-    const u64 endMs = Clock::instance()->nowMs() + REMOVE_MS;
-    while (remover > 0 && waitpid(remover, nullptr, WNOHANG) == 0 &&
-           Clock::instance()->nowMs() < endMs)
-        poll(nullptr, 0, 2);
-}
 
 ServeProcess::~ServeProcess()
 {
@@ -180,7 +106,7 @@ bool ServeProcess::waitFor(u64 milliseconds)
     return true;
 }
 
-Result ServeProcess::waitUntilAnswers(const ServeAddress& address, bool* answers)
+Result ServeProcess::waitUntilAnswers(ServeListener& listener, bool* answers)
 {
     *answers = false;
     Result result;
@@ -190,7 +116,7 @@ Result ServeProcess::waitUntilAnswers(const ServeAddress& address, bool* answers
     // A server that was told to end may never answer; its end is waited for with a limit.
     while (!stopPassedOn && !*answers) {
         if (fd < 0)
-            fd = connectTo(address);
+            fd = listener.connect(m_pid);
         pollfd readable = {fd, POLLIN, 0};
         if (fd >= 0 && poll(&readable, 1, 20) > 0) {
             *answers = isGreeted(fd);

@@ -7,24 +7,8 @@
 #include <vector>
 
 #include "appliance/Result.h"
+#include "cli/ServeAddress.h"
 #include "common/infra/Types.h"
-
-// A Unix socket, or else a TCP port on an address of this machine.
-struct ServeAddress
-{
-    std::string m_socket;
-    std::string m_host;
-    std::string m_port;
-
-    std::string uri() const;
-
-    // Takes away a socket that a server left behind; InUse: one serves there; Failed: something
-    // else is there.
-    Result clear() const;
-
-    // Takes the socket away, if the disk that it lies on answers within a moment.
-    void remove() const;
-};
 
 class ServeProcess
 {
@@ -39,9 +23,9 @@ public:
     // on. NotFound: there is no such program.
     Result start(const std::vector<std::string>& arguments);
 
-    // Waits until a server answers there, or a signal has been passed on: then *answers is false.
+    // Waits until the child answers there, or a signal has been passed on: then *answers is false.
     // Failed: the child ended by itself first.
-    Result waitUntilAnswers(const ServeAddress& address, bool* answers);
+    Result waitUntilAnswers(ServeListener& listener, bool* answers);
 
     // Waits for the child's end; after a signal that was passed on so many seconds at most, then
     // it is killed. Failed: it failed, or had to be killed, or not even that ended it, as a disk
