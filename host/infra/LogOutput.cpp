@@ -1,9 +1,13 @@
 #include "host/infra/LogOutput.h"
 
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
 #include <memory>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
+#include <unistd.h>
 
 #include "host/infra/LogFormat.h"
 
@@ -22,6 +26,16 @@ spdlog::level::level_enum spdlogLevelOf(LogLevel level)
     case LongTermInfoLevel: break;
     }
     return spdlog::level::info;
+}
+
+// errno of a file that cannot be written; else 0, and it is there.
+int tryToWrite(const std::string& path)
+{
+    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    if (file < 0)
+        return errno;
+    ::close(file);
+    return 0;
 }
 
 } // namespace
@@ -48,6 +62,10 @@ Outcome installLogOutput(const LogOutputOptions& options)
     std::shared_ptr<spdlog::logger> logger;
     try {
         std::shared_ptr<spdlog::sinks::sink> sink;
+        // The library would make the folder too, of a mistyped name.
+        if (const int error = options.m_file.empty() ? 0 : tryToWrite(options.m_file); error != 0)
+            return {RC_IO_ERROR,
+                    "cannot write the log to " + options.m_file + ": " + strerror(error)};
         if (options.m_file.empty())
             sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
         else

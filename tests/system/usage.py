@@ -221,6 +221,24 @@ def test_events_are_decoded():
         rlctl("events", trace, code=1)
 
 
+def test_logs_make_no_folders():
+    with Folder() as folder:
+        mirror = os.path.join(folder, "m")
+        rlctl("create", mirror, "--size", "1M")
+        missing = os.path.join(folder, "missing")
+        for option in ("--log-file", "--events"):
+            rlctl("info", mirror, option, os.path.join(missing, "log"), code=1)
+            check(os.path.join(missing, "log") in rlctl.errors and
+                  "No such file or directory" in rlctl.errors, rlctl.errors)
+            check(not os.path.exists(missing), option + " has made the folder")
+        log = os.path.join(folder, "log")
+        with open(log, "w", encoding="ascii") as file:
+            file.write("before\n")
+        rlctl("info", mirror, "--log-file", log, "--log-level", "debug")
+        with open(log, encoding="utf-8") as file:
+            check(file.readline() == "before\n", "a log is gone on with")
+
+
 def test_progress_ends_at_100():
     with Folder() as folder:
         mirror = os.path.join(folder, "m")
@@ -246,4 +264,4 @@ run(test_wrong_usage_is_2, test_missing_files_are_no_missing_mirrors, test_every
     test_unknown_point_states_the_window, test_bad_traces_change_nothing,
     test_damaged_settings_are_12, test_journal_limit_is_13_and_keeps_what_was_acknowledged,
     test_small_memory_limit_says_what_it_needs, test_completions_are_whole_scripts,
-    test_events_are_decoded, test_progress_ends_at_100)
+    test_events_are_decoded, test_logs_make_no_folders, test_progress_ends_at_100)
