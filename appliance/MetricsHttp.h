@@ -1,5 +1,6 @@
-// Serves metrics over HTTP, at /metrics. Whether this is built in is found when the build is
-// configured.
+// Serves metrics over HTTP, at /metrics, to a few clients at a time; one that comes displaces
+// whoever has been there longest, so that nobody is kept out. Whether this is built in is found
+// when the build is configured.
 //
 // Thread safety: the owner's thread; the text is asked for by others.
 #pragma once
@@ -27,6 +28,6 @@ public:
     void stop();
 
 private:
-    struct Server;
+    class Server;
     std::unique_ptr<Server> m_server;
 };

@@ -319,8 +319,7 @@ TEST_F(ServedMetricsTest, OverHttp)
     MetricsHttp second;
     EXPECT_EQ(second.start(where, nullptr).code(), ResultCode::Failed);
     const auto started = std::chrono::steady_clock::now();
-    m_served->services().stop(); // which waits for no disk
-    // The silent one is given five seconds; by the library alone it were thirty.
+    m_served->services().stop(); // which waits for no disk, nor for the silent one
     EXPECT_LT(std::chrono::steady_clock::now() - started, 25s);
     stopServing();
     close(silent);
