@@ -1,33 +1,7 @@
 #include "tests/support/CrashStorage.h"
 
 #include <algorithm>
-#include <cstring>
 #include <set>
-
-void CrashStorage::Content::write(u64 offset, const u8* data, u64 bytes)
-{
-    m_size = std::max(m_size, offset + bytes);
-    while (bytes > 0) {
-        const u64 in = offset % SECTOR_BYTES;
-        const u64 step = std::min(bytes, SECTOR_BYTES - in);
-        Sector& sector = m_sectors[offset / SECTOR_BYTES];
-        std::memcpy(sector.data() + in, data, step);
-        offset += step;
-        data += step;
-        bytes -= step;
-    }
-}
-
-void CrashStorage::Content::truncate(u64 size)
-{
-    m_size = size;
-    m_sectors.erase(m_sectors.lower_bound((size + SECTOR_BYTES - 1) / SECTOR_BYTES),
-                    m_sectors.end());
-    const auto last = m_sectors.find(size / SECTOR_BYTES);
-    if (last != m_sectors.end())
-        std::fill(last->second.begin() + static_cast<std::ptrdiff_t>(size % SECTOR_BYTES),
-                  last->second.end(), u8{0});
-}
 
 class CrashFile : public StorageFile
 {
@@ -50,22 +24,12 @@ public:
         const RcStatus rc = m_storage.begin(CrashStorage::Call::Read, false);
         if (rc != RC_SUCCESS)
             return rc;
-        const CrashStorage::Content& content = m_inode->m_current;
-        if (offset >= content.m_size)
+        const SectorContent& content = m_inode->m_current;
+        if (offset >= content.size())
             return RC_SUCCESS;
-        bytes = std::min(bytes, content.m_size - offset);
+        bytes = std::min(bytes, content.size() - offset);
         *doneBytes = bytes;
-        u8* out = static_cast<u8*>(data);
-        std::memset(out, 0, bytes);
-        auto it = content.m_sectors.lower_bound(offset / CrashStorage::SECTOR_BYTES);
-        for (; it != content.m_sectors.end(); ++it) {
-            const u64 begin = it->first * CrashStorage::SECTOR_BYTES;
-            if (begin >= offset + bytes)
-                break;
-            const u64 from = std::max(begin, offset);
-            const u64 to = std::min(begin + CrashStorage::SECTOR_BYTES, offset + bytes);
-            std::memcpy(out + (from - offset), it->second.data() + (from - begin), to - from);
-        }
+        content.read(offset, static_cast<u8*>(data), bytes);
         return RC_SUCCESS;
     }
 
@@ -75,22 +39,23 @@ public:
         const RcStatus rc = m_storage.begin(CrashStorage::Call::Write, true);
         if (rc != RC_SUCCESS)
             return rc;
-        const u8* next = static_cast<const u8*>(data);
         const u64 first = offset / CrashStorage::SECTOR_BYTES;
         const u64 count =
             (offset + bytes + CrashStorage::SECTOR_BYTES - 1) / CrashStorage::SECTOR_BYTES - first;
         const u64 fits = m_storage.takeSectors(*m_inode, first, count);
         if (fits < count) // a part may have been written
             bytes -= std::min(bytes, offset + bytes - (first + fits) * CrashStorage::SECTOR_BYTES);
-        while (bytes > 0) {
-            const u64 step =
-                std::min(bytes, CrashStorage::SECTOR_BYTES - offset % CrashStorage::SECTOR_BYTES);
-            m_inode->m_reserved.erase(offset / CrashStorage::SECTOR_BYTES);
-            m_inode->m_current.write(offset, next, step);
-            m_inode->m_unsynced.push_back({false, offset, std::vector<u8>(next, next + step)});
-            next += step;
-            offset += step;
-            bytes -= step;
+        const u8* begin = static_cast<const u8*>(data);
+        const auto kept = std::make_shared<const std::vector<u8>>(begin, begin + bytes);
+        m_inode->m_current.write(offset, begin, bytes);
+        for (u64 from = 0; from < bytes;) {
+            const u64 at = offset + from;
+            const u64 step = std::min(bytes - from,
+                                      CrashStorage::SECTOR_BYTES - at % CrashStorage::SECTOR_BYTES);
+            if (!m_inode->m_reserved.empty())
+                m_inode->m_reserved.erase(at / CrashStorage::SECTOR_BYTES);
+            m_inode->m_unsynced.push_back({false, at, kept, from, step});
+            from += step;
         }
         return fits < count ? RC_NO_SPACE : RC_SUCCESS;
     }
@@ -120,7 +85,7 @@ public:
     RcStatus size(u64* bytes) override
     {
         std::lock_guard<std::mutex> guard(m_storage.m_mutex);
-        *bytes = m_inode->m_current.m_size;
+        *bytes = m_inode->m_current.size();
         return m_storage.begin(CrashStorage::Call::Read, false);
     }
 
@@ -128,13 +93,13 @@ public:
     {
         std::lock_guard<std::mutex> guard(m_storage.m_mutex);
         const RcStatus rc = m_storage.begin(CrashStorage::Call::Write, true);
-        if (rc != RC_SUCCESS || bytes == m_inode->m_current.m_size)
+        if (rc != RC_SUCCESS || bytes == m_inode->m_current.size())
             return rc;
         m_inode->m_current.truncate(bytes);
         m_inode->m_reserved.erase(
             m_inode->m_reserved.lower_bound(bytes / CrashStorage::SECTOR_BYTES),
             m_inode->m_reserved.end());
-        m_inode->m_unsynced.push_back({true, bytes, {}});
+        m_inode->m_unsynced.push_back({true, bytes});
         return RC_SUCCESS;
     }
 
@@ -345,7 +310,7 @@ u64 CrashStorage::usedLocked() const
     for (const Names* names : {&m_current, &m_durable}) {
         for (const auto& [name, inode] : *names) {
             if (seen.insert(inode.get()).second)
-                used += inode->m_current.m_sectors.size() + inode->m_reserved.size();
+                used += inode->m_current.sectors() + inode->m_reserved.size();
         }
     }
     return used;
@@ -358,7 +323,7 @@ u64 CrashStorage::takeSectors(Inode& inode, u64 first, u64 count)
     const u64 used = usedLocked();
     u64 left = m_capacity - std::min(m_capacity, used);
     for (u64 sector = first; sector < first + count; ++sector) {
-        if (inode.m_current.m_sectors.count(sector) != 0 || inode.m_reserved.count(sector) != 0)
+        if (inode.m_current.hasSector(sector) || inode.m_reserved.count(sector) != 0)
             continue;
         if (left-- == 0)
             return sector - first;
@@ -422,7 +387,7 @@ std::unique_ptr<CrashStorage> CrashStorage::crash(const Chooser& fate) const
     std::map<const Inode*, InodePtr> made;
     for (const InodePtr& inode : inodesOf(m_durable, m_unsyncedNames)) {
         auto copy = std::make_shared<Inode>();
-        copy->m_current = inode->m_durable;
+        copy->m_current = inode->m_durable.ownCopy();
         for (const Change& change : inode->m_unsynced) {
             const Fate what = fate(unit++);
             if (what.m_kind == Fate::Lost)
@@ -430,10 +395,10 @@ std::unique_ptr<CrashStorage> CrashStorage::crash(const Chooser& fate) const
             if (change.m_truncate)
                 copy->m_current.truncate(change.m_offset);
             else
-                copy->m_current.write(change.m_offset, change.m_bytes.data(),
+                copy->m_current.write(change.m_offset, change.m_data->data() + change.m_from,
                                       what.m_kind == Fate::Torn
-                                          ? std::min<u64>(what.m_bytes, change.m_bytes.size())
-                                          : change.m_bytes.size());
+                                          ? std::min<u64>(what.m_bytes, change.m_bytes)
+                                          : change.m_bytes);
         }
         copy->m_durable = copy->m_current;
         made[inode.get()] = copy;
@@ -457,6 +422,8 @@ std::unique_ptr<CrashStorage> CrashStorage::takeOver() const
         InodePtr& copy = made[inode.get()];
         if (inode && !copy) {
             copy = std::make_shared<Inode>(*inode);
+            copy->m_current = inode->m_current.ownCopy();
+            copy->m_durable = inode->m_durable.ownCopy();
             copy->m_locked = false;
         }
         return copy;
@@ -482,27 +449,22 @@ std::vector<std::string> CrashStorage::files() const
 
 std::vector<u64> CrashStorage::sectorOffsets(const std::string& name) const
 {
-    std::vector<u64> offsets;
-    for (const auto& [index, sector] : m_current.at(name)->m_current.m_sectors)
-        offsets.push_back(index * SECTOR_BYTES);
-    return offsets;
+    return m_current.at(name)->m_current.sectorOffsets();
 }
 
 u64 CrashStorage::sizeOf(const std::string& name) const
 {
-    return m_current.at(name)->m_current.m_size;
+    return m_current.at(name)->m_current.size();
 }
 
 u8 CrashStorage::byteAt(const std::string& name, u64 offset) const
 {
-    const Content& content = m_current.at(name)->m_current;
-    const auto found = content.m_sectors.find(offset / SECTOR_BYTES);
-    return found == content.m_sectors.end() ? u8{0} : found->second[offset % SECTOR_BYTES];
+    return m_current.at(name)->m_current.byteAt(offset);
 }
 
 void CrashStorage::setByte(const std::string& name, u64 offset, u8 value)
 {
-    m_current.at(name)->m_current.m_sectors[offset / SECTOR_BYTES][offset % SECTOR_BYTES] = value;
+    m_current.at(name)->m_current.setByte(offset, value);
 }
 
 void CrashStorage::cutFile(const std::string& name, u64 sizeBytes)

@@ -12,7 +12,6 @@
 // machine does that lost its power.
 #pragma once
 
-#include <array>
 #include <functional>
 #include <map>
 #include <memory>
@@ -22,6 +21,7 @@
 #include <vector>
 
 #include "host/journal/Storage.h"
+#include "tests/support/SectorContent.h"
 
 // Thread safety: any thread, except crash() and the file access for tests.
 class CrashStorage : public Storage
@@ -101,30 +101,22 @@ public:
 
 private:
     friend class CrashFile;
-    static constexpr u32 SECTOR_BYTES = 512;
-    using Sector = std::array<u8, SECTOR_BYTES>;
-
-    // A file's bytes; sectors that were never written are zeroes.
-    struct Content
-    {
-        u64 m_size = 0;
-        std::map<u64, Sector> m_sectors;
-
-        void write(u64 offset, const u8* data, u64 bytes);
-        void truncate(u64 size);
-    };
+    static constexpr u32 SECTOR_BYTES = SectorContent::SECTOR_BYTES;
 
     struct Change // of a file: a write within one sector, or a truncation
     {
         bool m_truncate = false;
         u64 m_offset = 0;
-        std::vector<u8> m_bytes;
+        // All changes of one request share its data.
+        std::shared_ptr<const std::vector<u8>> m_data{};
+        u64 m_from = 0; // in the data
+        u64 m_bytes = 0;
     };
 
     struct Inode
     {
-        Content m_current;
-        Content m_durable;
+        SectorContent m_current;
+        SectorContent m_durable;
         std::vector<Change> m_unsynced;
         std::set<u64> m_reserved; // sectors without content that have room
         bool m_locked = false;
