@@ -11,6 +11,7 @@
 #include "tests/support/Accelerators.h"
 #include "tests/support/LocatorModel.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Sanitized.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ u64 fromEnvironment(const char* name, u64 otherwise)
 
 u64 operationsPerSeed()
 {
-    return fromEnvironment("RL_MODEL_OPERATIONS", 100000);
+    return fromEnvironment("RL_MODEL_OPERATIONS", IS_WATCHED ? 30000 : 100000);
 }
 
 // A process-wide pool with a limit, so that a reservation can be too large.
