@@ -18,7 +18,7 @@ std::string lossOf(const Json& point)
 
 constexpr PointCommand COMMAND = {"apply", "applying", lossOf};
 
-Result run(Context& context, const PointArguments& arguments)
+Result runApply(Context& context, const PointArguments& arguments)
 {
     Json done;
     if (Result result = runToPoint(context, arguments, COMMAND, &done); !result.ok())
@@ -48,6 +48,6 @@ void addApply(CLI::App& app, Context& context)
                      "To where the mirror's settings keep everything from; see rlctl set",
                      "Only tell what there is to do"});
     command->callback([&context, arguments] {
-        context.setAction([&, arguments] { return run(context, *arguments); });
+        context.setAction([&, arguments] { return runApply(context, *arguments); });
     });
 }

@@ -11,7 +11,7 @@
 
 namespace {
 
-struct Arguments
+struct BackupArguments
 {
     std::string m_mirror;
     std::string m_at = "latest";
@@ -49,7 +49,7 @@ private:
     std::unique_ptr<IncrementManager> m_manager;
 };
 
-void print(Context& context, const Arguments& arguments, const BackupOptions& options,
+void print(Context& context, const BackupArguments& arguments, const BackupOptions& options,
            const BackupStatistics& s)
 {
     if (context.json()) {
@@ -78,7 +78,7 @@ void print(Context& context, const Arguments& arguments, const BackupOptions& op
         context.say("later changes were not gathered: " + s.m_candidateText);
 }
 
-Result runBackup(Context& context, const Arguments& arguments)
+Result runBackup(Context& context, const BackupArguments& arguments)
 {
     if (arguments.m_file == "-" && context.json())
         return Result::usage("--json and a backup on standard output exclude each other");
@@ -148,7 +148,7 @@ void addBackup(CLI::App& app, Context& context)
         addCommand(app, context, "backup", "Write a full or an incremental backup",
                    "rlctl backup backup.mirror --at cp:3 full.rbd.zst",
                    "rlctl backup backup.mirror --at cp:4 --since cp:3 monday.rbd.zst");
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<BackupArguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
     command->add_option("FILE", arguments->m_file, "The backup: a file, or -")->required();
     command->add_option("--at", arguments->m_at, "The point in time (default: latest)");

@@ -9,14 +9,14 @@
 
 namespace {
 
-struct Arguments
+struct CaptureArguments
 {
     std::string m_mirror;
     std::string m_image;
     std::string m_tag;
 };
 
-Result run(Context& context, const Arguments& arguments)
+Result run(Context& context, const CaptureArguments& arguments)
 {
     std::unique_ptr<Mirror> mirror;
     if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Writer, &mirror);
@@ -55,7 +55,7 @@ void addCapture(CLI::App& app, Context& context)
                                    "Journal what changed in an image, and set a checkpoint",
                                    "rlctl capture backup.mirror disk.img",
                                    "rlctl capture backup.mirror /dev/sdb --tag nightly");
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<CaptureArguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
     command->add_option("IMAGE", arguments->m_image, "A raw image or block device")->required();
     command->add_option("--tag", arguments->m_tag, "The checkpoint's tag");

@@ -7,7 +7,7 @@
 
 namespace {
 
-struct Arguments
+struct CheckpointArguments
 {
     std::string m_mirror;
     std::string m_tag;
@@ -21,7 +21,7 @@ std::string toText(const Json& checkpoint)
                        checkpoint["tag"].get<std::string>());
 }
 
-Result setOne(Context& context, const Arguments& arguments)
+Result setOne(Context& context, const CheckpointArguments& arguments)
 {
     Json made;
     if (Result result = runCommand(context, arguments.m_mirror, MirrorAccess::Writer, "checkpoint",
@@ -35,7 +35,7 @@ Result setOne(Context& context, const Arguments& arguments)
     return Result();
 }
 
-Result list(Context& context, const Arguments& arguments)
+Result list(Context& context, const CheckpointArguments& arguments)
 {
     Json found;
     if (Result result = runCommand(context, arguments.m_mirror, MirrorAccess::Reader, "checkpoints",
@@ -62,7 +62,7 @@ void addCheckpoint(CLI::App& app, Context& context)
     CLI::App* command =
         addCommand(app, context, "checkpoint", "Set a checkpoint", "rlctl checkpoint backup.mirror",
                    "rlctl checkpoint backup.mirror --tag before-upgrade");
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<CheckpointArguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
     command->add_option("--tag", arguments->m_tag, "The checkpoint's tag");
     command->callback([&context, arguments] {
@@ -75,7 +75,7 @@ void addCheckpoints(CLI::App& app, Context& context)
     CLI::App* command =
         addCommand(app, context, "checkpoints", "List the checkpoints",
                    "rlctl checkpoints backup.mirror", "rlctl checkpoints backup.mirror --json");
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<CheckpointArguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
     command->callback([&context, arguments] {
         context.setAction([&, arguments] { return list(context, *arguments); });

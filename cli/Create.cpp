@@ -8,7 +8,7 @@
 
 namespace {
 
-struct Arguments
+struct CreateArguments
 {
     std::string m_mirror;
     std::string m_size;
@@ -19,7 +19,7 @@ struct Arguments
     std::string m_keepFor;
 };
 
-Result run(Context& context, const Arguments& arguments)
+Result run(Context& context, const CreateArguments& arguments)
 {
     MirrorSettings settings;
     if (Result result = parseBlockSize(arguments.m_size, "--size", &settings.m_sizeBytes);
@@ -64,7 +64,7 @@ void addCreate(CLI::App& app, Context& context)
         addCommand(app, context, "create", "Make a mirror", "rlctl create backup.mirror --size 40G",
                    "rlctl create db.mirror --size 1T --compress zstd "
                    "--journal-limit 200G");
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<CreateArguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The folder to make")->required();
     command->add_option("--size", arguments->m_size, "The volume's size")
         ->required()

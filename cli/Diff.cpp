@@ -10,7 +10,7 @@
 
 namespace {
 
-struct Arguments
+struct DiffArguments
 {
     std::string m_mirror;
     std::string m_span;
@@ -51,7 +51,7 @@ void print(Context& context, const std::vector<DiffExtent>& extents, const Chose
                             formatSize(dataBytes), formatSize(zeroBytes)));
 }
 
-Result run(Context& context, const Arguments& arguments)
+Result run(Context& context, const DiffArguments& arguments)
 {
     std::unique_ptr<Mirror> mirror;
     if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Reader, &mirror);
@@ -87,7 +87,7 @@ void addDiff(CLI::App& app, Context& context)
         addCommand(app, context, "diff", "List the ranges that changed between two points in time",
                    "rlctl diff backup.mirror cp:3..latest",
                    "rlctl diff backup.mirror tag:monday..tag:friday --compare --json");
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<DiffArguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
     command->add_option("A..B", arguments->m_span, "Two points in time, the earlier one first")
         ->required();

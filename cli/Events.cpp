@@ -40,7 +40,7 @@ std::string toText(const BinaryEvent& event)
                        event.m_lengthBlocks, event.m_journalAddressBlocks);
 }
 
-Result run(Context& context, const std::string& path)
+Result runEvents(Context& context, const std::string& path)
 {
     BinaryEventFile file;
     const Outcome outcome = readBinaryEvents(path, &file);
@@ -76,5 +76,5 @@ void addEvents(CLI::App& app, Context& context)
     auto path = std::make_shared<std::string>();
     command->add_option("FILE", *path, "The log that --events wrote")->required();
     command->callback(
-        [&context, path] { context.setAction([&, path] { return run(context, *path); }); });
+        [&context, path] { context.setAction([&, path] { return runEvents(context, *path); }); });
 }

@@ -9,7 +9,7 @@
 
 namespace {
 
-struct Arguments
+struct ExportArguments
 {
     std::string m_mirror;
     std::string m_at = "latest";
@@ -17,7 +17,7 @@ struct Arguments
     Durability m_durability = Durability::Synced;
 };
 
-Result run(Context& context, const Arguments& arguments)
+Result run(Context& context, const ExportArguments& arguments)
 {
     const bool toStdout = arguments.m_file == "-";
     if (toStdout && context.json())
@@ -59,7 +59,7 @@ void addExport(CLI::App& app, Context& context)
     CLI::App* command = addCommand(app, context, "export", "Write a whole view as a sparse image",
                                    "rlctl export backup.mirror --at cp:3 disk-then.img",
                                    "rlctl export backup.mirror --at latest - | gzip > disk.gz");
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<ExportArguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
     command->add_option("FILE", arguments->m_file, "A file, a block device, or -")->required();
     command->add_option("--at", arguments->m_at, "The point in time (default: latest)");

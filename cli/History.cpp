@@ -72,7 +72,7 @@ void print(Context& context, const History& history, const ChosenPoint& at, u64 
                             formatSize(history.m_targetBlocks * BLOCK_BYTES)));
 }
 
-Result run(Context& context, const RangeArguments& arguments)
+Result runHistory(Context& context, const RangeArguments& arguments)
 {
     std::unique_ptr<Mirror> mirror;
     u64 offset = 0;
@@ -105,6 +105,6 @@ void addHistory(CLI::App& app, Context& context)
     auto arguments = std::make_shared<RangeArguments>();
     addRangeOptions(command, arguments.get());
     command->callback([&context, arguments] {
-        context.setAction([&, arguments] { return run(context, *arguments); });
+        context.setAction([&, arguments] { return runHistory(context, *arguments); });
     });
 }

@@ -7,14 +7,14 @@
 
 namespace {
 
-struct Arguments
+struct HoldArguments
 {
     std::string m_mirror;
     std::string m_at = "latest";
     std::string m_name;
 };
 
-Result hold(Context& context, const Arguments& arguments)
+Result hold(Context& context, const HoldArguments& arguments)
 {
     Json added;
     if (Result result =
@@ -31,7 +31,7 @@ Result hold(Context& context, const Arguments& arguments)
     return Result();
 }
 
-Result release(Context& context, const Arguments& arguments)
+Result release(Context& context, const HoldArguments& arguments)
 {
     Json released;
     if (Result result = runCommand(context, arguments.m_mirror, MirrorAccess::Reader, "release",
@@ -53,7 +53,7 @@ void addHold(CLI::App& app, Context& context)
         addCommand(app, context, "hold", "Keep apply and trim from passing a point",
                    "rlctl hold backup.mirror --at tag:before-upgrade --name upgrade",
                    "rlctl hold backup.mirror --at cp:3");
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<HoldArguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
     command->add_option("--at", arguments->m_at, "The point in time (default: latest)");
     command->add_option("--name", arguments->m_name, "The hold's name (default: a free one)");
@@ -67,7 +67,7 @@ void addRelease(CLI::App& app, Context& context)
     CLI::App* command =
         addCommand(app, context, "release", "Let go of a held point",
                    "rlctl release backup.mirror upgrade", "rlctl release backup.mirror hold-1");
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<HoldArguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
     command->add_option("NAME", arguments->m_name, "The hold's name")->required();
     command->callback([&context, arguments] {

@@ -53,7 +53,7 @@ std::string pinsText(const Json& info)
     return text;
 }
 
-Result run(Context& context, const std::string& folder)
+Result runInfo(Context& context, const std::string& folder)
 {
     Json info;
     if (Result result =
@@ -98,6 +98,7 @@ void addInfo(CLI::App& app, Context& context)
                    "rlctl info backup.mirror", "rlctl info backup.mirror --json");
     auto mirror = std::make_shared<std::string>();
     command->add_option("MIRROR", *mirror, "The mirror")->required();
-    command->callback(
-        [&context, mirror] { context.setAction([&, mirror] { return run(context, *mirror); }); });
+    command->callback([&context, mirror] {
+        context.setAction([&, mirror] { return runInfo(context, *mirror); });
+    });
 }

@@ -34,7 +34,7 @@ std::string toText(const ViewPiece& piece)
     return line + "\n";
 }
 
-Result run(Context& context, const RangeArguments& arguments)
+Result runLookup(Context& context, const RangeArguments& arguments)
 {
     std::unique_ptr<Mirror> mirror;
     u64 offset = 0;
@@ -77,6 +77,6 @@ void addLookup(CLI::App& app, Context& context)
     auto arguments = std::make_shared<RangeArguments>();
     addRangeOptions(command, arguments.get());
     command->callback([&context, arguments] {
-        context.setAction([&, arguments] { return run(context, *arguments); });
+        context.setAction([&, arguments] { return runLookup(context, *arguments); });
     });
 }

@@ -57,7 +57,7 @@ Result readRange(Context& context, View& view, u64 offset, u64 length, ProgressR
     return Result();
 }
 
-Result run(Context& context, const RangeArguments& arguments)
+Result runRead(Context& context, const RangeArguments& arguments)
 {
     std::unique_ptr<Mirror> mirror;
     u64 offset = 0;
@@ -90,6 +90,6 @@ void addRead(CLI::App& app, Context& context)
     auto arguments = std::make_shared<RangeArguments>();
     addRangeOptions(command, arguments.get());
     command->callback([&context, arguments] {
-        context.setAction([&, arguments] { return run(context, *arguments); });
+        context.setAction([&, arguments] { return runRead(context, *arguments); });
     });
 }

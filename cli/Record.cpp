@@ -9,13 +9,13 @@
 
 namespace {
 
-struct Arguments
+struct RecordArguments
 {
     std::string m_mirror;
     RecordOptions m_options;
 };
 
-Result run(Context& context, const Arguments& arguments)
+Result run(Context& context, const RecordArguments& arguments)
 {
     std::unique_ptr<Mirror> mirror;
     if (Result result = context.openMirror(arguments.m_mirror, MirrorAccess::Writer, &mirror);
@@ -55,7 +55,7 @@ void addRecord(CLI::App& app, Context& context)
         addCommand(app, context, "record", "Play the writes of a block trace into the journal",
                    "rlctl record backup.mirror --trace day.csv.zst --checkpoint-every 10000",
                    "rlctl record backup.mirror --trace day.csv.zst --resume");
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<RecordArguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
     command
         ->add_option("--trace", arguments->m_options.m_trace,

@@ -24,7 +24,7 @@ constexpr const char* SOCKET = "nbd";
 // What the server may take beyond the time that it gives itself.
 constexpr u64 MARGIN_SECONDS = 3;
 
-struct Arguments
+struct ServeArguments
 {
     std::string m_mirror;
     std::string m_socket;
@@ -59,7 +59,7 @@ Result findPlugin(std::string* path)
                           " nor at " + installed.string());
 }
 
-Result addressOf(const Arguments& arguments, ServeAddress* address)
+Result addressOf(const ServeArguments& arguments, ServeAddress* address)
 {
     if (arguments.m_tcp.empty()) {
         address->m_socket =
@@ -90,7 +90,7 @@ Result addressOf(const Arguments& arguments, ServeAddress* address)
 }
 
 // Told here, with codes of their own, rather than by the server.
-Result checkMirror(const Arguments& arguments)
+Result checkMirror(const ServeArguments& arguments)
 {
     FileStorage storage(arguments.m_mirror);
     MirrorSettings settings;
@@ -99,7 +99,7 @@ Result checkMirror(const Arguments& arguments)
     return arguments.m_readOnly ? Result() : Mirror::checkUnused(arguments.m_mirror);
 }
 
-Result commandLine(Context& context, const Arguments& arguments, const ServeAddress& address,
+Result commandLine(Context& context, const ServeArguments& arguments, const ServeAddress& address,
                    std::vector<std::string>* line)
 {
     std::string plugin;
@@ -152,7 +152,7 @@ Result commandLine(Context& context, const Arguments& arguments, const ServeAddr
 }
 
 // What the server would refuse too, but in words of its own and with no code of ours.
-Result checkOptions(const Arguments& arguments)
+Result checkOptions(const ServeArguments& arguments)
 {
     CheckpointTimer::Options checkpoints;
     for (const std::string& every : arguments.m_checkpointEvery) {
@@ -176,7 +176,7 @@ Result checkOptions(const Arguments& arguments)
                : parseHostPort("--metrics-http", arguments.m_metricsHttp, &where);
 }
 
-Result run(Context& context, const Arguments& arguments)
+Result run(Context& context, const ServeArguments& arguments)
 {
     u64 stopSeconds = 0;
     if (Result result = parseDuration(arguments.m_stopTimeout, &stopSeconds); !result.ok())
@@ -223,7 +223,7 @@ void addServe(CLI::App& app, Context& context)
     CLI::App* command = addCommand(app, context, "serve", "Serve a mirror's exports over NBD",
                                    "rlctl serve backup.mirror --checkpoint-every 30s",
                                    "rlctl serve backup.mirror --readonly --tcp 127.0.0.1:10809");
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<ServeArguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
     command->add_option("NBDKIT-OPTIONS", arguments->m_nbdkit,
                         "More options for nbdkit, after --, as --tls=require");

@@ -7,7 +7,7 @@
 
 namespace {
 
-struct Arguments
+struct SetArguments
 {
     std::string m_mirror;
     std::string m_keepCheckpoints;
@@ -28,7 +28,7 @@ Result parseCount(const std::string& text, u64* count)
     return Result();
 }
 
-Result run(Context& context, const Arguments& arguments)
+Result run(Context& context, const SetArguments& arguments)
 {
     Json changes = Json::object();
     u64 value = 0;
@@ -66,7 +66,7 @@ void addSet(CLI::App& app, Context& context)
     CLI::App* command = addCommand(app, context, "set", "Change what a mirror keeps, and its limit",
                                    "rlctl set backup.mirror --keep-checkpoints 10 --keep-for 7d",
                                    "rlctl set backup.mirror --journal-limit 200G");
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<SetArguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
     command->add_option("--keep-checkpoints", arguments->m_keepCheckpoints,
                         "Retention keeps so many of the newest checkpoints; 0: no such rule");

@@ -8,13 +8,13 @@
 
 namespace {
 
-struct Arguments
+struct StatsArguments
 {
     std::string m_mirror;
     std::string m_at = "latest";
 };
 
-Result run(Context& context, const Arguments& arguments)
+Result run(Context& context, const StatsArguments& arguments)
 {
     Json s;
     const auto reporter = context.progress("indexing");
@@ -47,7 +47,7 @@ void addStats(CLI::App& app, Context& context)
     CLI::App* command =
         addCommand(app, context, "stats", "Build a view's index and print its statistics",
                    "rlctl stats backup.mirror", "rlctl stats backup.mirror --at cp:3 --json");
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<StatsArguments>();
     command->add_option("MIRROR", arguments->m_mirror, "The mirror")->required();
     command->add_option("--at", arguments->m_at, "The point in time (default: latest)");
     command->callback([&context, arguments] {

@@ -15,7 +15,7 @@ std::string lossOf(const Json& point)
 
 constexpr PointCommand COMMAND = {"trim", "trimming", lossOf};
 
-Result run(Context& context, const PointArguments& arguments)
+Result runTrim(Context& context, const PointArguments& arguments)
 {
     Json done;
     if (Result result = runToPoint(context, arguments, COMMAND, &done); !result.ok())
@@ -43,6 +43,6 @@ void addTrim(CLI::App& app, Context& context)
                     {"The point in time; the target has to hold it", "All that the target holds",
                      "Only tell what would go"});
     command->callback([&context, arguments] {
-        context.setAction([&, arguments] { return run(context, *arguments); });
+        context.setAction([&, arguments] { return runTrim(context, *arguments); });
     });
 }

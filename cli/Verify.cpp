@@ -24,7 +24,7 @@ std::string toText(const VerifyDamage& damage)
     return text + "\n";
 }
 
-Result run(Context& context, const std::string& folder)
+Result runVerify(Context& context, const std::string& folder)
 {
     // Salvage goes on behind damage, so that all of it is found; it is not what a view would show.
     std::unique_ptr<Mirror> mirror;
@@ -82,6 +82,7 @@ void addVerify(CLI::App& app, Context& context)
                    "rlctl verify backup.mirror", "rlctl verify backup.mirror --json");
     auto mirror = std::make_shared<std::string>();
     command->add_option("MIRROR", *mirror, "The mirror")->required();
-    command->callback(
-        [&context, mirror] { context.setAction([&, mirror] { return run(context, *mirror); }); });
+    command->callback([&context, mirror] {
+        context.setAction([&, mirror] { return runVerify(context, *mirror); });
+    });
 }
