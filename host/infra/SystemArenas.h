@@ -15,11 +15,12 @@
 //   given back   its unit is wholly free, or so much is held that it would be a burden: the kernel
 //                has its memory, and it is as untouched
 //
-// A unit of which a part was given back has ordinary pages until it is wholly free: the kernel looks
-// for such ones, and fills them up to a huge page again.
+// A unit of which a part was given back has ordinary pages until it is wholly free: the kernel
+// looks for such ones, and fills them up to a huge page again.
 //
-// Huge pages are asked for, not required; the tweak t_HugePages being 0 they are not asked for. A block's first touch makes its whole unit resident, so a process may
-// have 2 MiB more than its blocks are, and what is held.
+// Huge pages are asked for, not required; the tweak t_HugePages being 0 they are not asked for. A
+// block's first touch makes its whole unit resident, so a process may have 2 MiB more than its
+// blocks are, and what is held.
 #pragma once
 
 #include <array>
