@@ -103,6 +103,8 @@ public:
             return result;
         if (Result result = drain(); !result.ok())
             return result;
+        if (const RcStatus rc = m_use->confirmTarget(); rc != RC_SUCCESS)
+            return Result::fromStatus(rc, "cannot finish the backup");
         if (Result result = m_writer->finish(); !result.ok())
             return result;
         m_statistics.m_dataBytes = m_writer->dataBytes();

@@ -153,6 +153,10 @@ RcStatus DirectReader::readTarget(Window& window)
         }
         bytes += piece.m_bytes;
     }
+    if (m_view != nullptr && bytes > 0) {
+        if (const RcStatus confirmed = m_view->confirmTarget(); confirmed != RC_SUCCESS)
+            return confirmed;
+    }
     count(m_sources.m_targetBytes, bytes);
     return rc;
 }

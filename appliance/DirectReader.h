@@ -16,7 +16,7 @@
 #pragma once
 
 #include "RegionLocator/RegionLocator.h"
-#include "appliance/Mirror.h"
+#include "appliance/View.h"
 
 // Bytes served, by where they came from; only ever increased.
 struct ReadSources
@@ -31,14 +31,18 @@ struct ReadSources
 class DirectReader
 {
 public:
-    // name: for the log, as in "live". All outlive the reader.
-    DirectReader(Mirror& mirror, RegionLocator& locator, std::string name, ReadSources& sources)
-        : m_mirror(mirror), m_locator(locator), m_name(std::move(name)), m_sources(sources)
+    // name: for the log, as in "live". view: whose point is read; null for the live volume. All
+    // outlive the reader.
+    DirectReader(Mirror& mirror, RegionLocator& locator, std::string name, ReadSources& sources,
+                 View* view = nullptr)
+        : m_mirror(mirror), m_locator(locator), m_name(std::move(name)), m_sources(sources),
+          m_view(view)
     {}
 
     // Reads the range into lengthBlocks * 512 bytes. RC_BAD_ARGUMENT: beyond the volume;
     // RC_BAD_CHECKSUM, RC_CORRUPTED_OBJECT, RC_DAMAGED: nothing is served, the log says which
-    // block; RC_IO_ERROR. After a failure the buffer's content is undefined.
+    // block; RC_NOT_FOUND: the view's point was passed; RC_IO_ERROR. After a failure the buffer's
+    // content is undefined.
     RcStatus read(u64 offsetBlocks, u32 lengthBlocks, u8* data);
 
 private:
@@ -54,4 +58,5 @@ private:
     RegionLocator& m_locator;
     const std::string m_name;
     ReadSources& m_sources;
+    View* const m_view;
 };

@@ -166,12 +166,6 @@ JournalOptions journalOptions(const MirrorSettings& settings, MirrorAccess acces
     return options;
 }
 
-// On a file system that nobody can write to; other refusals are told when they come.
-bool isReadOnly(const std::string& folder)
-{
-    return access(folder.c_str(), W_OK) != 0 && errno == EROFS;
-}
-
 } // namespace
 
 Mirror::Mirror(std::string folder, std::unique_ptr<Storage> storage)
@@ -400,8 +394,8 @@ Result Mirror::setApplyState(const ApplyState& state)
     return Result();
 }
 
-// Whether the point can still be had, now that nothing moves.
-Result Mirror::checkPointLatched(u64 items)
+// Whether the point can be had; it stays so while the caller has the latch.
+Result Mirror::checkPoint(u64 items)
 {
     ApplyState state = applyState();
     // Nobody but the writer moves it, and only a reader has to look.
@@ -425,7 +419,7 @@ Result Mirror::hold(Hold* hold, std::string (*freeName)(const std::vector<Hold>&
     PinLatch latch;
     if (Result result = latch.take(*m_storage); !result.ok())
         return result;
-    if (Result result = checkPointLatched(hold->m_items); !result.ok())
+    if (Result result = checkPoint(hold->m_items); !result.ok())
         return result;
     if (hold->m_name.empty()) {
         std::vector<Hold> holds;
@@ -448,11 +442,10 @@ Result Mirror::pins(std::vector<Hold>* holds, std::vector<UseInfo>* uses)
 {
     holds->clear();
     uses->clear();
-    if (isReadOnly(m_folder))
-        return listHolds(*m_storage, holds);
     PinLatch latch;
-    if (Result result = latch.take(*m_storage); !result.ok())
-        return result;
+    bool isRefused = false;
+    if (Result result = latch.take(*m_storage, &isRefused); !result.ok())
+        return isRefused ? listHolds(*m_storage, holds) : result;
     if (Result result = listHolds(*m_storage, holds); !result.ok())
         return result;
     return listUses(*m_storage, {}, uses);
@@ -460,12 +453,14 @@ Result Mirror::pins(std::vector<Hold>* holds, std::vector<UseInfo>* uses)
 
 Result Mirror::usePoint(u64 items, const std::string& what, std::unique_ptr<PointUse>* use)
 {
-    if (isReadOnly(m_folder))
-        return Result();
+    // A writer could register; and its own apply asks what is registered.
+    const bool isReader = m_access == MirrorAccess::Reader;
     PinLatch latch;
-    if (Result result = latch.take(*m_storage); !result.ok())
+    bool isRefused = false;
+    if (Result result = latch.take(*m_storage, &isRefused);
+        !result.ok() && !(isRefused && isReader))
         return result;
-    if (Result result = checkPointLatched(items); !result.ok())
+    if (Result result = checkPoint(items); !result.ok())
         return result;
     JournalBegin begin;
     const RcStatus rc = loadJournalBegin(*m_storage, "journal", &begin);
@@ -476,7 +471,14 @@ Result Mirror::usePoint(u64 items, const std::string& what, std::unique_ptr<Poin
     if (begin.m_page != m_journal->begin().m_page && m_journal->followBegin(begin) != RC_SUCCESS)
         return Result(ResultCode::InUse,
                       m_folder + " was trimmed by another process meanwhile; try again");
-    return PointUse::add(*m_storage, {items, begin.m_page, 0, what}, use);
+    const UseInfo info{items, begin.m_page, 0, what};
+    Result added;
+    if (!isRefused)
+        added = PointUse::add(*m_storage, info, use, &isRefused);
+    if (!isRefused || !isReader)
+        return added;
+    *use = PointUse::unregistered(*m_storage, info);
+    return Result();
 }
 
 void Mirror::addIndex(JournalIndex* index)

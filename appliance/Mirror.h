@@ -87,8 +87,9 @@ public:
     // Registers that a point is read, so that apply and trim leave it alone until the use is
     // destroyed; the mirror outlives it. NotFound: the point has been passed meanwhile; InUse: the
     // journal was trimmed since this mirror was opened, and beyond what it knew then. items:
-    // NO_ITEMS for who reads the journal alone. A mirror on a file system that nobody can write to
-    // needs no registration: *use stays null.
+    // NO_ITEMS for who reads the journal alone. A reader that may not write there gets a use that
+    // is not registered: it protects nothing, and what is read of the target counts only after
+    // PointUse::confirmTarget().
     Result usePoint(u64 items, const std::string& what, std::unique_ptr<PointUse>* use);
 
     // Holds a point until it is released, and makes it durable first. name: a free one is chosen
@@ -164,7 +165,7 @@ private:
     // minimumItems: what the target holds of it.
     Result openJournal(MirrorAccess access, JournalRecovery recovery, u64 minimumItems);
     Result reserveRoom();
-    Result checkPointLatched(u64 items);
+    Result checkPoint(u64 items);
     Result openTargetAs(bool readOnly, std::shared_ptr<TargetVolume>* target);
     Result journaled(RcStatus rc, const std::string& what) const;
     Result accepted(RcStatus rc, const char* what, u64 offsetBlocks);

@@ -8,6 +8,8 @@
 #include <thread>
 #include <unistd.h>
 
+#include "appliance/ApplyState.h"
+#include "common/infra/LogItem.h"
 #include "host/journal/CheckedFile.h"
 
 namespace {
@@ -115,7 +117,7 @@ Result PinLatch::prepare(Storage& storage)
     return rc == RC_NO_SPACE ? Result() : Result::fromStatus(rc, "cannot prepare what is in use");
 }
 
-Result PinLatch::take(Storage& storage)
+Result PinLatch::take(Storage& storage, bool* isRefused)
 {
     RcStatus rc = openLatch(storage, &m_file);
     for (int i = 0; rc == RC_SUCCESS; ++i) {
@@ -125,6 +127,8 @@ Result PinLatch::take(Storage& storage)
         std::this_thread::sleep_for(LATCH_PAUSE);
         rc = RC_SUCCESS;
     }
+    if (isRefused != nullptr)
+        *isRefused = rc == RC_IO_ERROR;
     return Result::fromStatus(rc, "cannot look at what is in use");
 }
 
@@ -197,16 +201,46 @@ std::string UseInfo::description() const
     return m_what + " in process " + std::to_string(m_process);
 }
 
-PointUse::PointUse(Storage& storage, std::string path, std::unique_ptr<StorageFile> file)
-    : m_storage(storage), m_path(std::move(path)), m_file(std::move(file))
+PointUse::PointUse(Storage& storage, const UseInfo& info, std::string path,
+                   std::unique_ptr<StorageFile> file)
+    : m_storage(storage), m_info(info), m_path(std::move(path)), m_file(std::move(file))
 {}
 
 PointUse::~PointUse()
 {
-    m_storage.remove(m_path); // a file that stays has no owner any more and goes at the next look
+    // A file that stays has no owner any more and goes at the next look.
+    if (m_file != nullptr)
+        m_storage.remove(m_path);
 }
 
-Result PointUse::add(Storage& storage, const UseInfo& info, std::unique_ptr<PointUse>* use)
+std::unique_ptr<PointUse> PointUse::unregistered(Storage& storage, const UseInfo& info)
+{
+    return std::unique_ptr<PointUse>(new PointUse(storage, info, "", nullptr));
+}
+
+RcStatus PointUse::confirmTarget()
+{
+    if (m_file != nullptr)
+        return RC_SUCCESS;
+    ApplyState state;
+    const Result loaded = loadApplyState(m_storage, &state);
+    const bool isPassed = loaded.ok() && m_info.m_items < state.firstItems();
+    if (loaded.ok() && !isPassed)
+        return RC_SUCCESS;
+    if (!m_toldPassed.exchange(true))
+        LogItem(LogModuleCommon, ErrorLevel, __PRETTY_FUNCTION__, 3)
+            << m_info.m_what << " cannot be read any more: "
+            << (isPassed ? "another process has applied up to item:" +
+                               std::to_string(state.firstItems()) +
+                               ", and could not know of it, as nothing can be written here to "
+                               "register it"
+                         : loaded.message())
+            << std::endl;
+    return isPassed ? RC_NOT_FOUND : RC_IO_ERROR;
+}
+
+Result PointUse::add(Storage& storage, const UseInfo& info, std::unique_ptr<PointUse>* use,
+                     bool* isRefused)
 {
     const u64 process = static_cast<u64>(getpid());
     std::string path = usePath(freshUseName(process));
@@ -228,9 +262,10 @@ Result PointUse::add(Storage& storage, const UseInfo& info, std::unique_ptr<Poin
         else
             storage.remove(path);
     }
+    *isRefused = rc == RC_IO_ERROR;
     if (rc != RC_SUCCESS)
         return Result::fromStatus(rc, "cannot register what is in use");
-    use->reset(new PointUse(storage, path, std::move(file)));
+    use->reset(new PointUse(storage, info, std::move(path), std::move(file)));
     return Result();
 }
 

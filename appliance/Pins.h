@@ -5,9 +5,14 @@
 // nothing. Whoever adds a pin, and whoever moves what pins protect, does so under the latch; so
 // neither can slip in between the other's look and its change.
 //
+// Who may not write cannot register what it reads, and nothing waits for it. It looks instead,
+// after each read of the target, whether apply has gone beyond its point: where an apply goes is
+// durable before it changes the first block of the target.
+//
 // Thread safety: any thread, of any process.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,8 +28,9 @@ public:
     // Makes what the latch takes of the storage; a full disk leaves that to a later try.
     static Result prepare(Storage& storage);
 
-    // Waits some seconds for whoever has it. InUse: still somebody does.
-    Result take(Storage& storage);
+    // Waits some seconds for whoever has it. InUse: still somebody does. *isRefused: whether it
+    // failed because this user, or nobody, can write there.
+    Result take(Storage& storage, bool* isRefused = nullptr);
 
 private:
     std::unique_ptr<StorageFile> m_file;
@@ -58,24 +64,37 @@ struct UseInfo
     std::string description() const;
 };
 
-// One registered use, until it is destroyed.
+// One use, until it is destroyed.
 class PointUse
 {
 public:
     // On a full disk the file is empty, and its name has the numbers. REQUIRES: the latch.
-    static Result add(Storage& storage, const UseInfo& info, std::unique_ptr<PointUse>* use);
+    // *isRefused: whether it failed because this user, or nobody, can write there.
+    static Result add(Storage& storage, const UseInfo& info, std::unique_ptr<PointUse>* use,
+                      bool* isRefused);
+    // One that apply and trim know nothing of.
+    static std::unique_ptr<PointUse> unregistered(Storage& storage, const UseInfo& info);
     ~PointUse();
     PointUse(const PointUse&) = delete;
     PointUse& operator=(const PointUse&) = delete;
 
+    // Of a registered one, else "".
     const std::string& file() const { return m_path; }
 
+    // Whether what was read of the target until now, holes too, is the point's; to be asked before
+    // any of it is used. Costs nothing where the use is registered. RC_NOT_FOUND: apply may have
+    // passed the point, which the log says once; else as loadApplyState().
+    RcStatus confirmTarget();
+
 private:
-    PointUse(Storage& storage, std::string path, std::unique_ptr<StorageFile> file);
+    PointUse(Storage& storage, const UseInfo& info, std::string path,
+             std::unique_ptr<StorageFile> file);
 
     Storage& m_storage;
-    std::string m_path;
-    std::unique_ptr<StorageFile> m_file;
+    const UseInfo m_info;
+    const std::string m_path;
+    const std::unique_ptr<StorageFile> m_file; // null: not registered
+    std::atomic<bool> m_toldPassed{false};
 };
 
 // All uses whose process lives; the files of those that do not are removed. `except`: files that

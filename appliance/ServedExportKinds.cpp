@@ -80,8 +80,13 @@ protected:
     Result findExtents(u64 offsetBlocks, u64 lengthBlocks, size_t maxExtents,
                        std::vector<ExportExtent>* extents) override
     {
-        return mapOf(m_served.mirror(), shared().view().locator(), offsetBlocks, lengthBlocks,
-                     maxExtents, extents);
+        View& view = shared().view();
+        if (Result result = mapOf(m_served.mirror(), view.locator(), offsetBlocks, lengthBlocks,
+                                  maxExtents, extents);
+            !result.ok())
+            return result;
+        // The holes of the target among them.
+        return Result::fromStatus(view.confirmTarget(), "no map of " + m_point.name());
     }
 
 private:

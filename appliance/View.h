@@ -4,7 +4,8 @@
 //
 // What the index covers lies in the journal; all other blocks are the target volume's. Neither
 // apply nor trim of any process changes what an open view reads: the one does not pass its point,
-// the other removes from its index what it takes away, or waits until it is closed.
+// the other removes from its index what it takes away, or waits until it is closed. Where the view
+// cannot be registered they may go past it, and what it would read then is refused.
 //
 // Thread safety: any thread, once built; reads through it take locks of the locator (ViewReader.h).
 // Invariants: the content of an open view never changes; only which pieces are locked does, and
@@ -72,8 +73,9 @@ public:
     // That the index takes now, what speeds it up included.
     u64 memoryBytes() { return indexBytes(m_locator); }
 
-    // Null on a file system that nobody can write to.
     const PointUse* use() const override { return m_use.get(); }
+    // As PointUse: to be asked after each read of the target.
+    RcStatus confirmTarget() { return m_use->confirmTarget(); }
     bool isLive() const override { return false; }
 
 private:

@@ -15,9 +15,10 @@ Result ViewExtents::nextTargetData(u64 block)
     if (block >= m_targetFrom && block < m_targetEnd)
         return Result();
     m_targetFrom = block;
-    return Result::fromStatus(
-        m_view.mirror().target().nextData(block, &m_targetStart, &m_targetEnd),
-        "cannot find the target volume's data");
+    RcStatus rc = m_view.mirror().target().nextData(block, &m_targetStart, &m_targetEnd);
+    if (rc == RC_SUCCESS)
+        rc = m_view.confirmTarget();
+    return Result::fromStatus(rc, "cannot find the target volume's data");
 }
 
 Result ViewExtents::runAt(u64 block, u64* endBlock, bool* isData)

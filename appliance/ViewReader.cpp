@@ -22,6 +22,15 @@ public:
             m_view.locator().getMemPool()->destroyVoucher(m_voucher);
     }
 
+    // Whether some of the range is not the journal's.
+    bool readsTarget() const
+    {
+        u64 blocks = 0;
+        for (const SubRegionDescriptor& piece : m_pieces)
+            blocks += piece.m_lengthBlocks;
+        return blocks < m_lengthBlocks;
+    }
+
     View& m_view;
     const u64 m_offsetBlocks;
     const u32 m_lengthBlocks;
@@ -113,6 +122,8 @@ RcStatus ViewReader::readFrame(AsyncTask* task, AsyncFrame* frame)
             break;
         }
         case DONE:
+            if (rc == RC_SUCCESS && l.readsTarget())
+                fg.execute(m_view.confirmTarget());
             if (rc != RC_CORRUPTED_OBJECT)
                 break;
             fg.executeFuture(m_driver.quiet(), Clock::NEVER);

@@ -51,8 +51,9 @@ public:
     {
     public:
         Shared(std::unique_ptr<View> view, ReadSources& sources)
-            : m_view(std::move(view)), m_reader(m_view->mirror(), m_view->locator(),
-                                                "view " + m_view->point().name(), sources)
+            : m_view(std::move(view)),
+              m_reader(m_view->mirror(), m_view->locator(), "view " + m_view->point().name(),
+                       sources, m_view.get())
         {}
         View& view() { return *m_view; }
         DirectReader& reader() { return m_reader; }
