@@ -166,6 +166,8 @@ Result MirrorCommands::set(Arguments& arguments, CommandControl&, JsonValue* res
         return arguments.fault();
     if (Result least = checkJournalLimit(limit.value_or(0)); !least.ok())
         return least;
+    if (Result most = checkKeepFor(seconds.value_or(0)); !most.ok())
+        return most;
     if (Result done = m_mirror.changeSettings(checkpoints, seconds, limit); !done.ok())
         return done;
     const MirrorSettings now = m_mirror.currentSettings();

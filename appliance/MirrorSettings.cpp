@@ -1,5 +1,6 @@
 #include "appliance/MirrorSettings.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "appliance/Sizes.h"
@@ -63,6 +64,8 @@ std::string parseSettings(const std::string& text, MirrorSettings* settings)
         if (json.contains(name) && !number(name, value))
             return std::string("the field ") + name + " is of the wrong type";
     }
+    // There may be mirrors that were given more; either keeps everything.
+    settings->m_keepForSeconds = std::min(settings->m_keepForSeconds, MOST_KEEP_FOR_SECONDS);
     if (settings->m_sizeBytes == 0 || settings->m_sizeBytes % BLOCK_BYTES != 0)
         return "its size is no number of blocks";
     if (!compressionFromName(compression, &settings->m_compression))
@@ -79,6 +82,15 @@ Result checkJournalLimit(u64 limitBytes)
     return Result::usage("a journal limit of " + formatSize(limitBytes) +
                          " is too small: space is given back in grains of 16 MiB, so it has to be "
                          "at least 17M, or 0 for none");
+}
+
+Result checkKeepFor(u64 seconds)
+{
+    if (seconds <= MOST_KEEP_FOR_SECONDS)
+        return Result();
+    return Result::usage("checkpoints can be kept for at most " +
+                         std::to_string(MOST_KEEP_FOR_SECONDS) + " s, not " +
+                         std::to_string(seconds) + " s");
 }
 
 Result storeSettings(Storage& storage, const MirrorSettings& settings)

@@ -13,6 +13,9 @@
 // could be full of what nobody needs any more. There are mirrors of before that have less.
 constexpr u64 LEAST_JOURNAL_LIMIT_BYTES = u64{17} << 20;
 
+// The longest that checkpoints may be kept for: times are counted in microseconds.
+constexpr u64 MOST_KEEP_FOR_SECONDS = ~u64{0} / 1000000;
+
 struct MirrorSettings
 {
     // 1: the target was never written to, the journal never trimmed. 2: they may have been.
@@ -33,6 +36,9 @@ struct MirrorSettings
 
 // WrongUsage: a limit that is too small; 0 is none.
 Result checkJournalLimit(u64 limitBytes);
+
+// WrongUsage: longer than the most.
+Result checkKeepFor(u64 seconds);
 
 // Writes the file as one step, durably.
 Result storeSettings(Storage& storage, const MirrorSettings& settings);

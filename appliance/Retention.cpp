@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <limits>
 #include <utility>
 
 #include "appliance/Sizes.h"
@@ -24,7 +23,8 @@ size_t oldestKept(const MirrorSettings& settings, const std::vector<CheckpointIn
     if (settings.m_keepCheckpoints != 0)
         oldest = count - static_cast<size_t>(std::min<u64>(count, settings.m_keepCheckpoints));
     if (settings.m_keepForSeconds != 0) {
-        const u64 since = nowUs - std::min(nowUs, settings.m_keepForSeconds * MICROS);
+        const u64 keepFor = std::min(settings.m_keepForSeconds, MOST_KEEP_FOR_SECONDS);
+        const u64 since = nowUs - std::min(nowUs, keepFor * MICROS);
         const auto young = std::find_if(
             checkpoints.begin(), checkpoints.end(),
             [&](const CheckpointInfo& checkpoint) { return checkpoint.m_timeMicros >= since; });
@@ -112,7 +112,7 @@ Result parseDuration(const std::string& text, u64* seconds)
     const auto [stop, error] = std::from_chars(text.data(), end, number);
     for (const auto& [letter, unit] : UNITS) {
         if (error == std::errc() && stop + 1 == end && *stop == letter &&
-            number <= std::numeric_limits<u64>::max() / MICROS / unit) {
+            number <= MOST_KEEP_FOR_SECONDS / unit) {
             *seconds = number * unit;
             return Result();
         }

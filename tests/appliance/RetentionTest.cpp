@@ -1,6 +1,9 @@
 #include "appliance/Retention.h"
 
+#include <nlohmann/json.hpp>
+
 #include "appliance/Apply.h"
+#include "appliance/MirrorCommands.h"
 #include "appliance/Trim.h"
 #include "host/infra/Clock.h"
 #include "tests/appliance/MirrorFixture.h"
@@ -81,6 +84,29 @@ TEST_F(RetentionTest, YoungCheckpointsAreKept)
     writeCheckpoints(4);
     EXPECT_EQ(wanted(), "cp:1");
     EXPECT_EQ(wanted(2 * HOUR_US), "cp:4") << "the newest stays, however old";
+}
+
+TEST_F(RetentionTest, NoTimeIsTooLongToBeKept)
+{
+    // As a million times as many would be less than a second.
+    constexpr u64 TOO_LONG = MOST_KEEP_FOR_SECONDS + 1;
+    make(0, TOO_LONG);
+    writeCheckpoints(4);
+    EXPECT_EQ(wanted(2 * HOUR_US), "cp:1");
+    EXPECT_EQ(m_mirror->currentSettings().m_keepForSeconds, MOST_KEEP_FOR_SECONDS);
+    ASSERT_TRUE(m_mirror->changeSettings({}, TOO_LONG, {}).ok());
+    EXPECT_EQ(wanted(2 * HOUR_US), "cp:1");
+
+    MirrorJobs jobs(*m_mirror, m_host.getEngine());
+    MirrorCommands commands(jobs);
+    CommandControl control;
+    JsonValue result;
+    const auto set = [&](u64 seconds) {
+        return commands.run("set", JsonValue{{"keep_for_seconds", seconds}}, control, &result);
+    };
+    EXPECT_EQ(set(TOO_LONG).code(), ResultCode::WrongUsage);
+    EXPECT_TRUE(set(MOST_KEEP_FOR_SECONDS).ok());
+    EXPECT_EQ(wanted(2 * HOUR_US), "cp:1");
 }
 
 TEST_F(RetentionTest, WhatEitherRuleKeepsStays)
