@@ -86,6 +86,12 @@ Result addressOf(const ServeArguments& arguments, ServeAddress* address)
     if (address->m_host.front() == '[' && address->m_host.back() == ']')
         address->m_host = address->m_host.substr(1, address->m_host.size() - 2);
     address->m_port = arguments.m_tcp.substr(colon + 1);
+    // Any port that is free, as 0 means, would be told to nobody; larger ones would be cut off.
+    // What is no number is a service's name.
+    const std::string& port = address->m_port;
+    const bool isNumber = port.find_first_not_of("0123456789") == std::string::npos;
+    if (isNumber && (port.size() > 5 || std::stoul("0" + port) == 0 || std::stoul(port) > 65535))
+        return Result::usage("--tcp takes a port from 1 to 65535, not '" + address->m_port + "'");
     return Result();
 }
 

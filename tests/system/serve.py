@@ -312,7 +312,8 @@ def read_only_and_refusals():
     with Folder() as folder:
         mirror = made(folder)
         rlctl("serve", os.path.join(folder, "none"), code=10)
-        rlctl("serve", mirror, "--tcp", "nonsense", code=2)
+        for address in ("nonsense", "127.0.0.1:0", "127.0.0.1:70000", "127.0.0.1:00000000010809"):
+            rlctl("serve", mirror, "--tcp", address, code=2)
         for options in (("--readonly", "--checkpoint-every", "5s"), ("--checkpoint-every", "30"),
                         ("--checkpoint-every", "5s", "--checkpoint-every", "6s"),
                         ("--views-budget", "many"), ("--apply-rate", "0"),
