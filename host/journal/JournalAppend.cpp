@@ -11,6 +11,9 @@ namespace {
 // A rest of a grain below this is left empty rather than made the home of a fragment.
 constexpr u32 MIN_SPLIT_BLOCKS = 1024;
 
+// A step back of the clock by more is no correction in passing.
+constexpr u64 MOST_CLOCK_BEHIND_US = u64{5} * 60 * 1000000;
+
 // A data block and its checksum.
 constexpr u64 STORED_BLOCK_BYTES = BLOCK_BYTES + sizeof(u32);
 
@@ -189,7 +192,16 @@ RcStatus JournalStore::Impl::appendCheckpoint(const std::string& tag, CpId_t* id
     }
     JournalCheckpoint checkpoint;
     checkpoint.m_id = m_lastCheckpoint + 1;
-    checkpoint.m_timestampUs = std::max(m_options.nowUs(), m_lastTimestampUs);
+    const u64 nowUs = m_options.nowUs();
+    checkpoint.m_timestampUs = std::max(nowUs, m_lastTimestampUs);
+    if (checkpoint.m_timestampUs - nowUs > MOST_CLOCK_BEHIND_US && !m_toldClockBehind) {
+        m_toldClockBehind = true;
+        LogItem(LogModuleCommon, WarnLevel, __PRETTY_FUNCTION__, 3)
+            << "the clock is " << (checkpoint.m_timestampUs - nowUs) / 1000000
+            << " s behind the last checkpoint's time; until it has caught up, new checkpoints have "
+               "that time"
+            << std::endl;
+    }
     checkpoint.m_tag = tag;
     if (!tag.empty()) {
         const RcStatus rc = m_tags.add(checkpoint.m_id, tag);

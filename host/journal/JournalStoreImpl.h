@@ -82,6 +82,7 @@ struct JournalStore::Impl
     JournalTags m_tags RL_GUARDED_BY(m_checkpointMutex);
     CpId_t m_lastCheckpoint RL_GUARDED_BY(m_checkpointMutex) = 0;
     u64 m_lastTimestampUs RL_GUARDED_BY(m_checkpointMutex) = 0;
+    bool m_toldClockBehind RL_GUARDED_BY(m_checkpointMutex) = false;
 
     mutable Mutex m_mutex;
     std::condition_variable_any m_flushed;

@@ -8,6 +8,7 @@
 #include "host/journal/FileStorage.h"
 #include "tests/support/CrashStorage.h"
 #include "tests/support/JournalReadback.h"
+#include "tests/support/LogCapture.h"
 
 namespace {
 
@@ -250,6 +251,32 @@ TEST_F(JournalStoreTest, CheckpointsHaveIdsTagsTimesAndItems)
     EXPECT_EQ(all[2].m_itemsBefore, 3u);
     EXPECT_EQ(all[2].m_timestampUs, 5000u);
     expectContent();
+}
+
+TEST_F(JournalStoreTest, ClockThatIsFarBehindIsToldOnceForEachOpening)
+{
+    constexpr u64 HOUR_US = u64{3600} * 1000000;
+    u64 now = 10 * HOUR_US;
+    JournalOptions options;
+    options.nowUs = [&] { return now; };
+    open(options);
+    LogCapture log;
+    const auto told = [&] { return log.beginningWith("the clock is ").size(); };
+    ASSERT_EQ(m_store->appendCheckpoint("", nullptr), RC_SUCCESS);
+    now -= HOUR_US / 60;
+    ASSERT_EQ(m_store->appendCheckpoint("", nullptr), RC_SUCCESS);
+    EXPECT_EQ(told(), 0u) << "a correction in passing";
+    now -= HOUR_US;
+    ASSERT_EQ(m_store->appendCheckpoint("", nullptr), RC_SUCCESS);
+    ASSERT_EQ(m_store->appendCheckpoint("", nullptr), RC_SUCCESS);
+    EXPECT_EQ(told(), 1u);
+    reopen();
+    ASSERT_EQ(m_store->appendCheckpoint("", nullptr), RC_SUCCESS);
+    EXPECT_EQ(told(), 2u);
+    now += 2 * HOUR_US;
+    reopen();
+    ASSERT_EQ(m_store->appendCheckpoint("", nullptr), RC_SUCCESS);
+    EXPECT_EQ(told(), 2u) << "it has caught up";
 }
 
 TEST_F(JournalStoreTest, TagsAreTextOfBoundedLength)
