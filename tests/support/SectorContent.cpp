@@ -21,14 +21,16 @@ std::vector<u64> SectorContent::sectorOffsets() const
     return offsets;
 }
 
+// Without memory for it nothing has changed.
 SectorContent::Piece& SectorContent::toWrite(u64 piece)
 {
-    std::shared_ptr<Piece>& found = m_pieces[piece];
-    if (!found)
-        found = std::make_shared<Piece>();
-    else if (found.use_count() > 1)
-        found = std::make_shared<Piece>(*found);
-    return *found;
+    const auto found = m_pieces.find(piece);
+    if (found != m_pieces.end() && found->second.use_count() == 1)
+        return *found->second;
+    const auto own = found == m_pieces.end() ? std::make_shared<Piece>()
+                                             : std::make_shared<Piece>(*found->second);
+    m_pieces[piece] = own;
+    return *own;
 }
 
 void SectorContent::mark(Piece& piece, u64 from, u64 bytes)
@@ -41,7 +43,6 @@ void SectorContent::mark(Piece& piece, u64 from, u64 bytes)
 
 void SectorContent::write(u64 offset, const u8* data, u64 bytes)
 {
-    m_size = std::max(m_size, offset + bytes);
     while (bytes > 0) {
         const u64 in = offset % PIECE_BYTES;
         const u64 step = std::min(bytes, PIECE_BYTES - in);
@@ -51,6 +52,7 @@ void SectorContent::write(u64 offset, const u8* data, u64 bytes)
         offset += step;
         data += step;
         bytes -= step;
+        m_size = std::max(m_size, offset);
     }
 }
 
