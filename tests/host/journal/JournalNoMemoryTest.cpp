@@ -184,8 +184,8 @@ TEST_F(JournalNoMemoryTest, AScanEndsWithItAndTellsItsContainer)
             ended += result.rc != RC_SUCCESS;
             return failed;
         });
-        // Where another thread reads ahead, what this one needs depends on which is faster.
-        EXPECT_GT(failures, offload ? 0u : 1u);
+        // How much this thread needs depends on whether the one that reads ahead was faster.
+        EXPECT_GT(failures, 0u);
         EXPECT_GT(ended, 0u);
     }
 }
