@@ -1,6 +1,7 @@
 #include "cli/ProgressReporter.h"
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <csignal>
 #include <fmt/format.h>
@@ -9,16 +10,18 @@
 
 namespace {
 
-volatile std::sig_atomic_t g_stop = 0;
-volatile std::sig_atomic_t g_asked = 0;
+// Set on whichever thread the signal comes to.
+std::atomic<bool> g_stop{false};
+std::atomic<bool> g_asked{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "or a handler may not touch them");
 
 void onStop(int)
 {
-    g_stop = 1;
+    g_stop = true;
 }
 void onAsked(int)
 {
-    g_asked = 1;
+    g_asked = true;
 }
 
 void catchSignal(int number, void (*handler)(int))
@@ -87,7 +90,7 @@ ProgressReporter::~ProgressReporter()
 
 bool ProgressReporter::stopRequested()
 {
-    return g_stop != 0;
+    return g_stop;
 }
 
 void ProgressReporter::setPart(unsigned fromPercent, unsigned toPercent)
@@ -102,9 +105,7 @@ void ProgressReporter::progress(u64 done, u64 total)
     // The last percent is finish()'s.
     const double percent = m_partFrom + share * (m_partTo - m_partFrom);
     m_percent = std::max(m_percent, std::min(99u, static_cast<unsigned>(percent)));
-    const bool asked = g_asked != 0;
-    if (asked)
-        g_asked = 0;
+    const bool asked = g_asked.exchange(false);
     const Clock::time_point now = Clock::now();
     const bool changed = m_told != m_percent + 1;
     const bool due = m_mode == Mode::Bar          ? changed
