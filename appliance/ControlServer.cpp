@@ -266,6 +266,8 @@ void ControlServer::refuse(Connection& connection, const Result& why)
 // Everything that may be due at one connection.
 void ControlServer::look(Connection& connection)
 {
+    // Its client may have been told the end already, and asks for the next.
+    serveCall(connection);
     std::string line;
     // While a command runs, nothing but its cancellation may come: whoever floods is cut off.
     const auto takesMore = [&] {
