@@ -58,6 +58,9 @@ public:
     // REQUIRES: it starts after the region before and before the region behind.
     void replace(const_iterator iter, const SubRegionDescriptor& region);
 
+    // The same for a region of the very same blocks.
+    void renew(const_iterator iter, const SubRegionDescriptor& region);
+
     // The last region that starts at or before the block; the first region when none does.
     const_iterator lastAtOrBefore(u64 offsetBlocks) const
     {
@@ -87,6 +90,8 @@ public:
     const_iterator lastAtOrBefore(u64 offsetBlocks, RegionNode* located) const
     {
         if (located != nullptr && startOf(located) != NOWHERE) {
+            if (offsetBlocks - startOf(located) < regionOf(located).m_lengthBlocks)
+                return at(located);
             RegionNode* const node = stepFrom(located, offsetBlocks);
             if (node != nullptr)
                 return at(node);
@@ -170,8 +175,9 @@ public:
         bool m_descent = false;
         bool m_directory = false;
         bool m_finger = false;
-        u64 m_fromRegions = 0;      // and only from this size on, but for descent and finger
-        u64 m_batchFromRegions = 0; // from this size on several searches are made at once
+        u64 m_fromRegions = 0;          // from this size on memory is what operations wait for
+        u64 m_directoryFromRegions = 0; // from this size on there is a directory
+        u64 m_batchFromRegions = 0;     // from this size on several searches are made at once
     };
     void accelerate(const Accelerators& accelerators);
 
@@ -180,13 +186,21 @@ public:
     bool isLarge() const { return m_regionMap->size() >= m_accelerators.m_fromRegions; }
     bool isWorthBatches() const { return m_regionMap->size() >= m_accelerators.m_batchFromRegions; }
 
-    // Finds the last region that starts at or before each of these, or null, and brings what
-    // changes over them will touch into the cache; at most MAX_LOCKSTEP. What is found serves
-    // lastAtOrBefore() until a voucher is cleared, or regions leave for another map or all at once:
+    // Finds the last region that starts at or before each of these, or null, or, where one begins
+    // at which the one before it ends, nothing that can be relied on; and brings what changes over
+    // them will touch into the cache; at most MAX_LOCKSTEP. What is found serves lastAtOrBefore()
+    // and isJust() until a voucher is cleared, or regions leave for another map or all at once:
     // a region that is erased leaves a mark in its node, and that node is free in a voucher or in
     // the map again.
     void locate(const SubRegionDescriptor* regions, u32 count, RegionNode** located) const;
-    // The same for taking out, and putting back, the region at this place.
+    // Whether what was found is a region of just these blocks now.
+    static bool isJust(RegionNode* located, const SubRegionDescriptor& region)
+    {
+        return located != nullptr && startOf(located) == region.m_viewOffsetBlocks &&
+               regionOf(located).m_lengthBlocks == region.m_lengthBlocks &&
+               region.m_viewOffsetBlocks != NOWHERE;
+    }
+    // Warms what taking out, and putting back, the region at this place will touch.
     void warmAround(const_iterator place) const;
     // Keeps the regions that a walk comes to next on their way to the cache.
     class Warmer
@@ -234,6 +248,7 @@ public:
     }
     u64 directorySlots() const { return m_directory.slots(); }
     u64 directoryBytes() const { return m_directory.bytes(); }
+    u64 directoryPoolBytes() const { return m_directory.poolBytes(); }
 
 private:
     // Where a region starts that has been erased: none reaches that far.
@@ -250,7 +265,7 @@ private:
     // Below, a directory that is there goes.
     u64 leastWithDirectory() const
     {
-        return m_accelerators.m_fromRegions - m_accelerators.m_fromRegions / 4;
+        return m_accelerators.m_directoryFromRegions - m_accelerators.m_directoryFromRegions / 4;
     }
     // Shorter ranges have too few regions for a walk to wait long for them.
     static constexpr u64 LEAST_WARMED_BLOCKS = 32;

@@ -26,16 +26,22 @@ bool RegionDirectoryMemory::obtain(RegionLocatorMemPool& pool, u64 slots)
     const u64 pieceBytes = std::min(std::bit_floor(chunkBytes), bytes);
     const u64 pieces = pieceBytes < sizeof(RegionNode*) ? 0 : bytes / pieceBytes;
     const u64 fillBytes = pieces == 1 ? bytes : pieces * chunkBytes;
-    m_pieces.reserve(pieces);
-    if (pieces == 0 || !pool.obtainAcceleratorMemory(&m_buf, fillBytes))
+    if (pieces == 0)
         return false;
-    m_pieceShift = static_cast<u32>(std::countr_zero(pieceBytes / sizeof(RegionNode*)));
-    m_pieceMask = (u64{1} << m_pieceShift) - 1;
+    m_pieces.reserve(pieces);
+    if (bytes < std::bit_floor(chunkBytes)) {
+        m_ofHeap.resize(slots);
+        m_pieces.push_back(m_ofHeap.data());
+    } else if (!pool.obtainAcceleratorMemory(&m_buf, fillBytes)) {
+        return false;
+    }
     for (u32 i = 0; i < m_buf.getSegmentsCount(); ++i) {
         const MemorySegment& segment = m_buf.getSegment(i);
         std::memset(segment.getPtr(), 0, segment.getSize());
         m_pieces.push_back(reinterpret_cast<RegionNode**>(segment.getPtr()));
     }
+    m_pieceShift = static_cast<u32>(std::countr_zero(pieceBytes / sizeof(RegionNode*)));
+    m_pieceMask = (u64{1} << m_pieceShift) - 1;
     m_slots = slots;
     return true;
 }
@@ -43,6 +49,7 @@ bool RegionDirectoryMemory::obtain(RegionLocatorMemPool& pool, u64 slots)
 void RegionDirectoryMemory::swap(RegionDirectoryMemory& other)
 {
     std::swap(m_buf, other.m_buf);
+    std::swap(m_ofHeap, other.m_ofHeap);
     std::swap(m_pieces, other.m_pieces);
     std::swap(m_pieceShift, other.m_pieceShift);
     std::swap(m_pieceMask, other.m_pieceMask);

@@ -16,7 +16,8 @@
 //
 // Memory: 8 bytes a slot, and at least one slot but less than three a region. It comes from the
 // process-wide pool, on the account of the locator's nodes, when tokens are reserved, and never
-// within an operation on the map; without it the directory stays as it is.
+// within an operation on the map; without it the directory stays as it is. A table shorter than one
+// of the pool's chunks would take all of that one, so it comes from the heap, at the same moments.
 #pragma once
 
 #include <algorithm>
@@ -40,8 +41,9 @@ public:
     bool obtain(RegionLocatorMemPool& pool, u64 slots);
 
     u64 slots() const { return m_slots; }
-    // The rest of a piece of the pool of which a small table takes a part does not count.
-    u64 bytes() const { return m_buf.getSize(); }
+    u64 bytes() const { return m_buf.getSize() + m_ofHeap.size() * sizeof(RegionNode*); }
+    // Of these, from the pool.
+    u64 poolBytes() const { return m_buf.getSize(); }
     void swap(RegionDirectoryMemory& other);
 
     // How many slots follow this one in the same piece of memory, itself with them.
@@ -54,7 +56,8 @@ public:
     }
 
 private:
-    ScatteredBuf m_buf;
+    ScatteredBuf m_buf;                // of the pool, or
+    std::vector<RegionNode*> m_ofHeap; // all slots
     std::vector<RegionNode**> m_pieces;
     u32 m_pieceShift = 0;
     u64 m_pieceMask = 0;
@@ -80,6 +83,7 @@ public:
     bool isOn() const { return m_memory.slots() != 0; }
     u64 slots() const { return m_memory.slots(); }
     u64 bytes() const { return m_memory.bytes(); }
+    u64 poolBytes() const { return m_memory.poolBytes(); }
 
     // A noted node that starts in the block's granule or shortly before; null when none is known.
     // noted: what peek() has shown for the block. REQUIRES: isOn().

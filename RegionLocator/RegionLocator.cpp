@@ -33,16 +33,19 @@ constexpr u64 ACCELERATE_SCANS = 8;
 constexpr u64 ACCELERATE_LOCKS = 16;
 constexpr u64 ACCELERATE_ALL = 31;
 
-// Below, a directory would be dear: the process-wide pool gives it 256 KiB at least, which is not
-// to be more than 24 bytes a region. A descent waits for the caches from there on, if not for
-// memory.
+// From there on a descent waits for the caches, if not for memory.
 constexpr u64 LARGE_MAP_REGIONS = 15 * 1024;
 
+// Below, the way down the tree is as short as the one through a directory.
+constexpr u64 DIRECTORY_FROM_REGIONS = 64;
+
 // Below, one search takes no longer than its share of several at once.
-constexpr u64 BATCHES_FROM_REGIONS = 256;
+constexpr u64 BATCHES_FROM_REGIONS = 64;
 
 // Steps that several functions share report under the signature that their records are known by;
 // the functions of these names check that it still is theirs.
+constexpr const char* REPLACE_SIGNATURE =
+    "void CountedRegionMap::replace(const_iterator, const SubRegionDescriptor&)";
 constexpr const char* SUBTRACT_SIGNATURE =
     "std::vector<SubRegionDescriptor> RegionLocator::subtractRegions("
     "const SubRegionDescriptor&, const SubRegionDescriptor&) const";
@@ -130,6 +133,13 @@ bool isSameRegion(const SubRegionDescriptor& a, const SubRegionDescriptor& b)
            a.m_fifoOffsetOfIoStartBlocks == b.m_fifoOffsetOfIoStartBlocks &&
            a.m_ioTotalLengthBytes == b.m_ioTotalLengthBytes &&
            a.m_regionOffsetLBsWithinIo == b.m_regionOffsetLBsWithinIo && a.m_flags == b.m_flags;
+}
+
+// Whether a region of a list begins where the one before it ends.
+inline bool isRun(const SubRegionDescriptor* regions, u32 i)
+{
+    return i > 0 && regions[i - 1].m_viewOffsetBlocks + regions[i - 1].m_lengthBlocks ==
+                        regions[i].m_viewOffsetBlocks;
 }
 
 // The first region of the map that starts after this one does.
@@ -272,6 +282,7 @@ CountedRegionMap::moveTo(CountedRegionMap& other, const_iterator next, const_ite
 
 void CountedRegionMap::replace(const_iterator iter, const SubRegionDescriptor& region)
 {
+    RL_CHECK_SIGNATURE(REPLACE_SIGNATURE);
     SOFT_CHECK(m_sizeLb >= (*iter).m_lengthBlocks);
     m_sizeLb = m_sizeLb - (*iter).m_lengthBlocks + region.m_lengthBlocks;
     if (iter->m_viewOffsetBlocks != region.m_viewOffsetBlocks)
@@ -279,6 +290,13 @@ void CountedRegionMap::replace(const_iterator iter, const SubRegionDescriptor& r
     m_finger.set(iter._M_node);
     // The set shows its regions as constant since it is ordered by them, and the order stays.
     const_cast<SubRegionDescriptor&>(*iter) = region;
+}
+
+inline void CountedRegionMap::renew(const_iterator iter, const SubRegionDescriptor& region)
+{
+    SOFT_CHECK_IN(REPLACE_SIGNATURE, m_sizeLb >= (*iter).m_lengthBlocks);
+    m_finger.set(iter._M_node);
+    const_cast<SubRegionDescriptor&>(*iter) = region; // as above
 }
 
 void CountedRegionMap::clear()
@@ -376,7 +394,12 @@ void CountedRegionMap::accelerate(const Accelerators& accelerators)
 void CountedRegionMap::locate(const SubRegionDescriptor* regions, u32 count,
                               RegionNode** located) const
 {
-    if (m_directory.isOn()) {
+    if (!m_directory.isOn()) {
+        std::fill(located, located + count, nullptr);
+    } else if (!isLarge()) {
+        for (u32 i = 0; i < count; ++i)
+            located[i] = m_directory.peek(regions[i].m_viewOffsetBlocks);
+    } else {
         for (u32 i = 0; i < count; ++i)
             m_directory.warm(regions[i].m_viewOffsetBlocks);
         for (u32 i = 0; i < count; ++i) {
@@ -390,12 +413,10 @@ void CountedRegionMap::locate(const SubRegionDescriptor* regions, u32 count,
     u32 others[RegionDescent::MAX_LOCKSTEP];
     u32 otherCount = 0;
     for (u32 i = 0; i < count; ++i) {
-        const bool isCovered = m_directory.isOn() && located[i] != nullptr &&
-                               startOf(located[i]) == regions[i].m_viewOffsetBlocks &&
-                               regionOf(located[i]).m_lengthBlocks == regions[i].m_lengthBlocks;
+        const bool isCovered = isJust(located[i], regions[i]);
         offsetsBlocks[otherCount] = regions[i].m_viewOffsetBlocks;
         others[otherCount] = i;
-        otherCount += isCovered ? 0 : 1;
+        otherCount += isCovered || isRun(regions, i) ? 0 : 1;
     }
     RegionNode* found[RegionDescent::MAX_LOCKSTEP];
     RegionDescent(*m_regionMap).lastAtOrBefore(offsetsBlocks, otherCount, found);
@@ -463,7 +484,7 @@ u64 CountedRegionMap::wantedDirectorySlots() const
     // Once it is there, it goes only when the map has become much smaller: so it does not come and
     // go with every region.
     const u64 slots = m_directory.slots();
-    const u64 from = slots == 0 ? m_accelerators.m_fromRegions : leastWithDirectory();
+    const u64 from = slots == 0 ? m_accelerators.m_directoryFromRegions : leastWithDirectory();
     if (!m_accelerators.m_directory || size() < from)
         return 0;
     return RegionDirectory::wantedSlots(size(), slots);
@@ -478,13 +499,13 @@ void CountedRegionMap::installDirectory(RegionDirectoryMemory& memory)
 void CountedRegionMap::setDirectoryBounds()
 {
     const u64 slots = m_directory.slots();
-    m_granuleMask = slots == 0 ? 0 : ~(m_directory.granuleBlocks() - 1);
+    m_granuleMask = slots == 0 || !isLarge() ? 0 : ~(m_directory.granuleBlocks() - 1);
     if (!m_accelerators.m_directory) {
         m_directoryLeast = 0;
         m_directorySpan = ~size_t{0};
     } else if (slots == 0) {
         m_directoryLeast = 0;
-        m_directorySpan = std::max<u64>(m_accelerators.m_fromRegions, 1) - 1;
+        m_directorySpan = std::max<u64>(m_accelerators.m_directoryFromRegions, 1) - 1;
     } else {
         m_directoryLeast =
             std::max(slots / RegionDirectory::MOST_SLOTS_A_REGION + 1, leastWithDirectory());
@@ -513,10 +534,11 @@ RegionLocator::RegionLocator(u64 id, RegionLocatorMmiType mmiType)
         t_holdBackScans = (accelerators & ACCELERATE_SCANS) != 0;
         t_lockInPlace = (accelerators & ACCELERATE_LOCKS) != 0;
         const u64 fromRegions = Tweaks::uintVal("t_RlAcceleratorsFromRegions", LARGE_MAP_REGIONS);
-        m_unlockedRegions->accelerate({(accelerators & ACCELERATE_DESCENT) != 0,
-                                       (accelerators & ACCELERATE_DIRECTORY) != 0,
-                                       (accelerators & ACCELERATE_FINGER) != 0, fromRegions,
-                                       std::min(fromRegions, BATCHES_FROM_REGIONS)});
+        m_unlockedRegions->accelerate(
+            {(accelerators & ACCELERATE_DESCENT) != 0, (accelerators & ACCELERATE_DIRECTORY) != 0,
+             (accelerators & ACCELERATE_FINGER) != 0, fromRegions,
+             fromRegions < LARGE_MAP_REGIONS ? fromRegions : DIRECTORY_FROM_REGIONS,
+             std::min(fromRegions, BATCHES_FROM_REGIONS)});
         m_memPool.setUpkeepListener(this);
         // Last: from here on the watcher may ask for the item count.
         MemWatchedContainerDatabase::instance()->registerContainer(this);
@@ -568,8 +590,8 @@ bool RegionLocator::giveWay()
 {
     RegionDirectoryMemory memory; // given back when the mutex is free again
     MutexGuard lock(m_mutex);
-    if (m_unlockedRegions->directorySlots() == 0)
-        return false;
+    if (m_unlockedRegions->directoryPoolBytes() == 0)
+        return false; // what the heap has is of no use to the pool
     m_unlockedRegions->installDirectory(memory);
     m_unlockedRegions->postponeDirectory();
     return true;
@@ -924,11 +946,11 @@ bool RegionLocator::insert(const SubRegionDescriptor& desc, RegionLocatorVoucher
     return true;
 }
 
-bool RegionLocator::insertFromScan(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
+bool RegionLocator::insertFirstFromScan(const SubRegionDescriptor& desc,
+                                        RegionLocatorVoucher* voucher)
 {
     if (m_isHoldingBack.load(std::memory_order_relaxed) && desc.m_lengthBlocks > 0 &&
-        !checksChanges() &&
-        ((m_heldBack.isOpen() && m_heldBack.add(desc, voucher)) || holdBack(desc, voucher)))
+        !checksChanges() && holdBack(desc, voucher))
         return true;
     return insert(desc, voucher);
 }
@@ -956,11 +978,25 @@ void RegionLocator::insertHeldBack()
     m_heldBack.locate(*m_unlockedRegions, located);
     m_memPool.setActiveVoucher(m_heldBack.voucher());
     RegionNode** place = located;
+    RegionMap::const_iterator stored = m_unlockedRegions->cend();
+    u64 storedEndBlocks = NO_OFFSET;
+    u64 blocks = 0;
     for (const SubRegionDescriptor& desc : m_heldBack) {
-        storeOver(desc, m_unlockedRegions->lastAtOrBefore(desc.m_viewOffsetBlocks, *place++));
-        m_counters.updateInserts(desc.m_lengthBlocks);
+        RegionNode* const found = *place++;
+        if (CountedRegionMap::isJust(found, desc) && isRebuiltAsStored(regionOf(found))) {
+            stored = RegionMap::const_iterator(found);
+            m_unlockedRegions->renew(stored, desc);
+        } else {
+            // A run goes on behind the region that was stored last.
+            if (desc.m_viewOffsetBlocks != storedEndBlocks)
+                stored = m_unlockedRegions->lastAtOrBefore(desc.m_viewOffsetBlocks, found);
+            stored = storeOver(desc, stored);
+        }
+        storedEndBlocks = desc.m_viewOffsetBlocks + desc.m_lengthBlocks;
+        blocks += desc.m_lengthBlocks;
     }
     m_memPool.setActiveVoucher(nullptr);
+    m_counters.updateInserts(m_heldBack.size(), blocks);
     m_heldBack.clear();
     noteSize();
 }
@@ -970,12 +1006,18 @@ void RegionLocator::insertHeldBack()
 //
 //   stored   [------][----][------]             after   [--][++++++++++][--]
 //   desc         [++++++++++]
-void RegionLocator::storeOver(const SubRegionDescriptor& desc, RegionMap::const_iterator before)
+RegionMap::const_iterator RegionLocator::storeOver(const SubRegionDescriptor& desc,
+                                                   RegionMap::const_iterator before)
 {
     CountedRegionMap* const map = m_unlockedRegions;
     const u64 firstBlocks = desc.m_viewOffsetBlocks;
-    const u64 endBlocks = firstBlocks + desc.m_lengthBlocks;
     RegionMap::const_iterator iter = before;
+    if (iter != map->cend() && iter->m_viewOffsetBlocks == firstBlocks &&
+        iter->m_lengthBlocks == desc.m_lengthBlocks && isRebuiltAsStored(*iter)) {
+        map->renew(iter, desc);
+        return iter;
+    }
+    const u64 endBlocks = firstBlocks + desc.m_lengthBlocks;
     if (iter != map->cend() && iter->m_viewOffsetBlocks < firstBlocks) {
         if (iter->m_viewOffsetBlocks + iter->m_lengthBlocks <= firstBlocks)
             iter = behind(iter);
@@ -1001,10 +1043,14 @@ void RegionLocator::storeOver(const SubRegionDescriptor& desc, RegionMap::const_
         if (regionEndBlocks >= endBlocks)
             break; // nothing can follow in the range, so what does is not even looked at
     }
-    if (covered != map->cend())
+    if (covered != map->cend()) {
         map->replace(covered, desc);
-    else if (!map->insert(iter, desc).second)
+        return covered;
+    }
+    const auto [place, rc] = map->insert(iter, desc);
+    if (!rc)
         HARD_CHECK(false);
+    return place;
 }
 
 // The usual cuts, as punchOutPiece() makes them, where it would have nothing to report.

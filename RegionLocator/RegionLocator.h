@@ -63,9 +63,9 @@ class RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly;
 // maps and never decides anything: a directory and a finger (RegionDirectory.h, RegionFinger.h), a
 // descent of its own (RegionDescent.h), the items of a scan that are made together
 // (HeldBackInserts.h), and locks that move no node (LockedInPlace.h). The tweak t_RlAccelerators
-// has a bit for each, in that order, and t_RlAcceleratorsFromRegions the size from which on the
-// directory is used and locks move no node; scans' batches are from 256 regions on, or from that
-// size if it is smaller.
+// has a bit for each, in that order, and t_RlAcceleratorsFromRegions the size from which on walks
+// are warmed and locks move no node. Below its default it is the directory's size, too, which else
+// is 64; scans' batches are from 64 regions on, or from that size if it is smaller.
 class RegionLocator : public MemWatchedContainer, private RegionLocatorMemPool::UpkeepListener
 {
 public:
@@ -85,7 +85,13 @@ public:
 
     // The same for an item of a journal scan, which may be held back for a moment where nobody can
     // tell. The voucher is the scan's until settleScan().
-    bool insertFromScan(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher);
+    bool insertFromScan(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
+    {
+        if (m_heldBack.isOpen() && desc.m_lengthBlocks > 0 && !checksChanges() &&
+            m_heldBack.add(desc, voucher))
+            return true;
+        return insertFirstFromScan(desc, voucher);
+    }
 
     // Inserts what is held back, which every other operation does by itself first. For a feeder
     // before it gives up its voucher.
@@ -269,9 +275,10 @@ private:
 
     // ---- changes: under the mutex, with a voucher active ----
 
-    // Stores the region over what is there, from the last region that starts at or before it.
-    void storeOver(const SubRegionDescriptor& desc, RegionMap::const_iterator before)
-        RL_REQUIRES(m_mutex);
+    // Stores the region over what is there, from the last region that starts at or before it, or
+    // from one that ends there. Returns its place.
+    RegionMap::const_iterator storeOver(const SubRegionDescriptor& desc,
+                                        RegionMap::const_iterator before) RL_REQUIRES(m_mutex);
     // Shortens the region, which starts before the range and reaches into it; what sticks out of
     // the range becomes one more. Returns what follows the range's first block.
     // REQUIRES: there is nothing to report of its pieces.
@@ -289,6 +296,9 @@ private:
             insertHeldBack();
     }
     void insertHeldBack() RL_REQUIRES(m_mutex);
+    // An item of a scan that cannot be added to what is held back.
+    bool insertFirstFromScan(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
+        RL_EXCLUDES(m_mutex);
     // Begins to hold back a scan's items, with this one; false where that is not allowed now.
     bool holdBack(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
         RL_EXCLUDES(m_mutex);

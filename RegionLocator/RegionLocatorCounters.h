@@ -20,6 +20,12 @@ public:
         ++m_inserts;
         m_insertsLbs += lengthBlocks;
     }
+    // The same for many.
+    void updateInserts(u64 inserts, u64 blocks)
+    {
+        m_inserts += inserts;
+        m_insertsLbs += blocks;
+    }
     // One writer at a time, so that no locked instruction is needed.
     void updateMerges() { m_merges.store(getMerges() + 1, std::memory_order_relaxed); }
 

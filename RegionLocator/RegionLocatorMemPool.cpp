@@ -8,8 +8,6 @@
 
 namespace {
 
-constexpr u32 TOKEN_BYTES = 64;
-
 MemoryPoolImpl* globalPool()
 {
     return Singleton<MemoryPoolImpl, MemoryPoolImpl>::instance();
@@ -64,7 +62,7 @@ RegionLocatorMemPool::RegionLocatorMemPool(u64 id, RegionLocatorMmiType type)
     : m_id(id), m_mmi(nullptr), m_dummyMmi(nullptr), m_activeVoucher(nullptr),
       m_activeVouchersCountForDebug(0)
 {
-    init(TOKEN_BYTES, 0, std::numeric_limits<u64>::max());
+    init(RegionLocatorVoucher::TOKEN_BYTES, 0, std::numeric_limits<u64>::max());
     std::string name;
     switch (type) {
     case RL_MMI_MD5: name = "Md5_RLs"; break;
@@ -186,7 +184,9 @@ FutureStatus RegionLocatorMemPool::fillVoucher(RegionLocatorVoucher* voucher, in
     const u32 sizeBytes = static_cast<u32>(count) * getChunkSize();
     FutureStatus filled;
     try {
-        if (timeout != 0)
+        if (voucher->takeRuns(*this, sizeBytes / getChunkSize(), m_dummyMmi))
+            filled.set(RC_SUCCESS);
+        else if (timeout != 0)
             filled = fillInTime(&observer->m_buf, sizeBytes, timeout, token);
         else
             filled.set(fillNow(&observer->m_buf, sizeBytes));

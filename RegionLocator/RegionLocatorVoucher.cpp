@@ -1,5 +1,6 @@
 #include "RegionLocator/RegionLocatorVoucher.h"
 
+#include <bit>
 #include <new>
 
 #include "RegionLocator/RegionLocatorMemPool.h"
@@ -37,10 +38,25 @@ void RegionLocatorVoucher::addMemorySegments(ScatteredBuf& buf)
         addObj(buf.getSegment(i).getPtr());
 }
 
+bool RegionLocatorVoucher::takeRuns(MemoryPoolImpl& pool, u32 count, ModuleMemoryInformation* mmi)
+{
+    if (!m_objs.empty() || !pool.takeRuns(&m_runs, count, mmi))
+        return false;
+    m_objs.m_inRuns = count;
+    try {
+        m_objs.reserve(count); // for what an operation frees
+    } catch (const std::bad_alloc&) {
+        // That is chained, then.
+    }
+    return true;
+}
+
 void RegionLocatorVoucher::clear(RegionLocatorMemPool* pool, ModuleMemoryInformation* mmi)
 {
-    pool->giveBackChunks(m_objs.data(), static_cast<u32>(m_objs.size()), mmi);
+    pool->giveBackChunks(m_runs, m_objs.data(), static_cast<u32>(m_objs.size()), mmi);
     m_objs.clear();
+    m_objs.m_inRuns = 0;
+    m_runs.clear();
     while (m_objs.m_chained > 0) {
         while (m_objs.m_chained > 0 && m_objs.size() < m_objs.capacity())
             m_objs.push_back(unchain());
@@ -49,12 +65,28 @@ void RegionLocatorVoucher::clear(RegionLocatorMemPool* pool, ModuleMemoryInforma
     }
 }
 
-u8* RegionLocatorVoucher::getChainedObj()
+u8* RegionLocatorVoucher::getDeeperObj()
 {
+    if (m_objs.m_chained != 0)
+        return unchain();
     SOFT_CHECK_IN("u8* RegionLocatorVoucher::getObj()", !m_objs.empty());
-    if (m_objs.m_chained == 0)
+    if (m_objs.empty())
         stopProcess(); // a node would be written nowhere
-    return unchain();
+    return takeOfRun();
+}
+
+// The last one of the last run.
+u8* RegionLocatorVoucher::takeOfRun()
+{
+    constexpr u32 LAST_BIT = 63;
+    ChunkRun& run = m_runs.back();
+    const u32 last = LAST_BIT - static_cast<u32>(std::countl_zero(run.m_chunks));
+    u8* const token = run.m_first + size_t{last} * TOKEN_BYTES;
+    run.m_chunks ^= u64{1} << last;
+    if (run.m_chunks == 0)
+        m_runs.pop_back();
+    --m_objs.m_inRuns;
+    return token;
 }
 
 void RegionLocatorVoucher::chain(u8* token)

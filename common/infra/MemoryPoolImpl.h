@@ -8,6 +8,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "common/infra/Future.h"
 #include "common/infra/MemorySegment.h"
@@ -25,6 +26,14 @@ struct MemoryStats
     u64 freeBytes;      // of these, in chunks that nobody holds
     u64 usedBytesNet;   // as asked for by the fills
     u64 usedBytesGross; // as handed out, rounded up to chunks
+};
+
+// Chunks that lie side by side but for gaps: bit i of m_chunks stands for the one that lies i chunk
+// sizes behind m_first.
+struct ChunkRun
+{
+    u8* m_first;
+    u64 m_chunks;
 };
 
 // Thread safety: every public operation from any thread, except construction, init(), destroy() and
@@ -79,9 +88,17 @@ public:
     // The same at once or not at all: RC_SUCCESS, or RC_NO_MEMORY with nothing added.
     RcStatus fillBufNoWait(ScatteredBuf* buf, u32 sizeBytes, ModuleMemoryInformation* mmi);
 
+    // Takes so many chunks at once and appends them to the list, in the order in which a fill would
+    // hand them out; for who takes many and gives most of them back untouched, since a run costs
+    // little more than a chunk. False, and nothing happens, when fills wait, when not so many are
+    // free now, or when this pool's chunks do not lie so: then a fill is to be asked for.
+    bool takeRuns(std::vector<ChunkRun>* runs, u32 count, ModuleMemoryInformation* mmi);
+
     // Takes back whole chunks that were handed out for the group, as their segments'
-    // deleteContent() would one by one.
+    // deleteContent() would one by one: those of the runs, then those of the list.
     void giveBackChunks(u8* const* chunks, u32 count, ModuleMemoryInformation* mmi);
+    void giveBackChunks(const std::vector<ChunkRun>& runs, u8* const* chunks, u32 count,
+                        ModuleMemoryInformation* mmi);
 
     // Ends every waiting fill that was started with this token; their futures are set to
     // RC_ABORTED before it returns. A fill that is complete stays so.

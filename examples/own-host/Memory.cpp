@@ -103,6 +103,19 @@ RcStatus MemoryPoolImpl::fillBufNoWait(ScatteredBuf* buf, u32 sizeBytes,
     return RC_SUCCESS;
 }
 
+// Chunks of the heap do not lie side by side.
+bool MemoryPoolImpl::takeRuns(std::vector<ChunkRun>*, u32, ModuleMemoryInformation*)
+{
+    return false;
+}
+
+void MemoryPoolImpl::giveBackChunks(const std::vector<ChunkRun>& runs, u8* const* chunks, u32 count,
+                                    ModuleMemoryInformation* mmi)
+{
+    HARD_CHECK(runs.empty());
+    giveBackChunks(chunks, count, mmi);
+}
+
 void MemoryPoolImpl::giveBackChunks(u8* const* chunks, u32 count, ModuleMemoryInformation* mmi)
 {
     for (u32 i = 0; i < count; ++i)

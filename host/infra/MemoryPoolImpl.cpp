@@ -127,9 +127,20 @@ RcStatus MemoryPoolImpl::fillBufNoWait(ScatteredBuf* buf, u32 sizeBytes,
     return m_impl->m_core->fillNoWait(buf, sizeBytes, mmi);
 }
 
+bool MemoryPoolImpl::takeRuns(std::vector<ChunkRun>* runs, u32 count, ModuleMemoryInformation* mmi)
+{
+    return m_impl->m_core->takeRuns(runs, count, mmi);
+}
+
 void MemoryPoolImpl::giveBackChunks(u8* const* chunks, u32 count, ModuleMemoryInformation* mmi)
 {
-    m_impl->m_core->giveBackChunks(chunks, count, mmi);
+    m_impl->m_core->giveBackChunks({}, chunks, count, mmi);
+}
+
+void MemoryPoolImpl::giveBackChunks(const std::vector<ChunkRun>& runs, u8* const* chunks, u32 count,
+                                    ModuleMemoryInformation* mmi)
+{
+    m_impl->m_core->giveBackChunks(runs, chunks, count, mmi);
 }
 
 void MemoryPoolImpl::cancelBufferFill(void* token)

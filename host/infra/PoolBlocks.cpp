@@ -190,6 +190,26 @@ bool PoolBlocks::giveChunks(u8* const* chunks, u32 count)
     return someBlockIsFree;
 }
 
+bool PoolBlocks::giveRuns(const std::vector<ChunkRun>& runs)
+{
+    bool someBlockIsFree = false;
+    for (const ChunkRun& run : runs) {
+        Block* const block = blockOf(run.m_first);
+        const size_t bytes = static_cast<size_t>(run.m_first - reinterpret_cast<u8*>(block));
+        const u32 word = (static_cast<u32>(bytes >> m_strideShift) - m_headerChunks) / WORD_BITS;
+        wordsOf(block)[word] |= run.m_chunks;
+        block->m_firstWord = std::min(block->m_firstWord, word);
+        if constexpr (POISONS) {
+            for (u64 bits = run.m_chunks; bits != 0; bits &= bits - 1)
+                closeMemory(run.m_first +
+                                (static_cast<size_t>(std::countr_zero(bits)) << m_strideShift),
+                            size_t{1} << m_strideShift);
+        }
+        someBlockIsFree |= noteGiven(block, static_cast<u32>(std::popcount(run.m_chunks)));
+    }
+    return someBlockIsFree;
+}
+
 bool PoolBlocks::noteGiven(Block* block, u32 chunks)
 {
     m_freeChunks += chunks;

@@ -17,7 +17,9 @@
 #include <bit>
 #include <cstddef>
 #include <cstring>
+#include <vector>
 
+#include "common/infra/MemoryPoolImpl.h"
 #include "common/infra/Types.h"
 
 // Blocks on their way out of a pool, linked through their first bytes, so that noting one takes
@@ -85,11 +87,33 @@ public:
         }
     }
 
+    // The same by words of bits: calls take(first, chunks) for each, as the members of a ChunkRun.
+    // REQUIRES: hasRuns(), and so many are free.
+    template <class Take> void takeRuns(u32 count, Take take)
+    {
+        while (count > 0) {
+            Block* const block = firstPartial();
+            u64& word = firstFreeWord(block);
+            u64 taken = word;
+            for (u32 excess = static_cast<u32>(std::popcount(taken)); excess > count; --excess)
+                taken &= ~(u64{1} << (WORD_BITS - 1 - std::countl_zero(taken)));
+            word &= ~taken;
+            count -= static_cast<u32>(std::popcount(taken));
+            u8* const first = chunkOf(block, block->m_firstWord);
+            noteTaken(block, first, taken);
+            take(first, taken);
+        }
+    }
+    // Whether chunks lie as a ChunkRun says.
+    bool hasRuns() const { return m_headerChunks != 0 && m_chunkBytes == 1u << m_strideShift; }
+
     // chunk: as takeChunks() handed it out. True when its block is now wholly free.
     bool giveChunk(u8* chunk);
 
     // The same for many. True when some block is now wholly free.
     bool giveChunks(u8* const* chunks, u32 count);
+    // What is left of runs that takeRuns() handed out.
+    bool giveRuns(const std::vector<ChunkRun>& runs);
 
     // Lets go of the blocks that are in use; their chunks must not come back.
     void forgetUsedBlocks();

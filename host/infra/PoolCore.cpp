@@ -304,17 +304,34 @@ void PoolCore::giveBack(u8* ptr, u32 sizeBytes, ModuleMemoryInformation* mmi)
     settle(actions);
 }
 
-void PoolCore::giveBackChunks(u8* const* chunks, u32 count, ModuleMemoryInformation* mmi)
+bool PoolCore::takeRuns(std::vector<ChunkRun>* runs, u32 count, ModuleMemoryInformation* mmi)
 {
-    if (count == 0)
+    HARD_CHECK(mmi != nullptr && &mmi->getPool() == this);
+    MutexGuard lock(m_mutex);
+    if (!m_blocks.hasRuns() || !m_waiters.empty() || m_blocks.freeChunks() < count)
+        return false;
+    runs->reserve(runs->size() + count); // before anything is taken, each may lie alone
+    m_blocks.takeRuns(count, [runs](u8* first, u64 chunks) { runs->push_back({first, chunks}); });
+    mmi->addChunks(count);
+    m_usedBytesNet += u64{count} * m_chunkBytes;
+    return true;
+}
+
+void PoolCore::giveBackChunks(const std::vector<ChunkRun>& runs, u8* const* chunks, u32 count,
+                              ModuleMemoryInformation* mmi)
+{
+    if (count == 0 && runs.empty())
         return;
     HARD_CHECK(mmi != nullptr && &mmi->getPool() == this);
     PoolActions actions;
     {
         MutexGuard lock(m_mutex);
-        const bool someBlockIsFree = m_blocks.giveChunks(chunks, count);
-        mmi->addChunks(~u64{count} + 1);
-        m_usedBytesNet -= std::min<u64>(m_usedBytesNet, u64{count} * m_chunkBytes);
+        const u64 usedBefore = m_blocks.usedChunks();
+        bool someBlockIsFree = m_blocks.giveRuns(runs);
+        someBlockIsFree |= m_blocks.giveChunks(chunks, count);
+        const u64 given = usedBefore - m_blocks.usedChunks();
+        mmi->addChunks(~given + 1);
+        m_usedBytesNet -= std::min<u64>(m_usedBytesNet, given * m_chunkBytes);
         if (m_waiters.empty() && !someBlockIsFree)
             return;
         pump(actions);

@@ -88,7 +88,9 @@ public:
     FutureStatus fill(const PoolFill& request);
     RcStatus fillNoWait(ScatteredBuf* buf, u32 sizeBytes, ModuleMemoryInformation* mmi);
     void giveBack(u8* ptr, u32 sizeBytes, ModuleMemoryInformation* mmi);
-    void giveBackChunks(u8* const* chunks, u32 count, ModuleMemoryInformation* mmi);
+    bool takeRuns(std::vector<ChunkRun>* runs, u32 count, ModuleMemoryInformation* mmi);
+    void giveBackChunks(const std::vector<ChunkRun>& runs, u8* const* chunks, u32 count,
+                        ModuleMemoryInformation* mmi);
     void cancel(void* token);
 
     // The pool that the blocks come from, while this one is known to it; else null.

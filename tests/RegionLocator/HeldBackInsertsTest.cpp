@@ -3,6 +3,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
+#include <random>
 #include <thread>
 
 #include "RegionLocator/RegionLocatorMetaDataContainer.h"
@@ -130,6 +131,41 @@ TEST_F(ScanTest, HoldsItsItemsBackAndInsertsThemWhenThereAreEnough)
     EXPECT_EQ(heldBack(), 1U);
     EXPECT_EQ(m_locator.getItemCount(), HeldBackInserts::MOST + 2U);
     EXPECT_EQ(heldBack(), 0U);
+}
+
+// Items that begin where the one before ended are not searched for: over whatever is there.
+TEST(ScanRunsTest, StoreWhatSingleInsertsStore)
+{
+    const LogCapture log;
+    std::mt19937_64 random(11);
+    for (const u64 accelerators : {Accelerators::SCANS, Accelerators::ALL}) {
+        const Accelerators on(accelerators);
+        RegionLocator fed(1, RL_MMI_View);
+        RegionLocator single(2, RL_MMI_View);
+        RegionLocatorMetaDataContainer_Insert* const feeder = fed.getInsertContainer();
+        u64 next = 500;
+        for (u32 round = 0; round < 60; ++round) {
+            ASSERT_EQ(feeder->prepareToAdd(100, 0).get(), RC_SUCCESS);
+            for (u32 i = 0; i < 100; ++i) {
+                const u64 choice = random() % 8;
+                if (choice == 0)
+                    next = random() % 2000;
+                else if (choice == 1 && next >= 8)
+                    next -= random() % 8;
+                const u32 length = static_cast<u32>(1 + random() % (round % 3 == 0 ? 3 : 40));
+                const u64 address = 8 * (u64{round} * 100 + i) * 64;
+                ASSERT_EQ(feeder->addMetaData(item(next, length, address), JournalPtr::invalid),
+                          RC_SUCCESS);
+                insertRegion(single, plainRegion(next, length, address));
+                next += length;
+            }
+            feeder->unPrepareToAdd();
+            ASSERT_EQ(fed.getItemCount(), single.getItemCount());
+            ASSERT_EQ(fed.getTotalRegionBlocks(), single.getTotalRegionBlocks());
+            ASSERT_EQ(lookupRange(fed, 0, 60000), lookupRange(single, 0, 60000));
+        }
+        EXPECT_EQ(tokensOut(fed), fed.getItemCount());
+    }
 }
 
 TEST_F(ScanTest, InsertsInTheOrderOfTheJournal)

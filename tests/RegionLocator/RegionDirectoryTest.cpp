@@ -49,7 +49,7 @@ TEST(RegionDirectorySizeTest, StaysWhileItIsWithinBounds)
 TEST(RegionDirectoryMemoryTest, ComesFromTheProcessWidePoolAndGoesBack)
 {
     const LogCapture log;
-    for (const u32 chunkBytes : {4096U, 65536U, 100000U, 1U << 20}) {
+    for (const u32 chunkBytes : {4096U, 65536U, 100000U, 131072U}) {
         const LimitedMemory limited(chunkBytes);
         RegionLocator locator(1, RL_MMI_View);
         const u64 before = LimitedMemory::pool()->getMemoryStats().usedBytesGross;
@@ -58,6 +58,7 @@ TEST(RegionDirectoryMemoryTest, ComesFromTheProcessWidePoolAndGoesBack)
             ASSERT_TRUE(memory.obtain(*locator.getMemPool(), 16384));
             EXPECT_EQ(memory.slots(), 16384U);
             EXPECT_GE(memory.bytes(), 16384U * 8);
+            EXPECT_EQ(memory.poolBytes(), memory.bytes());
             EXPECT_GT(LimitedMemory::pool()->getMemoryStats().usedBytesGross, before);
             RegionNode* const some = reinterpret_cast<RegionNode*>(&memory);
             for (u64 slot = 0; slot < memory.slots(); ++slot) {
@@ -69,6 +70,33 @@ TEST(RegionDirectoryMemoryTest, ComesFromTheProcessWidePoolAndGoesBack)
         }
         EXPECT_EQ(LimitedMemory::pool()->getMemoryStats().usedBytesGross, before);
     }
+}
+
+TEST(RegionDirectoryMemoryTest, ComesFromTheHeapWhereAChunkOfThePoolWouldBeTooMuch)
+{
+    const LogCapture log;
+    const LimitedMemory limited(1U << 20, 0);
+    RegionLocator locator(1, RL_MMI_View);
+    for (u64 slots = 1; slots <= 65536; slots *= 2) {
+        RegionDirectoryMemory memory;
+        ASSERT_TRUE(memory.obtain(*locator.getMemPool(), slots));
+        EXPECT_EQ(memory.slots(), slots);
+        EXPECT_EQ(memory.bytes(), slots * 8);
+        EXPECT_EQ(memory.poolBytes(), 0U);
+        EXPECT_EQ(memory.run(0), slots);
+        RegionNode* const some = reinterpret_cast<RegionNode*>(&memory);
+        for (u64 slot = 0; slot < slots; ++slot) {
+            ASSERT_EQ(memory.at(slot), nullptr);
+            memory.at(slot) = some + slot;
+        }
+        RegionDirectoryMemory other;
+        other.swap(memory);
+        EXPECT_EQ(memory.slots() + memory.bytes(), 0U);
+        for (u64 slot = 0; slot < slots; ++slot)
+            ASSERT_EQ(other.at(slot), some + slot);
+    }
+    RegionDirectoryMemory memory;
+    EXPECT_FALSE(memory.obtain(*locator.getMemPool(), 131072));
 }
 
 TEST(RegionDirectoryMemoryTest, IsNotToBeHadFromAPoolThatHasNone)
@@ -267,16 +295,48 @@ TEST(LocatorDirectoryTest, ComesAndGoesWithReservationsAndStaysWithinItsBound)
 TEST(LocatorDirectoryTest, IsDoneWithoutWhereThePoolHasNoMemoryForIt)
 {
     const LogCapture log;
-    const Accelerators on(Accelerators::DIRECTORY, 100);
-    const LimitedMemory limited(64 * 1024, 64 * 1024);
+    constexpr u32 CHUNK_BYTES = 16 * 1024; // 255 tokens, or a table of 2048 slots
+    const Accelerators on(Accelerators::DIRECTORY, 1300);
+    const LimitedMemory limited(CHUNK_BYTES, 6 * CHUNK_BYTES);
     RegionLocator locator(1, RL_MMI_View);
-    for (u64 i = 0; i < 500; ++i)
+    for (u64 i = 0; i < 1400; ++i)
         insertRegion(locator, plainRegion(8 * i, 8, 8 * i));
     EXPECT_EQ(locator.getAcceleratorBytes(), 0U);
     // Asking in vain is not repeated with every operation.
     EXPECT_FALSE(RegionLocatorTestAccess::unlockedMap(locator)->isDirectoryDue());
     EXPECT_EQ(lookupRange(locator, 800, 16),
               (Regions{plainRegion(800, 8, 800), plainRegion(808, 8, 808)}));
+}
+
+TEST(LocatorDirectoryTest, OfASmallMapStaysWhereThePoolHasNoMemory)
+{
+    const LogCapture log;
+    const Accelerators on(Accelerators::DIRECTORY, 100);
+    const LimitedMemory limited(64 * 1024, 64 * 1024);
+    RegionLocator locator(1, RL_MMI_View);
+    for (u64 i = 0; i < 500; ++i)
+        insertRegion(locator, plainRegion(8 * i, 8, 8 * i));
+    EXPECT_EQ(locator.getAcceleratorBytes(), 512U * 8);
+    // The pool would not have it back.
+    RegionLocatorMemPool& pool = *locator.getMemPool();
+    RegionLocatorVoucher* const voucher = pool.createVoucher();
+    EXPECT_EQ(pool.fillVoucher(voucher, 1000, 0, nullptr).get(), RC_NO_MEMORY);
+    pool.destroyVoucher(voucher);
+    EXPECT_EQ(locator.getAcceleratorBytes(), 512U * 8);
+}
+
+TEST(LocatorDirectoryTest, IsThereFromAFewRegionsOnUnlessTheTweakSaysOtherwise)
+{
+    const LogCapture log;
+    for (const u64 fromRegions : {u64{15360}, u64{80}, u64{20}}) {
+        const Accelerators on(Accelerators::DIRECTORY, fromRegions);
+        RegionLocator locator(1, RL_MMI_View);
+        for (u64 i = 0; i < 100; ++i) {
+            insertRegion(locator, plainRegion(8 * i, 8, 8 * i));
+            ASSERT_EQ(locator.getAcceleratorBytes() != 0,
+                      locator.getItemCount() >= (fromRegions == 15360 ? 64 : fromRegions));
+        }
+    }
 }
 
 TEST(LocatorDirectoryTest, IsAskedForAgainWhenTheSizeHasChangedByAnEighth)

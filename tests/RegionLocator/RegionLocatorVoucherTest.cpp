@@ -183,6 +183,41 @@ TEST(VoucherTest, TakesSegmentsInOrderAndGivesTheLastFirst)
     EXPECT_TRUE(voucher.empty());
 }
 
+// What comes from the pool at once is the bottom of the stack, in the order of a fill that waited.
+TEST(VoucherTest, GivesTheTokensOfAFillInTheOrderOfItsSegments)
+{
+    Pool pool(5, RL_MMI_View);
+    const VoucherGuard some(&pool, 7); // so that no run begins with its word
+    ModuleMemoryInformation* const group = pool.getMmi("segments");
+    for (const int count : {1, 2, 63, 64, 65, 130, 5000}) {
+        RegionLocatorVoucher* const voucher = pool.createVoucher();
+        // A block is there by now, so that one fill is as good as another.
+        ASSERT_EQ(pool.fillVoucher(voucher, count, 0, nullptr).get(), RC_SUCCESS);
+        pool.clearVoucher(voucher);
+        ScatteredBuf buf;
+        ASSERT_EQ(pool.fillBufNoWait(&buf, static_cast<u32>(count) * 64, group), RC_SUCCESS);
+        std::vector<u8*> expected;
+        for (u32 i = 0; i < buf.getSegmentsCount(); ++i)
+            expected.push_back(buf.getSegment(i).getPtr());
+        buf.deleteContent();
+        ASSERT_EQ(pool.fillVoucher(voucher, count, 0, nullptr).get(), RC_SUCCESS);
+        const u64 items = watchedVouchers().m_items;
+        u8 own[2];
+        voucher->addObj(&own[0]);
+        EXPECT_EQ(voucher->getObj(), &own[0]);
+        for (size_t i = expected.size(); i-- > 0;) {
+            ASSERT_FALSE(voucher->empty());
+            ASSERT_EQ(voucher->getObj(), expected[i]) << i << " of " << count;
+        }
+        EXPECT_TRUE(voucher->empty());
+        EXPECT_EQ(watchedVouchers().m_items, items - static_cast<u64>(count));
+        for (u8* token : expected)
+            voucher->addObj(token);
+        pool.destroyVoucher(voucher);
+        EXPECT_EQ(tokensOut(pool), 7U);
+    }
+}
+
 TEST(VoucherTest, TakesMoreTokensInThanItHasRoomForAndKnowsThemAll)
 {
     const LogCapture log;

@@ -125,6 +125,100 @@ TEST_F(PoolTest, ManyChunksGoBackAtOnceInAnyOrder)
     m_pool.giveBackChunks(nullptr, 0, m_group);
 }
 
+TEST_F(PoolTest, RunsAreTheChunksThatAFillWouldHandOutAndGoBackInParts)
+{
+    constexpr u32 TOKEN = 64;
+    m_pool.init(TOKEN, 1 << 20, ~u64{0});
+    std::vector<ChunkRun> runs;
+    EXPECT_FALSE(m_pool.takeRuns(&runs, 1, m_group)); // no block is there
+    EXPECT_TRUE(runs.empty());
+    ScatteredBuf all;
+    ASSERT_EQ(m_pool.fillBufNoWait(&all, 9000 * TOKEN, m_group), RC_SUCCESS);
+    std::mt19937 random(3);
+    // Two thirds go back, here and there.
+    std::vector<u8*> kept;
+    std::vector<u8*> given;
+    for (u32 i = 0; i < all.getSegmentsCount(); ++i)
+        (random() % 3 == 0 ? kept : given).push_back(all.getSegment(i).getPtr());
+    m_pool.giveBackChunks(given.data(), static_cast<u32>(given.size()), m_group);
+    for (const u32 count : {1u, 5u, 64u, 1000u, static_cast<u32>(given.size())}) {
+        SCOPED_TRACE(count);
+        ScatteredBuf buf;
+        ASSERT_EQ(m_pool.fillBufNoWait(&buf, count * TOKEN, m_group), RC_SUCCESS);
+        std::vector<u8*> expected;
+        for (u32 i = 0; i < count; ++i)
+            expected.push_back(buf.getSegment(i).getPtr());
+        m_pool.giveBackChunks(expected.data(), count, m_group);
+        ASSERT_TRUE(m_pool.takeRuns(&runs, count, m_group));
+        EXPECT_EQ(m_pool.getMemoryStats().usedBytesGross, (kept.size() + count) * TOKEN);
+        EXPECT_EQ(m_pool.getMemoryStats().usedBytesNet, (kept.size() + count) * TOKEN);
+        EXPECT_EQ(m_group->getUsedChunks(), kept.size() + count);
+        std::vector<u8*> chunks;
+        for (const ChunkRun& run : runs) {
+            EXPECT_NE(run.m_chunks, 0u);
+            for (u32 bit = 0; bit < 64; ++bit)
+                if ((run.m_chunks >> bit & 1) != 0)
+                    chunks.push_back(run.m_first + size_t{bit} * TOKEN);
+        }
+        // Of more than one block they may come in another order, since blocks that were full are
+        // taken from last.
+        if (count > 1000) {
+            std::sort(chunks.begin(), chunks.end());
+            std::sort(expected.begin(), expected.end());
+        }
+        EXPECT_EQ(chunks, expected);
+        for (u8* chunk : chunks)
+            std::memset(chunk, 1, TOKEN);
+        // Some one by one, the others as what is left of their runs.
+        std::vector<u8*> single;
+        for (ChunkRun& run : runs)
+            for (u32 bit = 0; bit < 64; ++bit)
+                if ((run.m_chunks >> bit & 1) != 0 && random() % 4 == 0) {
+                    run.m_chunks ^= u64{1} << bit;
+                    single.push_back(run.m_first + size_t{bit} * TOKEN);
+                }
+        m_pool.giveBackChunks(runs, single.data(), static_cast<u32>(single.size()), m_group);
+        runs.clear();
+        EXPECT_EQ(m_group->getUsedChunks(), kept.size());
+    }
+    EXPECT_FALSE(m_pool.takeRuns(&runs, 1 << 20, m_group)); // more than is free
+    m_pool.giveBackChunks(kept.data(), static_cast<u32>(kept.size()), m_group);
+    EXPECT_EQ(m_pool.getMemoryStats().usedBytesGross, 0u);
+    EXPECT_EQ(m_pool.getMemoryStats().usedBytesNet, 0u);
+}
+
+TEST_F(PoolTest, RunsAreNotTakenBeforeFillsThatWait)
+{
+    constexpr u32 TOKEN = 64;
+    m_pool.init(TOKEN, 0, 256 * 1024);
+    ScatteredBuf first;
+    ASSERT_EQ(m_pool.fillBufNoWait(&first, 4000 * TOKEN, m_group), RC_SUCCESS);
+    ScatteredBuf waiting;
+    const FutureStatus future =
+        m_pool.fillBufFutureWithTimeout(1, &waiting, 1000 * TOKEN, m_group, Clock::NEVER, this);
+    EXPECT_FALSE(future.isSet());
+    std::vector<ChunkRun> runs;
+    EXPECT_FALSE(m_pool.takeRuns(&runs, 10, m_group));
+    m_pool.cancelBufferFill(this);
+    EXPECT_TRUE(m_pool.takeRuns(&runs, 10, m_group));
+    m_pool.giveBackChunks(runs, nullptr, 0, m_group);
+    first.deleteContent();
+    EXPECT_EQ(m_pool.getMemoryStats().totalBytes, 0u);
+}
+
+TEST_F(PoolTest, ChunksThatDoNotLieSideBySideMakeNoRuns)
+{
+    for (const u32 chunkBytes : {100u, CHUNK}) {
+        m_pool.init(chunkBytes, 1 << 20, ~u64{0});
+        ScatteredBuf buf;
+        ASSERT_EQ(m_pool.fillBufNoWait(&buf, 4 * chunkBytes, m_group), RC_SUCCESS);
+        buf.deleteContent();
+        std::vector<ChunkRun> runs;
+        EXPECT_FALSE(m_pool.takeRuns(&runs, 2, m_group));
+    }
+    m_pool.init(CHUNK, 0, ~u64{0});
+}
+
 TEST_F(PoolTest, AFillBeyondTheLimitFailsInsteadOfWaitingForEver)
 {
     limitTo(3);
