@@ -193,12 +193,13 @@ public:
     // a region that is erased leaves a mark in its node, and that node is free in a voucher or in
     // the map again.
     void locate(const SubRegionDescriptor* regions, u32 count, RegionNode** located) const;
-    // Whether what was found is a region of just these blocks now.
+    // Whether what was found is a region of just these blocks now. Never one that reaches beyond
+    // the last block: its range ends before it starts and intersects nothing.
     static bool isJust(RegionNode* located, const SubRegionDescriptor& region)
     {
         return located != nullptr && startOf(located) == region.m_viewOffsetBlocks &&
                regionOf(located).m_lengthBlocks == region.m_lengthBlocks &&
-               region.m_viewOffsetBlocks != NOWHERE;
+               region.m_viewOffsetBlocks < region.m_viewOffsetBlocks + region.m_lengthBlocks;
     }
     // Warms what taking out, and putting back, the region at this place will touch.
     void warmAround(const_iterator place) const;

@@ -135,11 +135,11 @@ bool isSameRegion(const SubRegionDescriptor& a, const SubRegionDescriptor& b)
            a.m_regionOffsetLBsWithinIo == b.m_regionOffsetLBsWithinIo && a.m_flags == b.m_flags;
 }
 
-// Whether a region of a list begins where the one before it ends.
-inline bool isRun(const SubRegionDescriptor* regions, u32 i)
+// Whether a region begins where another one ends that does not reach beyond the last block.
+inline bool goesOn(const SubRegionDescriptor& region, const SubRegionDescriptor& other)
 {
-    return i > 0 && regions[i - 1].m_viewOffsetBlocks + regions[i - 1].m_lengthBlocks ==
-                        regions[i].m_viewOffsetBlocks;
+    return other.m_viewOffsetBlocks + other.m_lengthBlocks == region.m_viewOffsetBlocks &&
+           other.m_viewOffsetBlocks < region.m_viewOffsetBlocks;
 }
 
 // The first region of the map that starts after this one does.
@@ -416,7 +416,7 @@ void CountedRegionMap::locate(const SubRegionDescriptor* regions, u32 count,
         const bool isCovered = isJust(located[i], regions[i]);
         offsetsBlocks[otherCount] = regions[i].m_viewOffsetBlocks;
         others[otherCount] = i;
-        otherCount += isCovered || isRun(regions, i) ? 0 : 1;
+        otherCount += isCovered || (i > 0 && goesOn(regions[i], regions[i - 1])) ? 0 : 1;
     }
     RegionNode* found[RegionDescent::MAX_LOCKSTEP];
     RegionDescent(*m_regionMap).lastAtOrBefore(offsetsBlocks, otherCount, found);
@@ -979,7 +979,7 @@ void RegionLocator::insertHeldBack()
     m_memPool.setActiveVoucher(m_heldBack.voucher());
     RegionNode** place = located;
     RegionMap::const_iterator stored = m_unlockedRegions->cend();
-    u64 storedEndBlocks = NO_OFFSET;
+    const SubRegionDescriptor* last = nullptr;
     u64 blocks = 0;
     for (const SubRegionDescriptor& desc : m_heldBack) {
         RegionNode* const found = *place++;
@@ -988,11 +988,11 @@ void RegionLocator::insertHeldBack()
             m_unlockedRegions->renew(stored, desc);
         } else {
             // A run goes on behind the region that was stored last.
-            if (desc.m_viewOffsetBlocks != storedEndBlocks)
+            if (last == nullptr || !goesOn(desc, *last))
                 stored = m_unlockedRegions->lastAtOrBefore(desc.m_viewOffsetBlocks, found);
             stored = storeOver(desc, stored);
         }
-        storedEndBlocks = desc.m_viewOffsetBlocks + desc.m_lengthBlocks;
+        last = &desc;
         blocks += desc.m_lengthBlocks;
     }
     m_memPool.setActiveVoucher(nullptr);
@@ -1012,8 +1012,8 @@ RegionMap::const_iterator RegionLocator::storeOver(const SubRegionDescriptor& de
     CountedRegionMap* const map = m_unlockedRegions;
     const u64 firstBlocks = desc.m_viewOffsetBlocks;
     RegionMap::const_iterator iter = before;
-    if (iter != map->cend() && iter->m_viewOffsetBlocks == firstBlocks &&
-        iter->m_lengthBlocks == desc.m_lengthBlocks && isRebuiltAsStored(*iter)) {
+    if (iter != map->cend() && CountedRegionMap::isJust(iter._M_node, desc) &&
+        isRebuiltAsStored(*iter)) {
         map->renew(iter, desc);
         return iter;
     }
