@@ -50,16 +50,15 @@ public:
     // is at it.
     bool add(const SubRegionDescriptor& region, RegionLocatorVoucher* voucher)
     {
-        if (m_latch.exchange(true, std::memory_order_acquire))
-            return false; // it is being opened or closed, or another region is added
-        const u32 count = size();
-        const bool may = isOpen() && count < MOST && voucher == m_voucher;
-        if (may) {
-            m_regions[count] = region;
-            m_count.store(count + 1, std::memory_order_relaxed);
-        }
-        m_latch.store(false, std::memory_order_release);
-        return may;
+        return addWith(voucher, [&region](SubRegionDescriptor& to) { to = region; });
+    }
+    // The same for the region that an IO item becomes; false, too, for one without length.
+    bool add(const SfsDiskMetaItem& item, RegionLocatorVoucher* voucher)
+    {
+        const u16 lengthBlocks = static_cast<u16>(item.getUncompressedLengthBlocks());
+        return lengthBlocks != 0 && addWith(voucher, [&item](SubRegionDescriptor& to) {
+                   to = SubRegionDescriptor(SfsItemDescriptor::genFromSfsDiskMetaItem(item));
+               });
     }
 
     // From now on regions of that voucher may be added. REQUIRES: closed and empty.
@@ -93,6 +92,19 @@ public:
     void clear() { m_count.store(0, std::memory_order_relaxed); }
 
 private:
+    template <class Write> bool addWith(RegionLocatorVoucher* voucher, Write write)
+    {
+        if (m_latch.exchange(true, std::memory_order_acquire))
+            return false; // it is being opened or closed, or another region is added
+        const u32 count = size();
+        const bool may = isOpen() && count < MOST && voucher == m_voucher;
+        if (may) {
+            write(m_regions[count]);
+            m_count.store(count + 1, std::memory_order_relaxed);
+        }
+        m_latch.store(false, std::memory_order_release);
+        return may;
+    }
     void enter()
     {
         while (m_latch.exchange(true, std::memory_order_acquire))

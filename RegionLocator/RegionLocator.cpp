@@ -946,11 +946,10 @@ bool RegionLocator::insert(const SubRegionDescriptor& desc, RegionLocatorVoucher
     return true;
 }
 
-bool RegionLocator::insertFirstFromScan(const SubRegionDescriptor& desc,
-                                        RegionLocatorVoucher* voucher)
+bool RegionLocator::insertFromScan(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
 {
     if (m_isHoldingBack.load(std::memory_order_relaxed) && desc.m_lengthBlocks > 0 &&
-        !checksChanges() && holdBack(desc, voucher))
+        !checksChanges() && (m_heldBack.add(desc, voucher) || holdBack(desc, voucher)))
         return true;
     return insert(desc, voucher);
 }

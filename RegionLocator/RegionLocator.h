@@ -85,12 +85,13 @@ public:
 
     // The same for an item of a journal scan, which may be held back for a moment where nobody can
     // tell. The voucher is the scan's until settleScan().
-    bool insertFromScan(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
+    bool insertFromScan(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher);
+
+    // The quick way for an IO item, while others of its scan are held back; false, and nothing has
+    // happened, when it has to go the other one.
+    bool holdBackMore(const SfsDiskMetaItem& item, RegionLocatorVoucher* voucher)
     {
-        if (m_heldBack.isOpen() && desc.m_lengthBlocks > 0 && !checksChanges() &&
-            m_heldBack.add(desc, voucher))
-            return true;
-        return insertFirstFromScan(desc, voucher);
+        return m_heldBack.isOpen() && !checksChanges() && m_heldBack.add(item, voucher);
     }
 
     // Inserts what is held back, which every other operation does by itself first. For a feeder
@@ -296,9 +297,6 @@ private:
             insertHeldBack();
     }
     void insertHeldBack() RL_REQUIRES(m_mutex);
-    // An item of a scan that cannot be added to what is held back.
-    bool insertFirstFromScan(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
-        RL_EXCLUDES(m_mutex);
     // Begins to hold back a scan's items, with this one; false where that is not allowed now.
     bool holdBack(const SubRegionDescriptor& desc, RegionLocatorVoucher* voucher)
         RL_EXCLUDES(m_mutex);

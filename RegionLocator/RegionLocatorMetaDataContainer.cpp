@@ -58,6 +58,12 @@ bool RegionLocatorMetaDataContainer::isAborted()
 
 // ---- inserting ----
 
+inline bool RegionLocatorMetaDataContainer::isHeldBack(const SfsDiskMetaItem& meta)
+{
+    return (meta.is_io_type_with_ud() || meta.getType() == SfsMetaType::ZEROS) &&
+           m_regionLocator->holdBackMore(meta, m_voucher);
+}
+
 int RegionLocatorMetaDataContainer_InsertAbstract::objsCountNeededForOperations()
 {
     return RegionLocatorMemPool::getVoucherRequirement(RegionLocatorMemPool::INSERT, 1);
@@ -103,8 +109,15 @@ void RegionLocatorMetaDataContainer_Insert::abort()
     RegionLocatorMetaDataContainer_InsertAbstract::abort();
 }
 
-RcStatus RegionLocatorMetaDataContainer_Insert::addMetaData(const SfsDiskMetaItem& meta,
-                                                            const JournalPtr& /*journalPtr*/)
+[[gnu::flatten]] RcStatus
+RegionLocatorMetaDataContainer_Insert::addMetaData(const SfsDiskMetaItem& meta,
+                                                   const JournalPtr& /*journalPtr*/)
+{
+    return isHeldBack(meta) ? RC_SUCCESS : addByItself(meta, __PRETTY_FUNCTION__);
+}
+
+RcStatus RegionLocatorMetaDataContainer_Insert::addByItself(const SfsDiskMetaItem& meta,
+                                                            const char* signature)
 {
     if (meta.getType() != SfsMetaType::CHECKPOINT) {
         insert(meta);
@@ -114,7 +127,7 @@ RcStatus RegionLocatorMetaDataContainer_Insert::addMetaData(const SfsDiskMetaIte
     const CpId_t target = m_targetCheckpointId;
     if (m_lastAddedCheckpoint.m_id < target)
         return RC_SUCCESS;
-    LogItem(LogModuleXel, InfoLevel, __PRETTY_FUNCTION__, 3)
+    LogItem(LogModuleXel, InfoLevel, signature, 3)
         << "reached target checkpoint or above"
         << " m_lastAddedCheckpoint.m_id=" << m_lastAddedCheckpoint.m_id << " "
         << " m_targetCheckpointId=" << target << " " << std::endl;
@@ -132,6 +145,8 @@ int RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly::objsCountNeededForO
 RcStatus RegionLocatorMetaDataContainer_InsertAllButRemoveMdOnly::addMetaData(
     const SfsDiskMetaItem& meta, const JournalPtr& /*journalPtr*/)
 {
+    if (isHeldBack(meta))
+        return RC_SUCCESS;
     switch (meta.getType()) {
     case SfsMetaType::MD_ONLY:
         HARD_CHECK(meta.getUncompressedLengthBlocks() > 0);

@@ -96,7 +96,7 @@ public:
             u64& word = firstFreeWord(block);
             u64 taken = word;
             for (u32 excess = static_cast<u32>(std::popcount(taken)); excess > count; --excess)
-                taken &= ~(u64{1} << (WORD_BITS - 1 - std::countl_zero(taken)));
+                taken &= ~std::bit_floor(taken);
             word &= ~taken;
             count -= static_cast<u32>(std::popcount(taken));
             u8* const first = chunkOf(block, block->m_firstWord);

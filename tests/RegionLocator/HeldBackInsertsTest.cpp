@@ -18,6 +18,15 @@ namespace {
 
 using Access = RegionLocatorTestAccess;
 
+SfsDiskMetaItem item(u64 offset, u32 length, u64 address)
+{
+    SfsDiskMetaItem made;
+    made.m_ioData = {address, offset};
+    made.setUncompressedLengthBlocks(length);
+    made.setType(SfsMetaType::UNCOMPRESSED_IO);
+    return made;
+}
+
 TEST(HeldBackInsertsTest, KeepsRegionsInTheirOrderUntilItIsFull)
 {
     HeldBackInserts held;
@@ -56,6 +65,28 @@ TEST(HeldBackInsertsTest, KeepsRegionsOfTheVoucherThatItWasOpenedForOnly)
     EXPECT_FALSE(held.add(plainRegion(0, 1, 0), &one));
 }
 
+TEST(HeldBackInsertsTest, MakesRegionsOfItems)
+{
+    HeldBackInserts held;
+    RegionLocatorVoucher voucher;
+    EXPECT_FALSE(held.add(item(0, 8, 100), &voucher));
+    held.open(&voucher);
+    Regions expected;
+    for (const SfsMetaType type :
+         {SfsMetaType::UNCOMPRESSED_IO, SfsMetaType::ZEROS, SfsMetaType::COMPRESSED_IO}) {
+        SfsDiskMetaItem made = item(8, 65535, 100);
+        made.setType(type);
+        made.setCompressedLengthBytes(777);
+        EXPECT_TRUE(held.add(made, &voucher));
+        expected.emplace_back(SfsItemDescriptor::genFromSfsDiskMetaItem(made));
+    }
+    // A region holds no such length; who inserts it reports that.
+    EXPECT_FALSE(held.add(item(0, 0, 100), &voucher));
+    EXPECT_FALSE(held.add(item(0, 65536, 100), &voucher));
+    held.close();
+    EXPECT_EQ(Regions(held.begin(), held.end()), expected);
+}
+
 // What was added before it was closed is there, and nothing comes after that.
 TEST(HeldBackInsertsTest, ClosesAgainstAddsOfAnotherThread)
 {
@@ -85,15 +116,6 @@ TEST(HeldBackInsertsTest, ClosesAgainstAddsOfAnotherThread)
     done = true;
     scan.join();
     EXPECT_EQ(added.load(), seen);
-}
-
-SfsDiskMetaItem item(u64 offset, u32 length, u64 address)
-{
-    SfsDiskMetaItem made;
-    made.m_ioData = {address, offset};
-    made.setUncompressedLengthBlocks(length);
-    made.setType(SfsMetaType::UNCOMPRESSED_IO);
-    return made;
 }
 
 // A locator that holds back the items of a scan from the first region on.
