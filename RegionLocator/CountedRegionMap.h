@@ -100,20 +100,21 @@ public:
     }
 
     // The region after one of the map, and the one before it; the end for none. Where two touch,
-    // nothing lies between them, and the directory may know the other one.
+    // nothing lies between them, and the directory may know the other one; a step through the tree
+    // is no longer while its nodes are in the cache.
     const_iterator after(const_iterator place) const
     {
-        if (m_directory.isOn()) {
+        if (m_granuleMask != 0) {
             const u64 end = place->m_viewOffsetBlocks + place->m_lengthBlocks;
             RegionNode* const noted = m_directory.peek(end);
             if (noted != nullptr && startOf(noted) == end && end > place->m_viewOffsetBlocks)
                 return at(noted);
         }
-        return std::next(place);
+        return at(nextOf(place._M_node));
     }
     const_iterator before(const_iterator place) const
     {
-        if (m_directory.isOn()) {
+        if (m_granuleMask != 0) {
             const u64 start = place->m_viewOffsetBlocks;
             RegionNode* const noted = m_directory.peek(start - 1);
             if (noted != nullptr && startOf(noted) < start &&
@@ -286,4 +287,5 @@ private:
     size_t m_directoryLeast = 0;
     size_t m_directorySpan = ~size_t{0};
     u64 m_granuleMask = 0; // what blocks of one granule have in common; 0 without a directory
+                           // or where it is no shorter way to a neighbour
 };
