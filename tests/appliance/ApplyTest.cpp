@@ -427,6 +427,7 @@ TEST_F(ApplyTest, ViewsAndWritesGoOnBesideIt)
     std::vector<std::unique_ptr<View>> views;
     for (const u64 items : points)
         views.push_back(view(items));
+    const Image images[] = {m_images[60], m_images[80], m_images[120]};
     std::atomic<bool> stop{false};
     std::atomic<u64> reads{0};
     std::atomic<u64> wrong{0};
@@ -442,7 +443,7 @@ TEST_F(ApplyTest, ViewsAndWritesGoOnBesideIt)
                 ViewReader reader(*views[which]);
                 const RcStatus rc =
                     reader.readNow(m_host.getEngine(), offset, length, buffer.data());
-                const u8* expected = m_images[points[which]].data() + offset * BLOCK_BYTES;
+                const u8* expected = images[which].data() + offset * BLOCK_BYTES;
                 wrong += rc != RC_SUCCESS ||
                          std::memcmp(buffer.data(), expected, size_t{length} * BLOCK_BYTES) != 0;
                 ++reads;

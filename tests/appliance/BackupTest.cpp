@@ -125,7 +125,7 @@ TEST_F(BackupTest, FullHoldsTheDataOfTheTargetVolume)
     settings.m_target = path("base");
     ASSERT_TRUE(Mirror::create(folder(), settings).ok());
     openMirror();
-    m_images = {target};
+    m_images.replaceLast(target);
     writeRandomly(40, 50);
     ASSERT_TRUE(backup("full", "latest").ok());
     Image image;

@@ -78,6 +78,8 @@ TEST_F(DiffTest, AgreesWithTheContentOfBothPoints)
     writeRandomly(2, 60);
     FlowControl control;
     for (const auto& [from, to] : {std::pair<u64, u64>{0, 60}, {0, 1}, {13, 40}, {59, 60}}) {
+        const Image before = m_images[from];
+        const Image after = m_images[to];
         for (const bool compare : {false, true}) {
             std::vector<DiffExtent> extents = diff(from, to);
             if (compare) {
@@ -96,11 +98,10 @@ TEST_F(DiffTest, AgreesWithTheContentOfBothPoints)
             }
             const std::vector<u8> zeroes(BLOCK_BYTES);
             for (u64 b = 0; b < BLOCKS; ++b) {
-                const bool equal =
-                    std::memcmp(block(m_images[from], b), block(m_images[to], b), BLOCK_BYTES) == 0;
+                const bool equal = std::memcmp(block(before, b), block(after, b), BLOCK_BYTES) == 0;
                 ASSERT_TRUE(inside[b] != 0 || equal) << "block " << b << " is missing";
                 ASSERT_TRUE(!compare || inside[b] == 0 || !equal) << "block " << b << " is equal";
-                const bool zero = std::memcmp(block(m_images[to], b), zeroes.data(), 512) == 0;
+                const bool zero = std::memcmp(block(after, b), zeroes.data(), 512) == 0;
                 ASSERT_TRUE(inside[b] != 'z' || zero) << "block " << b << " is not zero";
                 ASSERT_TRUE(inside[b] != 'd' || !zero) << "block " << b << " is zero";
             }

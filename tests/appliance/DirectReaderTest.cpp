@@ -19,9 +19,10 @@ protected:
     {
         makeMirror(GetParam());
         std::mt19937 random(1);
-        Image& base = m_images.back();
+        Image base = m_images.back();
         for (u8& byte : base)
             byte = static_cast<u8>(random());
+        m_images.replaceLast(base);
         std::unique_ptr<StorageFile> target;
         ASSERT_EQ(PosixFile::open(folder() + "/target", StorageAccess::ReadWrite, &target),
                   RC_SUCCESS);

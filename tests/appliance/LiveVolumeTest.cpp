@@ -251,7 +251,7 @@ TEST_F(LiveVolumeTest, WithoutMemoryWritesAreRefusedAndReadingGoesOn)
         EXPECT_EQ(m_live->refused(), refused);
         m_live.reset();
         m_mirror.reset();
-        m_images.back() = image;
+        m_images.replaceLast(image);
     }
     EXPECT_GT(refused, 0u) << "the limit was never reached";
     openMirror();

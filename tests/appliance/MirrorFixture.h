@@ -14,12 +14,13 @@
 #include "appliance/View.h"
 #include "appliance/ViewReader.h"
 #include "host/Host.h"
+#include "tests/support/ImageHistory.h"
 
 class MirrorFixture : public testing::Test
 {
 protected:
     static constexpr u64 BLOCKS = 4096;
-    using Image = std::vector<u8>;
+    using Image = ImageHistory::Image;
 
     void SetUp() override
     {
@@ -76,7 +77,7 @@ protected:
                     data[byte] = static_cast<u8>(byte % 2 == 0 ? random() : 7);
                 ASSERT_TRUE(m_mirror->write(offset, data, length).ok());
             }
-            m_images.push_back(image);
+            m_images.add(image, offset * BLOCK_BYTES, u64{length} * BLOCK_BYTES);
         }
         ASSERT_TRUE(m_mirror->flush().ok());
     }
@@ -103,5 +104,5 @@ protected:
     std::string m_root;
     Host m_host;
     std::unique_ptr<Mirror> m_mirror;
-    std::vector<Image> m_images{Image(BLOCKS * BLOCK_BYTES)}; // after 0, 1, 2... requests
+    ImageHistory m_images{Image(BLOCKS * BLOCK_BYTES)}; // after 0, 1, 2... requests
 };

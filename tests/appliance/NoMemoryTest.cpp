@@ -139,6 +139,7 @@ TEST_F(NoMemoryTest, OpenersOfAViewDoNotWaitForOneThatCouldNotBeBuilt)
     const LogCapture log;
     const u64 allocations = allocationsOfAnOpening(point);
     ASSERT_GT(allocations, 10u);
+    const Image expected = m_images[50];
     u32 failures = 0;
     for (u64 nth = 1; nth <= allocations; ++nth) {
         ViewShelf shelf(*m_mirror, u64{1} << 30, true);
@@ -150,7 +151,7 @@ TEST_F(NoMemoryTest, OpenersOfAViewDoNotWaitForOneThatCouldNotBeBuilt)
             Image image(BLOCKS * BLOCK_BYTES, 0xAA);
             wrong += !shelf.open(point, &lease).ok();
             wrong += !lease || lease->reader().read(0, BLOCKS, image.data()) != RC_SUCCESS ||
-                     image != m_images[50];
+                     image != expected;
         });
         // Now and then the other one is to build, or to come when all is over.
         while (nth % 2 == 0 && !begun)

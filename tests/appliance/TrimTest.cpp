@@ -40,7 +40,7 @@ protected:
             u8* data = image.data() + offset * BLOCK_BYTES;
             std::fill_n(data, size_t{length} * BLOCK_BYTES, static_cast<u8>(1 + random() % 255));
             ASSERT_TRUE(m_mirror->write(offset, data, length).ok());
-            m_images.push_back(image);
+            m_images.add(image, offset * BLOCK_BYTES, u64{length} * BLOCK_BYTES);
             if (i % 10 == 9) {
                 ASSERT_TRUE(m_mirror->checkpoint("", nullptr).ok());
             }
@@ -251,6 +251,7 @@ TEST_F(TrimTest, ReadersOfOwnViewsGoOnMeanwhile)
     std::vector<std::unique_ptr<View>> views;
     for (const u64 items : points)
         views.push_back(view(items));
+    const Image images[] = {m_images[330], m_images[345], m_images[360]};
     std::atomic<bool> stop{false};
     std::atomic<u64> reads{0};
     std::atomic<u64> wrong{0};
@@ -266,7 +267,7 @@ TEST_F(TrimTest, ReadersOfOwnViewsGoOnMeanwhile)
                 ViewReader reader(*views[which]);
                 const RcStatus rc =
                     reader.readNow(m_host.getEngine(), offset, length, buffer.data());
-                const u8* expected = m_images[points[which]].data() + offset * BLOCK_BYTES;
+                const u8* expected = images[which].data() + offset * BLOCK_BYTES;
                 wrong += rc != RC_SUCCESS ||
                          std::memcmp(buffer.data(), expected, size_t{length} * BLOCK_BYTES) != 0;
                 ++reads;
@@ -288,7 +289,7 @@ TEST_F(TrimTest, ReadersOfOwnViewsGoOnMeanwhile)
     EXPECT_EQ(wrong, 0u);
     EXPECT_GT(removed, 10u);
     for (size_t i = 0; i < views.size(); ++i)
-        EXPECT_EQ(readAll(*views[i]), m_images[points[i]]);
+        EXPECT_EQ(readAll(*views[i]), images[i]);
 }
 
 // Does something once in the middle of a scan.
@@ -314,8 +315,9 @@ TEST_F(TrimTest, NobodyGoesOnFromAViewThatACutOffTrimHasNotDone)
     writeRandomly(10, 300); // more than one step takes
     const std::vector<u8> data(ALONE * BLOCK_BYTES, 0x5A);
     ASSERT_TRUE(m_mirror->write(0, data.data(), ALONE).ok());
-    m_images.push_back(m_images.back());
-    std::copy(data.begin(), data.end(), m_images.back().begin());
+    Image image = m_images.back();
+    std::copy(data.begin(), data.end(), image.begin());
+    m_images.add(image, 0, data.size());
     writeLarge(10, 60, ALONE);
     const u64 last = m_images.size() - 1;
     const auto earlier = view(last - 5);

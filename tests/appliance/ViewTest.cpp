@@ -117,6 +117,7 @@ TEST_F(ViewTest, ReadsInterleaveFromManyThreadsAndGiveAllLocksBack)
     ViewReader reader(*latest);
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
+    const Image expected = m_images[200];
     for (u32 seed = 0; seed < 4; ++seed)
         threads.emplace_back([&, seed] {
             std::mt19937 random(seed);
@@ -129,7 +130,7 @@ TEST_F(ViewTest, ReadsInterleaveFromManyThreadsAndGiveAllLocksBack)
                     return reader.read(task, offset, length, data.data());
                 });
                 wrong += rc != RC_SUCCESS ||
-                         std::memcmp(data.data(), m_images[200].data() + offset * BLOCK_BYTES,
+                         std::memcmp(data.data(), expected.data() + offset * BLOCK_BYTES,
                                      length * BLOCK_BYTES) != 0;
             }
         });
@@ -171,7 +172,7 @@ TEST_F(ViewTest, PiecesAndExtentsAgreeWithTheContent)
     makeMirror();
     writeRandomly(6, 80);
     const auto latest = view(80);
-    const Image& image = m_images[80];
+    const Image image = m_images[80];
     u64 position = 0;
     u64 dataBlocks = 0;
     for (const ViewPiece& piece : viewPieces(*latest, 0, BLOCKS)) {
