@@ -12,11 +12,14 @@
 #include "appliance/Trim.h"
 #include "appliance/ViewShelf.h"
 #include "tests/appliance/MirrorOnCrashStorage.h"
+#include "tests/support/Sanitized.h"
 #include "tests/support/SlowStorage.h"
 
 namespace {
 
 constexpr u64 DELAY_US = 50;
+// At how many places of a work it is stopped.
+constexpr u64 PLACES = IS_WATCHED ? 8 : 24;
 
 class StopsTest : public MirrorOnCrashStorage
 {
@@ -115,9 +118,9 @@ protected:
             expectNothingLost(where);
             if (HasFatalFailure())
                 return 0;
-            at -= std::max<u64>(1, std::min(at, all / 24));
+            at -= std::max<u64>(1, std::min(at, all / PLACES));
         }
-        EXPECT_GT(interrupted, 3u);
+        EXPECT_GT(interrupted, PLACES / 8);
         return all;
     }
 
