@@ -6,7 +6,7 @@ usage: house_rules.py TREE RULE      prints each breach as path:line: text; exit
 
 Rules are functions that yield (path, line, text); a rule's docstring says what it holds.
 """
-import concurrent.futures
+import collections
 import os
 import re
 import subprocess
@@ -98,29 +98,19 @@ def rule_standard_only(tree):
                 yield path, number, line.strip()
 
 
-def rule_headers_alone(tree):
-    """Every header compiles alone."""
-    # A source whose first include is its own header has compiled that header alone already.
-    proven = set()
+def rule_unused_names(tree):
+    """What a source takes from a namespace, or gives another name, it uses."""
+    brought = re.compile(r"using (?:\w+::)+(\w+);|\s*namespace (\w+) = ")
     for path in tree.code():
         if path.endswith(".cpp"):
-            first = re.search(r'^\s*#\s*include\s+["<]([^">]+)[">]', tree.text(path), re.M)
-            if first:
-                proven.add(first.group(1))
-                proven.add(os.path.normpath(os.path.join(os.path.dirname(path), first.group(1))))
-    headers = [p for p in tree.code() if p.endswith(".h") and p not in proven]
-
-    def compile_alone(path):
-        run = subprocess.run(
-            ["g++", "-std=c++20", "-fsyntax-only", "-I", tree.root, "-I",
-             os.path.dirname(os.path.join(tree.root, path)), "-x", "c++", "-"],
-            input=f'#include "{path}"\n'.encode(), capture_output=True)
-        return path, run.returncode, run.stderr.decode(errors="replace")
-
-    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        for path, status, message in pool.map(compile_alone, headers):
-            if status != 0:
-                yield path, 1, "does not compile alone: " + message.splitlines()[0]
+            words = collections.Counter(word for _, line in tree.lines(path)
+                                        for word in re.findall(r"\w+", without_comment(line)))
+            for number, line in tree.lines(path):
+                named = brought.match(line)
+                said = re.findall(r"\w+", without_comment(line))
+                name = named and (named.group(1) or named.group(2))
+                if name and words[name] <= said.count(name):
+                    yield path, number, line.strip()
 
 
 def rule_no_leftovers(tree):

@@ -12,6 +12,7 @@ import house_rules  # noqa: E402
 GOOD = {
     "common/infra/Good.h": "#pragma once\n#include <vector>\ninline int good() { return 1; }\n",
     "RegionLocator/Good.cpp": '#include "common/infra/Good.h"\nint twice() { return 2 * good(); }\n',
+    "host/Names.cpp": "#include <string>\nusing std::string;\nnamespace all = std;\nall::string a(string b);\n",
     "host/Good.h": '#pragma once\n#include <string>\n#include "common/infra/Good.h"\n',
     "tests/CMakeLists.txt": "rl_tests(host_tests host rl_host)\n",
     "tests/host/GoodTest.cpp": '#include "host/Good.h"\n',
@@ -27,7 +28,8 @@ BAD = {
                ("appliance/Bad.h", '#include "cli/Command.h"\n')],
     "standard_only": [("RegionLocator/Bad.cpp", "#include <spdlog/spdlog.h>\n"),
                       ("Sfs/Bad.h", "#include <unistd.h>\n")],
-    "headers_alone": [("host/Bad.h", "#pragma once\ninline std::string bad();\n")],
+    "unused_names": [("host/Bad.cpp", "using std::string; // string\n"),
+                     ("host/Bad.cpp", "namespace fs = std::filesystem;\nint fsx = 1;\n")],
     "no_leftovers": [("host/Bad.cpp", "// TO" + "DO: later\n")],
     "no_printing": [("host/Bad.cpp", 'void bad() { printf("x"); }\n'),
                     ("appliance/Bad.cpp", "void bad() { std::cerr << 1; }\n")],
