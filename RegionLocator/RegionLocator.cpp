@@ -821,7 +821,10 @@ RegionMap::const_iterator RegionLocator::visitIntersecting(const CountedRegionMa
         warmer.reached(iter->m_viewOffsetBlocks, endBlocks);
         if (iter->m_viewOffsetBlocks < offsetBlocks)
             HARD_CHECK(i == 0);
-        visit(getPiece(*iter, offsetBlocks, lengthBlocks));
+        if (isWholeAsStored(*iter, offsetBlocks, lengthBlocks))
+            visit(*iter);
+        else
+            visit(getIntersection(*iter, offsetBlocks, lengthBlocks));
         // Nothing can follow a region that reaches the end, so what does is not even looked at.
         if (iter->m_viewOffsetBlocks + iter->m_lengthBlocks >= endBlocks)
             break;
