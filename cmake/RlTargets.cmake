@@ -41,13 +41,33 @@ target_link_libraries(rl_contracts INTERFACE $<BUILD_INTERFACE:rl_options> Threa
 # rl_compile_together(NAME): with RL_UNITY several sources of a target are compiled as one file.
 # Standard headers and templates are then read and compiled once for all of them; after an edit more
 # is compiled than without. What is local to one file must then differ from what is local to the
-# others, or the file is named to rl_compile_alone().
+# others; where it does not, the file is named to rl_compile_apart() or rl_compile_alone(). To be
+# called when the target has all its sources.
 function(rl_compile_together NAME)
-  if(RL_UNITY)
-    # A source that is included is what clang-tidy warns of elsewhere.
-    set_target_properties(${NAME} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8
-      UNITY_BUILD_CODE_BEFORE_INCLUDE "// NOLINTNEXTLINE(bugprone-suspicious-include)")
+  if(NOT RL_UNITY)
+    return()
   endif()
+  # A source that is included is what clang-tidy warns of elsewhere.
+  set_target_properties(${NAME} PROPERTIES UNITY_BUILD ON UNITY_BUILD_MODE GROUP
+    UNITY_BUILD_CODE_BEFORE_INCLUDE "// NOLINTNEXTLINE(bugprone-suspicious-include)")
+  get_target_property(sources ${NAME} SOURCES)
+  set(count 0)
+  foreach(source IN LISTS sources)
+    get_property(group SOURCE ${source} PROPERTY UNITY_GROUP)
+    get_property(alone SOURCE ${source} PROPERTY SKIP_UNITY_BUILD_INCLUSION)
+    if(NOT group AND NOT alone)
+      math(EXPR batch "${count} / 8")
+      math(EXPR count "${count} + 1")
+      set_property(SOURCE ${source} PROPERTY UNITY_GROUP ${batch})
+    endif()
+  endforeach()
+endfunction()
+
+# rl_compile_apart(GROUP SOURCES...): these, of the current folder, are compiled together with each
+# other, but not with others.
+function(rl_compile_apart GROUP)
+  list(TRANSFORM ARGN PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
+  set_property(SOURCE ${ARGN} PROPERTY UNITY_GROUP ${GROUP})
 endfunction()
 
 # rl_compile_alone(SOURCES...): these, of the current folder, are never compiled together with
