@@ -5,6 +5,7 @@
 #include <memory>
 #include <random>
 #include <thread>
+#include <tuple>
 
 #include "RegionLocator/RegionLocatorMetaDataContainer.h"
 #include "common/infra/DynamicTweaks.h"
@@ -188,6 +189,67 @@ TEST(ScanRunsTest, StoreWhatSingleInsertsStore)
         }
         EXPECT_EQ(tokensOut(fed), fed.getItemCount());
     }
+}
+
+// Whatever items come, in whatever order, from two scans at a time, over regions that a cut changes
+// and that it does not, and up to the last block.
+TEST(ScanRunsTest, StoreOfAnyItemsWhatAPlainLocatorStores)
+{
+    const LogCapture log;
+    constexpr u64 WORLD_BLOCKS = 2000;
+    constexpr u32 ITEMS = 120;
+    const SfsMetaType types[] = {SfsMetaType::UNCOMPRESSED_IO, SfsMetaType::UNCOMPRESSED_IO,
+                                 SfsMetaType::ZEROS, SfsMetaType::COMPRESSED_IO};
+    std::mt19937_64 random(12);
+    for (const u64 base : {u64{0}, (u64{1} << 48) - WORLD_BLOCKS / 2, ~u64{0} - WORLD_BLOCKS}) {
+        std::vector<std::unique_ptr<RegionLocator>> locators;
+        for (const u64 accelerators :
+             {Accelerators::NONE, Accelerators::SCANS, Accelerators::ALL}) {
+            const Accelerators on(accelerators);
+            locators.push_back(std::make_unique<RegionLocator>(1, RL_MMI_View));
+        }
+        std::vector<std::pair<u64, u32>> ranges; // to be covered just so once more
+        u64 next = base;
+        for (u32 round = 0; round < 60; ++round) {
+            std::vector<SfsDiskMetaItem> items;
+            for (u32 i = 0; i < ITEMS; ++i) {
+                const u64 choice = random() % 8;
+                u32 length = static_cast<u32>(1 + random() % (choice == 7 ? 200 : 12));
+                if (choice == 0 && !ranges.empty())
+                    std::tie(next, length) = ranges[random() % ranges.size()];
+                else if (choice < 3 || next + length - base > WORLD_BLOCKS)
+                    next = base + random() % (WORLD_BLOCKS - length);
+                items.push_back(item(next, length, 70000 * (u64{round} * ITEMS + i)));
+                items.back().setType(types[random() % 4]);
+                items.back().setCompressedLengthBytes(static_cast<u32>(1 + random() % 5000));
+                ranges.emplace_back(next, length);
+                next += length;
+            }
+            const auto checked = ranges[random() % ranges.size()];
+            for (const auto& locator : locators) {
+                // Regions of which a cut takes the flag, though it leaves them whole.
+                insertRegion(*locator, compressedRegion(checked.first, checked.second, round, 0,
+                                                        777, round % 2 == 0));
+                SfsMetaDataContainer* const one = locator->getInsertContainer();
+                SfsMetaDataContainer* const other = locator->getInsertAllButRemoveMdOnlyContainer();
+                ASSERT_EQ(one->prepareToAdd(ITEMS, 0).get(), RC_SUCCESS);
+                ASSERT_EQ(other->prepareToAdd(ITEMS, 0).get(), RC_SUCCESS);
+                for (u32 i = 0; i < ITEMS; ++i) {
+                    SfsMetaDataContainer* const feeder =
+                        round % 3 == 0 && i / 5 % 3 == 0 ? other : one;
+                    ASSERT_EQ(feeder->addMetaData(items[i], JournalPtr::invalid), RC_SUCCESS);
+                }
+                one->unPrepareToAdd();
+                other->unPrepareToAdd();
+                EXPECT_EQ(tokensOut(*locator), locator->getItemCount());
+                ASSERT_EQ(Access::regions(*locator, false), Access::regions(*locators[0], false));
+                ASSERT_EQ(locator->getTotalRegionBlocks(), locators[0]->getTotalRegionBlocks());
+            }
+            if (ranges.size() > 300)
+                ranges.erase(ranges.begin(), ranges.begin() + 200);
+        }
+    }
+    EXPECT_TRUE(log.softChecks().empty());
 }
 
 TEST_F(ScanTest, InsertsInTheOrderOfTheJournal)

@@ -121,6 +121,42 @@ TEST_P(LocatorNoMemoryTest, AFillHoldsAllOrNothing)
     });
 }
 
+// The same where so many are free already, which are handed out as runs.
+TEST_P(LocatorNoMemoryTest, AFillOfFreeTokensHoldsAllOrNothing)
+{
+    constexpr u64 TOKENS = 1000;
+    withEachAllocationFailing([](u64 nth) {
+        RegionLocator locator(1, RL_MMI_View);
+        RegionLocatorMemPool& pool = *locator.getMemPool();
+        pool.destroyVoucher(grow(locator, 1)); // the pool keeps a block while it is in use
+        EXPECT_GT(pool.getMemoryStats().freeBytes, TOKENS * 64);
+        RegionLocatorVoucher* const voucher = pool.createVoucher();
+        RcStatus rc = RC_NO_MEMORY;
+        bool failed;
+        {
+            FailingHeap heap(nth);
+            try {
+                rc = pool.fillVoucher(voucher, TOKENS, 0, voucher).get();
+            } catch (const std::bad_alloc&) {
+            }
+            failed = heap.failed();
+        }
+        const u64 held = rc == RC_SUCCESS ? TOKENS : 0;
+        EXPECT_EQ(voucher->empty(), held == 0) << nth;
+        EXPECT_EQ(tokensOut(locator), held + 1) << nth;
+        // Whether or not there was room for what an insert frees.
+        for (u64 i = 0; held != 0 && i < TOKENS / 2; ++i)
+            EXPECT_TRUE(locator.insert(plainRegion(LENGTH * i, LENGTH, LENGTH * i), voucher));
+        if (held != 0) {
+            EXPECT_TRUE(locator.insert(plainRegion(0, LENGTH * TOKENS / 2, 0), voucher));
+        }
+        pool.destroyVoucher(voucher);
+        EXPECT_EQ(locator.getItemCount(), 1u);
+        EXPECT_EQ(tokensOut(locator), 1u) << nth;
+        return failed;
+    });
+}
+
 class Outcome : public FutureObserver<RcStatus>
 {
 public:
