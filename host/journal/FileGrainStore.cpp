@@ -91,7 +91,7 @@ struct DataReads
 
 FileGrainStore::FileGrainStore(Storage& storage, std::string folder, bool readOnly, AsyncFileIo& io)
     : m_storage(storage), m_folder(std::move(folder)), m_readOnly(readOnly), m_io(io),
-      m_maxOpenFiles(maxOpenFiles())
+      m_unwritten(TABLE_OFFSET_BYTES), m_maxOpenFiles(maxOpenFiles())
 {}
 
 FileGrainStore::~FileGrainStore() = default;
@@ -152,6 +152,8 @@ RcStatus FileGrainStore::file(GrainKind kind, u64 grain, FilePtr* out)
 
 RcStatus FileGrainStore::create(GrainKind kind, u64 grain)
 {
+    if (kind == GrainKind::Data)
+        m_unwritten.forget(grain);
     MutexGuard guard(m_mutex);
     std::unique_ptr<StorageFile> opened;
     RcStatus rc = openGrain(kind, grain, StorageAccess::Create, &opened);
@@ -189,15 +191,21 @@ RcStatus FileGrainStore::append(GrainKind kind, u64 grain, u32 firstBlock, const
         rc = target->pwrite(next + done, std::min(bytes - done, MOST_WRITE_BYTES),
                             u64{firstBlock} * BLOCK_BYTES + done);
     if (rc == RC_SUCCESS && kind == GrainKind::Data)
-        rc = target->pwrite(checksums, u64{blocks} * sizeof(u32),
-                            TABLE_OFFSET_BYTES + u64{firstBlock} * sizeof(u32));
+        rc = m_unwritten.add(grain, target, firstBlock, checksums, blocks);
     return rc;
+}
+
+RcStatus FileGrainStore::complete(u64 grain)
+{
+    return m_unwritten.write(grain, 0, SFS_GRAIN_BLOCKS);
 }
 
 RcStatus FileGrainStore::sync(GrainKind kind, u64 grain)
 {
     FilePtr target;
     RcStatus rc = file(kind, grain, &target);
+    if (rc == RC_SUCCESS && kind == GrainKind::Data)
+        rc = complete(grain);
     if (rc == RC_SUCCESS)
         rc = target->sync();
     return rc == RC_SUCCESS ? syncRemovals() : rc;
@@ -246,7 +254,9 @@ FutureStatus FileGrainStore::readData(std::vector<GrainRead> reads, AioPriority)
     state->m_checksums.reserve(state->m_reads.size());
     for (const GrainRead& read : state->m_reads) {
         FilePtr source;
-        const RcStatus rc = file(GrainKind::Data, read.m_grain, &source);
+        RcStatus rc = file(GrainKind::Data, read.m_grain, &source);
+        if (rc == RC_SUCCESS)
+            rc = m_unwritten.write(read.m_grain, read.m_firstBlock, read.m_blocks);
         if (rc != RC_SUCCESS) {
             future.set(rc == RC_NOT_FOUND ? RC_DAMAGED : rc);
             return future;
@@ -275,8 +285,10 @@ RcStatus FileGrainStore::readChecksums(StorageFile& source, u64 grain, u32 first
     const u32 begin = firstBlock - firstBlock % CHUNK;
     const u32 end = (firstBlock + blocks + CHUNK - 1) / CHUNK * CHUNK;
     u64 doneBytes = 0;
-    const RcStatus rc = source.pread(table.data(), u64{end - begin} * sizeof(u32),
-                                     TABLE_OFFSET_BYTES + u64{begin} * sizeof(u32), &doneBytes);
+    RcStatus rc = m_unwritten.write(grain, begin, end - begin);
+    if (rc == RC_SUCCESS)
+        rc = source.pread(table.data(), u64{end - begin} * sizeof(u32),
+                          TABLE_OFFSET_BYTES + u64{begin} * sizeof(u32), &doneBytes);
     if (rc != RC_SUCCESS)
         return rc;
     const u64 done = begin + doneBytes / sizeof(u32);
@@ -417,6 +429,8 @@ RcStatus FileGrainStore::cutMeta(u64 grain, u32 firstBlock)
 
 RcStatus FileGrainStore::remove(GrainKind kind, u64 grain)
 {
+    if (kind == GrainKind::Data)
+        m_unwritten.forget(grain);
     MutexGuard guard(m_mutex);
     m_files.erase({kind, grain});
     ++m_nameChanges;

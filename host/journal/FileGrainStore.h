@@ -15,6 +15,7 @@
 #include "host/journal/FilePieces.h"
 #include "host/journal/GrainStore.h"
 #include "host/journal/Storage.h"
+#include "host/journal/UnwrittenChecksums.h"
 
 class AsyncFileIo;
 
@@ -29,6 +30,7 @@ public:
     RcStatus reserve(GrainKind kind, u64 grain, u32 firstBlock, u32 blocks) override;
     RcStatus append(GrainKind kind, u64 grain, u32 firstBlock, const void* data, u32 blocks,
                     const u32* checksums) override;
+    RcStatus complete(u64 grain) override;
     RcStatus sync(GrainKind kind, u64 grain) override;
     RcStatus readMeta(u64 grain, u32 firstBlock, u32 blocks, void* data, u32* doneBlocks) override;
     FutureStatus readData(std::vector<GrainRead> reads, AioPriority priority) override;
@@ -67,6 +69,7 @@ private:
     bool m_readOnly;
     AsyncFileIo& m_io;
     ChecksumCache m_checksums; // what readDataNow() has read of the tables
+    UnwrittenChecksums m_unwritten;
 
     const size_t m_maxOpenFiles;
     Mutex m_mutex;

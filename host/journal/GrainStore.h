@@ -60,6 +60,10 @@ public:
     virtual RcStatus append(GrainKind kind, u64 grain, u32 firstBlock, const void* data, u32 blocks,
                             const u32* checksums) = 0;
 
+    // Hands on what append() has kept back of a data grain, its blocks' checksums, so that sync()
+    // has no part of them to find room for. After a failure it is kept, and may be tried again.
+    virtual RcStatus complete(u64 grain) = 0;
+
     // Makes the grain's existence and all that was appended before the call durable.
     virtual RcStatus sync(GrainKind kind, u64 grain) = 0;
 

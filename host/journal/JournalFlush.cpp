@@ -93,6 +93,9 @@ RcStatus JournalStore::Impl::writeGroup(const std::set<u64>& dirtyGrains)
     // Data first: a page that refers to data must not be durable before it.
     RcStatus rc = RC_SUCCESS;
     for (const u64 grain : dirtyGrains) {
+        rc = m_grains.complete(grain);
+        if (rc != RC_SUCCESS)
+            return rc;
         rc = m_grains.sync(GrainKind::Data, grain);
         if (rc != RC_SUCCESS)
             return ofDataSync(rc);

@@ -86,6 +86,7 @@ protected:
         crc32cOfBlocks(data.data(), BLOCKS, checksums.data());
         ASSERT_EQ(store.append(GrainKind::Data, 1, 0, data.data(), BLOCKS, checksums.data()),
                   RC_SUCCESS);
+        ASSERT_EQ(store.complete(1), RC_SUCCESS);
     }
 
     // The value that all blocks read have, or -1 with m_rc and m_bad.
