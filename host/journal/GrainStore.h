@@ -55,7 +55,7 @@ public:
     virtual RcStatus reserve(GrainKind kind, u64 grain, u32 firstBlock, u32 blocks) = 0;
 
     // Writes blocks at the grain's end, firstBlock. After a failure, or after a crash that lost
-    // what came later, the same place may be written again.
+    // what came later, the same place may be written again; so may metadata blocks of zeroes.
     // checksums: for data, the crc32c of each block; null for metadata.
     virtual RcStatus append(GrainKind kind, u64 grain, u32 firstBlock, const void* data, u32 blocks,
                             const u32* checksums) = 0;

@@ -5,6 +5,10 @@
 
 namespace {
 
+// How many pages are written ahead at once, at most.
+constexpr u64 AHEAD_PAGES = 128;
+constexpr u8 EMPTY_PAGES[AHEAD_PAGES * BLOCK_BYTES] = {};
+
 // Whatever a failed sync dropped of the data is gone, also when it was for want of space. One that
 // could not even open the grain has dropped nothing.
 RcStatus ofDataSync(RcStatus rc)
@@ -50,10 +54,11 @@ RcStatus JournalStore::Impl::flushLocked()
         m_flushing = true;
         std::set<u64> dirtyGrains;
         dirtyGrains.swap(m_dirtyGrains);
+        const u64 roomPage = m_roomPage;
         m_mutex.unlock();
         RcStatus rc = RC_IO_ERROR;
         try {
-            rc = writeGroup(dirtyGrains);
+            rc = writeGroup(dirtyGrains, roomPage);
         } catch (const std::bad_alloc&) {
             // How far it came is not known: nothing more is accepted.
         }
@@ -88,7 +93,7 @@ void JournalStore::Impl::endGroupLocked()
     m_group = JournalGroup();
 }
 
-RcStatus JournalStore::Impl::writeGroup(const std::set<u64>& dirtyGrains)
+RcStatus JournalStore::Impl::writeGroup(const std::set<u64>& dirtyGrains, u64 roomPage)
 {
     // Data first: a page that refers to data must not be durable before it.
     RcStatus rc = RC_SUCCESS;
@@ -111,12 +116,34 @@ RcStatus JournalStore::Impl::writeGroup(const std::set<u64>& dirtyGrains)
             return rc;
         page += count;
     }
+    rc = writeAhead(end, roomPage);
+    if (rc != RC_SUCCESS)
+        return rc;
     for (u64 grain = pageGrain(m_group.m_firstPage); grain <= pageGrain(end - 1); ++grain) {
         rc = m_grains.sync(GrainKind::Meta, grain);
         if (rc != RC_SUCCESS)
             return ofMetaSync(rc);
     }
     return RC_SUCCESS;
+}
+
+// Syncing a file that got new blocks or a new size makes the file system write its own metadata
+// as well, and wait for that. So once in many groups the file grows by pages that mean nothing yet,
+// and the groups that follow only write over them.
+RcStatus JournalStore::Impl::writeAhead(u64 endPage, u64 roomPage)
+{
+    if (endPage <= m_aheadPage || pageInGrain(endPage) == 0)
+        return RC_SUCCESS;
+    const u64 grainEnd = pageGrain(endPage) * JOURNAL_PAGES_PER_GRAIN;
+    const u64 ahead = std::min({roomPage, grainEnd, endPage + AHEAD_PAGES});
+    if (ahead <= endPage)
+        return RC_SUCCESS;
+    const RcStatus rc = m_grains.append(GrainKind::Meta, pageGrain(endPage), pageInGrain(endPage),
+                                        EMPTY_PAGES, static_cast<u32>(ahead - endPage), nullptr);
+    if (rc == RC_SUCCESS)
+        m_aheadPage = ahead;
+    // What there is no room for is not needed.
+    return rc == RC_NO_SPACE ? RC_SUCCESS : rc;
 }
 
 RcStatus JournalStore::Impl::close()
@@ -154,12 +181,15 @@ RcStatus JournalStore::Impl::markEndLocked()
         page.m_count = page.m_continuation = 0;
         page.m_groupDistance = 0;
         sealPage(page);
-        rc = writeGroup({});
+        rc = writeGroup({}, m_group.m_firstPage + 1);
     } catch (const std::bad_alloc&) {
         rc = RC_NO_MEMORY;
     }
     if (rc == RC_SUCCESS)
         endGroupLocked();
     m_endsMarked = rc == RC_SUCCESS;
+    // What was written ahead goes, so that a journal that was ended in order is its pages alone.
+    if (rc == RC_SUCCESS && m_aheadPage > m_endPage)
+        rc = m_grains.cutMeta(pageGrain(m_endPage), pageInGrain(m_endPage));
     return rc;
 }

@@ -1,6 +1,7 @@
 #include "host/journal/JournalFormat.h"
 
 #include <cstddef>
+#include <cstring>
 
 #include "host/journal/Crc32c.h"
 
@@ -41,6 +42,12 @@ void sealPage(JournalPage& page)
         page.m_items[slot] = SfsDiskMetaItem();
     page.m_magic = JOURNAL_PAGE_MAGIC;
     page.m_crc = pageChecksum(page);
+}
+
+bool isPageEmpty(const JournalPage& page)
+{
+    static constexpr u8 EMPTY[sizeof(JournalPage)] = {};
+    return std::memcmp(&page, EMPTY, sizeof(page)) == 0;
 }
 
 bool isPageIntact(const JournalPage& page, u64 pageNumber)

@@ -66,6 +66,9 @@ u32 storedBlocks(const SfsDiskMetaItem& item);
 // Sets magic and checksum; unused slots are zeroed.
 void sealPage(JournalPage& page);
 
+// Whether the page is all zeroes: there, but never written as part of the journal.
+bool isPageEmpty(const JournalPage& page);
+
 // Whether the page is whole and belongs at that place.
 bool isPageIntact(const JournalPage& page, u64 pageNumber);
 

@@ -223,11 +223,37 @@ private:
         std::vector<u64> found;
         RcStatus rc = listGrains(&found);
         u32 blocks = 0;
+        m_foundPages = 0;
         for (size_t i = found.size(); i > 0 && rc == RC_SUCCESS && blocks == 0; --i) {
             rc = m_grains.metaBlocks(found[i - 1], &blocks);
-            m_foundPages = (found[i - 1] - 1) * JOURNAL_PAGES_PER_GRAIN + blocks;
+            if (rc == RC_SUCCESS)
+                rc = leaveOutEmptyPages(found[i - 1], &blocks);
+            if (blocks > 0)
+                m_foundPages = (found[i - 1] - 1) * JOURNAL_PAGES_PER_GRAIN + blocks;
         }
         return rc;
+    }
+
+    // Pages of zeroes at a grain's end were written ahead of those that were to come, and mean
+    // nothing. *blocks: the grain's length, with and then without them.
+    RcStatus leaveOutEmptyPages(u64 grain, u32* blocks)
+    {
+        std::vector<JournalPage> pages(FIRST_CHUNK_PAGES);
+        while (*blocks > 0) {
+            const u32 count = std::min(*blocks, FIRST_CHUNK_PAGES);
+            u32 done = 0;
+            const RcStatus rc =
+                m_grains.readMeta(grain, *blocks - count, count, pages.data(), &done);
+            if (rc != RC_SUCCESS)
+                return rc;
+            // The last one may be there in part only, and is none of those.
+            if (done < count)
+                return RC_SUCCESS;
+            for (; done > 0; --done, --*blocks)
+                if (!isPageEmpty(pages[done - 1]))
+                    return RC_SUCCESS;
+        }
+        return RC_SUCCESS;
     }
 
     GrainStore& m_grains;

@@ -68,8 +68,11 @@ struct JournalStore::Impl
     // or memory, nothing more is accepted.
     RcStatus failLocked(RcStatus rc, const char* what) RL_REQUIRES(m_mutex);
 
-    // Writes the group that m_group holds; called by the one thread that flushes.
-    RcStatus writeGroup(const std::set<u64>& dirtyGrains);
+    // Writes the group that m_group holds; called by the one thread that flushes. roomPage: there
+    // is room for the pages before it.
+    RcStatus writeGroup(const std::set<u64>& dirtyGrains, u64 roomPage);
+    // Writes empty pages from the group's end on, where the group reached what had been.
+    RcStatus writeAhead(u64 endPage, u64 roomPage);
 
     Storage& m_storage;
     const JournalOptions m_options;
@@ -114,6 +117,7 @@ struct JournalStore::Impl
     // be written again as it is: pages of two attempts must not differ. Only the flushing thread
     // reads it unlocked.
     JournalGroup m_group;
+    u64 m_aheadPage = 0; // pages before it are written, if only as empty ones; like m_group
     u64 m_groupAccepted RL_GUARDED_BY(m_mutex) = 0; // m_accepted at its end
     bool m_flushing RL_GUARDED_BY(m_mutex) = false; // one thread flushes or syncs metadata
     u64 m_flushedAccepted RL_GUARDED_BY(m_mutex) = 0;
