@@ -200,6 +200,13 @@ RcStatus FileGrainStore::complete(u64 grain)
     return m_unwritten.write(grain, 0, SFS_GRAIN_BLOCKS);
 }
 
+void FileGrainStore::startSync(u64 grain, u32 firstBlock, u32 blocks)
+{
+    FilePtr target;
+    if (file(GrainKind::Data, grain, &target) == RC_SUCCESS)
+        target->startSync(u64{firstBlock} * BLOCK_BYTES, u64{blocks} * BLOCK_BYTES);
+}
+
 RcStatus FileGrainStore::sync(GrainKind kind, u64 grain)
 {
     FilePtr target;

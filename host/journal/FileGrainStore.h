@@ -31,6 +31,7 @@ public:
     RcStatus append(GrainKind kind, u64 grain, u32 firstBlock, const void* data, u32 blocks,
                     const u32* checksums) override;
     RcStatus complete(u64 grain) override;
+    void startSync(u64 grain, u32 firstBlock, u32 blocks) override;
     RcStatus sync(GrainKind kind, u64 grain) override;
     RcStatus readMeta(u64 grain, u32 firstBlock, u32 blocks, void* data, u32* doneBlocks) override;
     FutureStatus readData(std::vector<GrainRead> reads, AioPriority priority) override;

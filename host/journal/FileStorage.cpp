@@ -122,6 +122,12 @@ RcStatus PosixFile::pwrite(const void* data, u64 bytes, u64 offsetBytes)
     return RC_SUCCESS;
 }
 
+void PosixFile::startSync(u64 offsetBytes, u64 bytes)
+{
+    static_cast<void>(::sync_file_range(m_fd, static_cast<off_t>(offsetBytes),
+                                        static_cast<off_t>(bytes), SYNC_FILE_RANGE_WRITE));
+}
+
 RcStatus PosixFile::sync()
 {
     return rcFromErrno(withoutInterruption([&] { return ::fdatasync(m_fd); }));

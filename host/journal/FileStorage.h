@@ -19,6 +19,7 @@ public:
     RcStatus pread(void* data, u64 bytes, u64 offsetBytes, u64* doneBytes) override;
     RcStatus preadv(const iovec* places, int count, u64 offsetBytes, u64* doneBytes) override;
     RcStatus pwrite(const void* data, u64 bytes, u64 offsetBytes) override;
+    void startSync(u64 offsetBytes, u64 bytes) override;
     RcStatus sync() override;
     RcStatus size(u64* bytes) override; // of a block device too
     RcStatus truncate(u64 bytes) override;

@@ -64,6 +64,9 @@ public:
     // has no part of them to find room for. After a failure it is kept, and may be tried again.
     virtual RcStatus complete(u64 grain) = 0;
 
+    // A word that data blocks that were appended will be synced soon; waits for nothing.
+    virtual void startSync(u64 grain, u32 firstBlock, u32 blocks) = 0;
+
     // Makes the grain's existence and all that was appended before the call durable.
     virtual RcStatus sync(GrainKind kind, u64 grain) = 0;
 

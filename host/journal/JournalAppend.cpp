@@ -17,6 +17,10 @@ constexpr u64 MOST_CLOCK_BEHIND_US = u64{5} * 60 * 1000000;
 // A data block and its checksum.
 constexpr u64 STORED_BLOCK_BYTES = BLOCK_BYTES + sizeof(u32);
 
+// Data of small flush groups is sent on its way in runs of so many blocks, as soon as one is full.
+constexpr u32 RUN_BLOCKS = 256;
+constexpr u64 SMALL_GROUP_BLOCKS = 2048;
+
 // Items pack into pages; how many these take at most is known only when they are packed.
 u64 pagesFor(u64 items)
 {
@@ -154,9 +158,23 @@ RcStatus JournalStore::Impl::storePieceLocked(JournalPiece& piece)
     if (rc == RC_SUCCESS)
         rc = m_grains.append(GrainKind::Data, m_dataGrain, m_dataBlock, piece.m_stored,
                              piece.m_storedBlocks, piece.m_checksums.data());
-    if (rc == RC_SUCCESS)
+    if (rc == RC_SUCCESS) {
+        const u32 firstBlock = m_dataBlock;
         m_dataBlock += piece.m_storedBlocks;
+        m_groupBlocks += piece.m_storedBlocks;
+        startSyncLocked(firstBlock);
+    }
     return rc;
+}
+
+// Who flushes every few writes waits for the disk each time, the shorter the more it has got by
+// then. Who does not would only pay for more and smaller writes to the disk.
+void JournalStore::Impl::startSyncLocked(u32 firstBlock)
+{
+    const u32 begin = firstBlock - firstBlock % RUN_BLOCKS;
+    const u32 end = m_dataBlock - m_dataBlock % RUN_BLOCKS;
+    if (begin < end && std::max(m_lastGroupBlocks, m_groupBlocks) <= SMALL_GROUP_BLOCKS)
+        m_grains.startSync(m_dataGrain, begin, end - begin);
 }
 
 RcStatus JournalStore::Impl::nextGrainLocked()

@@ -80,6 +80,8 @@ void JournalStore::Impl::beginGroupLocked()
     m_group = packGroup(m_pending, m_endPage, m_durableItems);
     m_groupAccepted = m_accepted;
     m_pending.clear();
+    m_lastGroupBlocks = m_groupBlocks;
+    m_groupBlocks = 0;
 }
 
 void JournalStore::Impl::endGroupLocked()

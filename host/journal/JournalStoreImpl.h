@@ -48,6 +48,8 @@ struct JournalStore::Impl
         RL_REQUIRES(m_mutex);
     RcStatus storePieceLocked(JournalPiece& piece) RL_REQUIRES(m_mutex);
     RcStatus nextGrainLocked() RL_REQUIRES(m_mutex);
+    // Sends what is stored from firstBlock on to the disk, where the flushes are small.
+    void startSyncLocked(u32 firstBlock) RL_REQUIRES(m_mutex);
 
     // Room on the disk is taken before something is accepted, so that a full disk refuses it and
     // never fails the flush. RC_NO_SPACE: there is none; a part of it may have been taken.
@@ -100,6 +102,8 @@ struct JournalStore::Impl
     u32 m_dataBlock RL_GUARDED_BY(m_mutex) = SFS_GRAIN_BLOCKS;
     std::set<u64> m_dirtyGrains RL_GUARDED_BY(m_mutex); // data grains not synced since an append
     u64 m_storedBlocks RL_GUARDED_BY(m_mutex) = 0;
+    u64 m_groupBlocks RL_GUARDED_BY(m_mutex) = 0;           // stored since the last group was begun
+    u64 m_lastGroupBlocks RL_GUARDED_BY(m_mutex) = ~u64{0}; // and how many that one had
 
     // What room is taken for: the blocks of one data grain before a block, and all pages before a
     // page that are not flushed yet.

@@ -46,6 +46,14 @@ public:
     // Writes all of it, growing the file where it ends before the range.
     virtual RcStatus pwrite(const void* data, u64 bytes, u64 offsetBytes) = 0;
 
+    // A word that this range will be synced soon, so that what pwrite() brought of it may be on its
+    // way to the disk meanwhile. Waits for nothing, and what fails of it sync() says.
+    virtual void startSync(u64 offsetBytes, u64 bytes)
+    {
+        static_cast<void>(offsetBytes);
+        static_cast<void>(bytes);
+    }
+
     virtual RcStatus sync() = 0;
     virtual RcStatus size(u64* bytes) = 0;
     virtual RcStatus truncate(u64 bytes) = 0;

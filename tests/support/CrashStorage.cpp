@@ -71,6 +71,12 @@ public:
         return m_storage.takeSectors(*m_inode, first, count) < count ? RC_NO_SPACE : RC_SUCCESS;
     }
 
+    void startSync(u64, u64 bytes) override
+    {
+        std::lock_guard<std::mutex> guard(m_storage.m_mutex);
+        m_storage.m_startedBytes += bytes; // and any part of it may be lost all the same
+    }
+
     RcStatus sync() override
     {
         std::lock_guard<std::mutex> guard(m_storage.m_mutex);
@@ -277,6 +283,12 @@ u64 CrashStorage::changes() const
 {
     std::lock_guard<std::mutex> guard(m_mutex);
     return m_changes;
+}
+
+u64 CrashStorage::startedBytes() const
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return m_startedBytes;
 }
 
 bool CrashStorage::isDead() const

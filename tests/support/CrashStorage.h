@@ -68,6 +68,9 @@ public:
     u64 changes() const;
     bool isDead() const;
 
+    // How many bytes were to be on their way before they are synced.
+    u64 startedBytes() const;
+
     // Lets the n-th call of a kind from now (1 is the next one) fail; `always`: and all after it.
     void failCall(Call call, u64 n, RcStatus rc, bool always = false);
     void noFaults();
@@ -144,6 +147,7 @@ private:
     Names m_durable;
     std::vector<NameChange> m_unsyncedNames;
     u64 m_changes = 0;
+    u64 m_startedBytes = 0;
     u64 m_dieAfter = ~u64{0};
     u64 m_capacity = ~u64{0}; // sectors
     struct Fault
