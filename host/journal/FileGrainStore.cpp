@@ -27,9 +27,10 @@ size_t maxOpenFiles()
 }
 
 // Most bytes of one call. A journal writes to pages that are new to the page cache, and the kernel
-// takes them in runs up to the call's length: the longer, the rarer from memory that was in use a
-// moment ago, and other memory a virtual machine may first have to ask its host for.
-constexpr u64 MOST_WRITE_BYTES = u64{128} << 10;
+// takes them in runs up to the call's length. Long runs cost less than short ones; but the longer,
+// the rarer they come from memory that was in use a moment ago, and other memory a virtual machine
+// may first have to ask its host for.
+constexpr u64 MOST_WRITE_BYTES = u64{256} << 10;
 
 // What readDataNow() reads before it checks it: half of what a processor's own cache has, or so.
 constexpr u32 STEP_BLOCKS = 512;
