@@ -58,12 +58,14 @@ void RegionDirectoryMemory::swap(RegionDirectoryMemory& other)
 
 // ---- the directory ----
 
-u64 RegionDirectory::wantedSlots(u64 regions, u64 slots)
+u64 RegionDirectory::wantedSlots(u64 regions, u64 slots, u64 noted)
 {
     if (regions < LEAST_REGIONS)
         return 0;
-    if (slots >= regions && slots < MOST_SLOTS_A_REGION * regions)
-        return slots;
+    if (slots >= regions && slots < MOST_SLOTS_A_REGION * regions) {
+        const bool isCrowded = regions > regionsToLookAgain(slots) && noted < regions - regions / 4;
+        return isCrowded && slots < MOST_SLOTS ? 2 * slots : slots;
+    }
     return std::min(std::bit_ceil(regions), MOST_SLOTS);
 }
 

@@ -12,7 +12,9 @@
 // It is an accelerator and never the truth: it may be empty, forget anything, and be thrown away at
 // any time. What it does hold is a node of the map, always: whoever takes a node out of the map, or
 // moves it, says so. Where regions are crowded it knows one of several, and the tree is searched
-// when that one is not near enough.
+// when that one is not near enough. Regions on a grid have a
+// granule each. Where they lie anywhere, a third or more share one with others: then a table twice
+// as long, with granules half as long, knows most of them.
 //
 // Memory: 8 bytes a slot, and at least one slot but less than three a region. It comes from the
 // process-wide pool, on the account of the locator's nodes, when tokens are reserved, and never
@@ -77,8 +79,11 @@ public:
     static constexpr u64 MOST_SLOTS_A_REGION = 3;
 
     // How many slots a map of so many regions should have when it has `slots` now: as many as now
-    // while that is within bounds, else 0 or a power of two.
-    static u64 wantedSlots(u64 regions, u64 slots);
+    // while that is within bounds, else 0 or a power of two. noted: how many of them are known;
+    // where it is few of the regions, as many slots again make most of them known.
+    static u64 wantedSlots(u64 regions, u64 slots, u64 noted);
+    // So many regions are worth another look at how many of them are known.
+    static u64 regionsToLookAgain(u64 slots) { return slots - slots / 4; }
 
     bool isOn() const { return m_memory.slots() != 0; }
     u64 slots() const { return m_memory.slots(); }

@@ -487,7 +487,8 @@ u64 CountedRegionMap::wantedDirectorySlots() const
     const u64 from = slots == 0 ? m_accelerators.m_directoryFromRegions : leastWithDirectory();
     if (!m_accelerators.m_directory || size() < from)
         return 0;
-    return RegionDirectory::wantedSlots(size(), slots);
+    // Where the tree's nodes are in the cache, what is not known is found there as fast.
+    return RegionDirectory::wantedSlots(size(), slots, isLarge() ? m_directory.noted() : size());
 }
 
 void CountedRegionMap::installDirectory(RegionDirectoryMemory& memory)
@@ -509,7 +510,10 @@ void CountedRegionMap::setDirectoryBounds()
     } else {
         m_directoryLeast =
             std::max(slots / RegionDirectory::MOST_SLOTS_A_REGION + 1, leastWithDirectory());
-        m_directorySpan = slots - m_directoryLeast;
+        const u64 again = RegionDirectory::regionsToLookAgain(slots);
+        m_directorySpan = (size() > again ? slots : again) - m_directoryLeast;
+        if (wantedDirectorySlots() != slots)
+            m_directorySpan = 0; // not what it should be, so it is due
     }
 }
 

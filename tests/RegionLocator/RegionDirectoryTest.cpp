@@ -1,8 +1,10 @@
 #include "RegionLocator/RegionDirectory.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <memory>
+#include <random>
 #include <utility>
 
 #include "tests/support/Accelerators.h"
@@ -17,11 +19,16 @@ using Access = RegionLocatorTestAccess;
 
 // ---- its size ----
 
-TEST(RegionDirectorySizeTest, IsAtLeastOneSlotAndLessThanThreeARegion)
+// Whatever is known of the regions: all, or as many as make it twice as long.
+class RegionDirectorySizeTest : public testing::TestWithParam<bool>
+{};
+
+TEST_P(RegionDirectorySizeTest, IsAtLeastOneSlotAndLessThanThreeARegion)
 {
     u64 slots = 0;
-    const auto check = [&slots](u64 regions) {
-        slots = RegionDirectory::wantedSlots(regions, slots);
+    const auto noted = [](u64 regions) { return GetParam() ? regions * 7 / 10 : regions; };
+    const auto check = [&slots, &noted](u64 regions) {
+        slots = RegionDirectory::wantedSlots(regions, slots, noted(regions));
         ASSERT_EQ(slots & (slots - 1), 0U) << regions;
         if (slots != 0) {
             ASSERT_GE(slots, regions);
@@ -30,18 +37,29 @@ TEST(RegionDirectorySizeTest, IsAtLeastOneSlotAndLessThanThreeARegion)
     };
     for (u64 regions = 0; regions < 100000; ++regions)
         check(regions);
-    EXPECT_EQ(slots, 131072U);
+    EXPECT_EQ(slots, GetParam() ? 262144U : 131072U);
     for (u64 regions = 100000; regions-- > 0;)
         check(regions);
     EXPECT_EQ(slots, 0U);
 }
 
-TEST(RegionDirectorySizeTest, StaysWhileItIsWithinBounds)
+INSTANTIATE_TEST_SUITE_P(IsCrowded, RegionDirectorySizeTest, testing::Bool());
+
+TEST(RegionDirectorySlotsTest, StayWhileTheyAreWithinBounds)
 {
-    EXPECT_EQ(RegionDirectory::wantedSlots(1000, 1024), 1024U);
-    EXPECT_EQ(RegionDirectory::wantedSlots(342, 1024), 1024U);
-    EXPECT_EQ(RegionDirectory::wantedSlots(341, 1024), 512U);
-    EXPECT_EQ(RegionDirectory::wantedSlots(1025, 1024), 2048U);
+    EXPECT_EQ(RegionDirectory::wantedSlots(1000, 1024, 1000), 1024U);
+    EXPECT_EQ(RegionDirectory::wantedSlots(342, 1024, 342), 1024U);
+    EXPECT_EQ(RegionDirectory::wantedSlots(341, 1024, 341), 512U);
+    EXPECT_EQ(RegionDirectory::wantedSlots(1025, 1024, 1024), 2048U);
+}
+
+TEST(RegionDirectorySlotsTest, AreTwiceAsManyWhereRegionsAreCrowded)
+{
+    EXPECT_EQ(RegionDirectory::wantedSlots(800, 1024, 600), 1024U) << "three quarters are known";
+    EXPECT_EQ(RegionDirectory::wantedSlots(800, 1024, 599), 2048U);
+    EXPECT_EQ(RegionDirectory::wantedSlots(769, 1024, 540), 2048U);
+    EXPECT_EQ(RegionDirectory::wantedSlots(768, 1024, 540), 1024U) << "half are free soon enough";
+    EXPECT_EQ(RegionDirectory::wantedSlots(800, 2048, 560), 2048U) << "it is already";
 }
 
 // ---- its memory ----
@@ -362,6 +380,25 @@ TEST(LocatorDirectoryTest, IsAskedForAgainWhenTheSizeHasChangedByAnEighth)
     EXPECT_TRUE(map.isDirectoryDue());
     map.keepDirectory();
     EXPECT_TRUE(map.isDirectoryDue()); // 158 regions should have one
+}
+
+// Regions that lie anywhere: as many slots as it takes to know most of them, when there are many.
+TEST(LocatorDirectoryTest, IsTwiceAsLongForRegionsAnywhereThanForThoseOnAGrid)
+{
+    const LogCapture log;
+    constexpr u64 REGIONS = 14000;
+    const Accelerators on(Accelerators::DIRECTORY, 100);
+    for (const bool isOnGrid : {true, false}) {
+        std::mt19937_64 random(5);
+        RegionLocator locator(1, RL_MMI_View);
+        CountedRegionMap& map = *RegionLocatorTestAccess::unlockedMap(locator);
+        while (map.size() < REGIONS) {
+            const u64 place = random() % (8 * REGIONS * 4);
+            insertRegion(locator, plainRegion(isOnGrid ? place / 8 * 8 : place, 4, 8 * map.size()));
+            ASSERT_LE(locator.getAcceleratorBytes(), 24 * std::max<u64>(map.size(), 1));
+        }
+        EXPECT_EQ(map.directorySlots(), isOnGrid ? 16384U : 32768U);
+    }
 }
 
 TEST(LocatorDirectoryTest, IsNotThereWhenItIsSwitchedOff)
