@@ -12,9 +12,9 @@
 // It is an accelerator and never the truth: it may be empty, forget anything, and be thrown away at
 // any time. What it does hold is a node of the map, always: whoever takes a node out of the map, or
 // moves it, says so. Where regions are crowded it knows one of several, and the tree is searched
-// when that one is not near enough. Regions on a grid have a
-// granule each. Where they lie anywhere, a third or more share one with others: then a table twice
-// as long, with granules half as long, knows most of them.
+// when that one is not near enough. Regions on a grid have a granule each. Where they lie anywhere,
+// a third or more share one with others: then a table twice as long, with granules half as long,
+// knows most of them.
 //
 // Memory: 8 bytes a slot, and at least one slot but less than three a region. It comes from the
 // process-wide pool, on the account of the locator's nodes, when tokens are reserved, and never
